@@ -1,0 +1,450 @@
+// Reading a session save file back into the running session.
+//
+// The file is read twice.  The first pass checks everything (bounds,
+// counts, types, references, structure definitions against those in force)
+// without touching the session; only then does the second pass build the
+// values, give every saved heap variable a new heap identifier, remap every
+// reference and install the variables.  A failure in the second pass (memory
+// running out) undoes what it made, so a bad or unreadable file leaves the
+// session as it was.
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <iterator>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "internal.h"
+#include "save_format.h"
+
+namespace qvahost {
+namespace {
+
+using savefile::Reader;
+
+struct Corrupt {
+  std::string why;
+};
+struct OutOfMemory {};
+
+[[noreturn]] void corrupt(const std::string &why) { throw Corrupt{why}; }
+
+bool scalar_type(int t) {
+  switch (t) {
+    case QVA_TYP_BYTE: case QVA_TYP_INT: case QVA_TYP_LONG: case QVA_TYP_DOUBLE:
+    case QVA_TYP_STRING: case QVA_TYP_PTR: case QVA_TYP_OBJREF: case QVA_TYP_LONG64:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Bytes the smallest encoding of one element of a type takes.
+uint64_t min_encoded(int type) { return type == QVA_TYP_STRING ? 4 : type_size(type); }
+
+struct SavedTag {
+  std::string name;
+  int type = 0;
+  int32_t sub = -1;  // definition index for a structure field
+  int n_dim = 0;
+  QVA_MEMINT dims[QVA_MAX_ARRAY_DIM] = {};
+  QVA_MEMINT n_elts = 1;
+};
+
+struct SavedSdef {
+  std::string name;
+  bool hidden = false;
+  int32_t super = -1;
+  std::vector<SavedTag> own;
+  std::vector<SavedTag> all;  // inherited fields first
+  int depth = 1;
+  uint64_t min_bytes = 0;     // smallest encoding of one element
+  QVA_SDEF live = nullptr;    // the definition in force, when there is one
+  // Where each saved field goes in the live layout (nullptr: dropped).
+  std::vector<const TagInfo *> target;
+};
+
+struct SavedHeap {
+  QVA_HVID id;
+  uint32_t flags;
+  const uint8_t *value;
+};
+
+struct SavedVar {
+  std::string name;
+  const uint8_t *value;
+};
+
+class Restorer {
+ public:
+  Restorer(const uint8_t *data, size_t size) : r_(data, size), data_(data), size_(size) {}
+  void check(bool verify_checksum);
+  std::vector<std::string> commit();
+
+ private:
+  enum Mode { kCheck, kBuild };
+
+  void read_sdefs();
+  void resolve(SavedSdef &sd, size_t index);
+  void read_value(Mode mode, QVA_VPTR out);
+  void read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_MEMINT n);
+  void read_dims(int *n_dim, QVA_MEMINT *dims, QVA_MEMINT *n_elts, uint64_t elt_min);
+  void map_fields(SavedSdef &sd);
+  void rollback();
+
+  Reader r_;
+  const uint8_t *data_;
+  size_t size_;
+  std::vector<SavedSdef> sdefs_;
+  std::vector<SavedHeap> heap_;
+  std::vector<SavedVar> vars_;
+  std::unordered_set<QVA_HVID> referenced_;
+  std::unordered_map<QVA_HVID, QVA_HVID> new_id_;
+  std::vector<QVA_HVID> made_heap_;
+  std::vector<QVA_VARIABLE> staged_;
+};
+
+void Restorer::read_dims(int *n_dim, QVA_MEMINT *dims, QVA_MEMINT *n_elts, uint64_t elt_min) {
+  *n_dim = r_.u8();
+  if (*n_dim < 1 || *n_dim > QVA_MAX_ARRAY_DIM) corrupt("bad number of dimensions");
+  uint64_t n = 1;
+  for (int d = 0; d < *n_dim; ++d) {
+    int64_t len = r_.i64();
+    if (len < 1) corrupt("bad dimension");
+    if (__builtin_mul_overflow(n, static_cast<uint64_t>(len), &n)) corrupt("array too large");
+    dims[d] = len;
+  }
+  // Every element takes at least elt_min bytes of the file: an array larger
+  // than the rest of the file is a lie, and must not make us allocate.
+  uint64_t need;
+  if (__builtin_mul_overflow(n, elt_min, &need) || need > r_.left()) corrupt("array larger than the file");
+  *n_elts = static_cast<QVA_MEMINT>(n);
+}
+
+void Restorer::read_sdefs() {
+  uint32_t count = r_.u32();
+  if (count > r_.left() / 10) corrupt("too many structure definitions");
+  std::unordered_set<std::string> names;
+  for (uint32_t i = 0; i < count; ++i) {
+    SavedSdef sd;
+    sd.name = r_.text();
+    if (!sd.name.empty()) {
+      if (!ident_valid(sd.name.data(), sd.name.size())) corrupt("bad structure name");
+      if (!names.insert(sd.name).second) corrupt("structure defined twice: " + sd.name);
+    }
+    sd.hidden = r_.u8() != 0;
+    sd.super = r_.i32();
+    if (sd.super < -1 || sd.super >= static_cast<int32_t>(i)) corrupt("bad inherited structure");
+    if (sd.super >= 0) sd.all = sdefs_[sd.super].all;
+    uint32_t n_own = r_.u32();
+    if (n_own > r_.left() / 10) corrupt("too many fields");
+    for (uint32_t k = 0; k < n_own; ++k) {
+      SavedTag t;
+      t.name = r_.text();
+      if (!ident_valid(t.name.data(), t.name.size())) corrupt("bad field name");
+      for (const SavedTag &other : sd.all)
+        if (other.name == t.name) corrupt("field defined twice: " + t.name);
+      t.type = r_.u8();
+      t.sub = r_.i32();
+      if (t.type == QVA_TYP_STRUCT) {
+        if (t.sub < 0 || t.sub >= static_cast<int32_t>(i)) corrupt("bad field structure");
+      } else if (!scalar_type(t.type) || t.sub != -1) {
+        corrupt("bad field type");
+      }
+      t.n_dim = r_.u8();
+      if (t.n_dim > QVA_MAX_ARRAY_DIM) corrupt("bad field dimensions");
+      uint64_t n = 1;
+      for (int d = 0; d < t.n_dim; ++d) {
+        t.dims[d] = r_.i64();
+        if (t.dims[d] < 1 || __builtin_mul_overflow(n, static_cast<uint64_t>(t.dims[d]), &n) ||
+            n > (1u << 24))
+          corrupt("bad field dimensions");
+      }
+      t.n_elts = static_cast<QVA_MEMINT>(n);
+      sd.own.push_back(t);
+      sd.all.push_back(t);
+    }
+    if (sd.all.empty()) corrupt("structure without fields");
+    for (const SavedTag &t : sd.all) {
+      uint64_t elt = t.type == QVA_TYP_STRUCT ? sdefs_[t.sub].min_bytes : min_encoded(t.type);
+      if (t.type == QVA_TYP_STRUCT) sd.depth = std::max(sd.depth, sdefs_[t.sub].depth + 1);
+      sd.min_bytes += elt * static_cast<uint64_t>(t.n_elts);
+    }
+    if (sd.depth > savefile::kMaxStructDepth) corrupt("structures nested too deeply");
+    if (sd.min_bytes > (uint64_t{1} << 40)) corrupt("structure too large");
+    resolve(sd, i);
+    sdefs_.push_back(std::move(sd));
+  }
+}
+
+// Compares a saved definition with the one in force of the same name.  An
+// identical one is used as it is; a different one is still used, with the
+// saved fields matched by name (fields it lacks are dropped, fields the
+// file lacks stay zero), provided every field both have agrees in type and
+// size.  Anything else is refused rather than guessed at.
+void Restorer::resolve(SavedSdef &sd, size_t index) {
+  (void)index;
+  if (sd.name.empty()) return;
+  sd.live = sdef_find(ident_of(sd.name));
+  if (!sd.live) return;
+  for (const SavedTag &t : sd.all) {
+    const TagInfo *live = sdef_tag(sd.live, t.name.c_str());
+    if (!live) continue;
+    bool same = live->type == t.type && live->n_elts == t.n_elts;
+    if (same && t.type == QVA_TYP_STRUCT) same = sdefs_[t.sub].live == live->sdef;
+    if (!same)
+      corrupt("structure " + sd.name + " conflicts with the definition in force (field " +
+              t.name + ")");
+  }
+}
+
+void Restorer::read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_MEMINT n) {
+  switch (type) {
+    case QVA_TYP_BYTE: case QVA_TYP_INT: case QVA_TYP_LONG: case QVA_TYP_DOUBLE:
+    case QVA_TYP_LONG64: {
+      size_t bytes = static_cast<size_t>(n) * type_size(type);
+      const uint8_t *src = r_.skip(bytes);
+      if (dst) std::memcpy(dst, src, bytes);
+      return;
+    }
+    case QVA_TYP_STRING:
+      for (QVA_MEMINT i = 0; i < n; ++i) {
+        uint32_t len = r_.u32();
+        if (len > INT32_MAX) corrupt("string too long");
+        const uint8_t *s = r_.skip(len);
+        if (dst) string_set(reinterpret_cast<QVA_STRING *>(dst) + i,
+                            reinterpret_cast<const char *>(s), len);
+      }
+      return;
+    case QVA_TYP_PTR:
+    case QVA_TYP_OBJREF:
+      for (QVA_MEMINT i = 0; i < n; ++i) {
+        QVA_HVID id = r_.u32();
+        if (mode == kCheck && id) referenced_.insert(id);
+        if (dst) {
+          QVA_HVID mapped = id ? new_id_.at(id) : 0;
+          std::memcpy(dst + i * sizeof(QVA_HVID), &mapped, sizeof mapped);
+        }
+      }
+      return;
+    case QVA_TYP_STRUCT: {
+      const SavedSdef &sd = sdefs_[sdef];
+      for (QVA_MEMINT i = 0; i < n; ++i) {
+        QVA_UCHAR *elt = dst ? dst + i * static_cast<QVA_MEMINT>(sd.live->length) : nullptr;
+        for (size_t k = 0; k < sd.all.size(); ++k) {
+          const SavedTag &t = sd.all[k];
+          const TagInfo *to = elt ? sd.target[k] : nullptr;
+          read_elts(mode, t.type, t.sub, to ? elt + to->offset : nullptr, t.n_elts);
+        }
+      }
+      return;
+    }
+    default:
+      corrupt("bad value type");
+  }
+}
+
+// Reads one value: checks it (mode kCheck, out ignored) or builds it into
+// `out`, an undefined variable (mode kBuild).
+void Restorer::read_value(Mode mode, QVA_VPTR out) {
+  int type = r_.u8();
+  if (type == QVA_TYP_UNDEF) return;
+  int shape = r_.u8();
+  if (shape == savefile::kScalar) {
+    if (!scalar_type(type)) corrupt("bad scalar type");
+    if (mode == kBuild) {
+      out->type = static_cast<QVA_UCHAR>(type);
+      read_elts(mode, type, -1, reinterpret_cast<QVA_UCHAR *>(&out->value), 1);
+    } else {
+      read_elts(mode, type, -1, nullptr, 1);
+    }
+    return;
+  }
+  int32_t sdef = -1;
+  if (shape == savefile::kStructArray) {
+    if (type != QVA_TYP_STRUCT) corrupt("bad structure value");
+    sdef = static_cast<int32_t>(r_.u32());
+    if (sdef < 0 || sdef >= static_cast<int32_t>(sdefs_.size())) corrupt("bad structure index");
+  } else if (shape != savefile::kArray || !scalar_type(type)) {
+    corrupt("bad value shape");
+  }
+  int n_dim;
+  QVA_MEMINT dims[QVA_MAX_ARRAY_DIM];
+  QVA_MEMINT n;
+  read_dims(&n_dim, dims, &n, sdef >= 0 ? sdefs_[sdef].min_bytes : min_encoded(type));
+  if (mode == kCheck) {
+    read_elts(mode, type, sdef, nullptr, n);
+    return;
+  }
+  size_t elt_len = sdef >= 0 ? sdefs_[sdef].live->length : type_size(type);
+  QVA_ARRAY *a = array_new(static_cast<QVA_MEMINT>(elt_len), n_dim, dims, true, QVA_MSG_RET);
+  if (!a) throw OutOfMemory{};
+  out->type = static_cast<QVA_UCHAR>(type);
+  if (sdef >= 0) {
+    out->flags |= QVA_V_ARR | QVA_V_STRUCT;
+    out->value.s.arr = a;
+    out->value.s.sdef = sdefs_[sdef].live;
+  } else {
+    out->flags |= QVA_V_ARR;
+    out->value.arr = a;
+  }
+  read_elts(mode, type, sdef, a->data, n);
+}
+
+void Restorer::check(bool verify_checksum) {
+  if (size_ < sizeof savefile::kMagic + 8 ||
+      std::memcmp(data_, savefile::kMagic, sizeof savefile::kMagic) != 0)
+    corrupt("not a save file");
+  if (verify_checksum) {
+    uint32_t stored;
+    std::memcpy(&stored, data_ + size_ - 4, 4);
+    if (stored != savefile::crc32(data_, size_ - 4)) corrupt("checksum mismatch");
+  }
+  r_.skip(sizeof savefile::kMagic);
+  uint32_t version = r_.u32();
+  if (version != savefile::kVersion) corrupt("unsupported version " + std::to_string(version));
+  read_sdefs();
+
+  uint32_t n_heap = r_.u32();
+  if (n_heap > r_.left() / 9) corrupt("too many heap variables");
+  std::unordered_set<QVA_HVID> ids;
+  for (uint32_t i = 0; i < n_heap; ++i) {
+    SavedHeap h;
+    h.id = r_.u32();
+    h.flags = r_.u32();
+    if (h.id == 0 || !ids.insert(h.id).second) corrupt("bad heap identifier");
+    if (h.flags & ~uint32_t{QVA_HV_OBJECT | QVA_HV_HELD}) corrupt("bad heap flags");
+    h.value = r_.pos();
+    read_value(kCheck, nullptr);
+    if (h.flags & QVA_HV_OBJECT) {
+      // An object holds one instance of a named structure.
+      Reader again(h.value, static_cast<size_t>(r_.pos() - h.value));
+      if (again.u8() != QVA_TYP_STRUCT || again.u8() != savefile::kStructArray) corrupt("bad object");
+      const SavedSdef &sd = sdefs_[again.u32()];
+      if (sd.name.empty() || again.u8() != 1 || again.i64() != 1) corrupt("bad object");
+    }
+    heap_.push_back(h);
+  }
+  uint32_t n_vars = r_.u32();
+  if (n_vars > r_.left() / 5) corrupt("too many variables");
+  std::unordered_set<std::string> names;
+  for (uint32_t i = 0; i < n_vars; ++i) {
+    SavedVar v;
+    v.name = r_.text();
+    if (!ident_valid(v.name.data(), v.name.size()) || !names.insert(v.name).second)
+      corrupt("bad variable name");
+    v.value = r_.pos();
+    read_value(kCheck, nullptr);
+    vars_.push_back(std::move(v));
+  }
+  if (r_.left() != 4) corrupt("unexpected data at the end");
+  for (QVA_HVID id : referenced_)
+    if (!ids.count(id)) corrupt("reference to a heap variable that is not in the file");
+}
+
+void Restorer::map_fields(SavedSdef &sd) {
+  sd.target.clear();
+  for (const SavedTag &t : sd.all) sd.target.push_back(sdef_tag(sd.live, t.name.c_str()));
+}
+
+void Restorer::rollback() {
+  for (QVA_VARIABLE &v : staged_) var_free_value(&v);
+  staged_.clear();
+  for (QVA_HVID id : made_heap_) heap_delete(id);
+  made_heap_.clear();
+}
+
+std::vector<std::string> Restorer::commit() {
+  try {
+    // Definitions the session lacks are made now; they stay even if the
+    // restore fails later, as definitions are not session data.
+    for (SavedSdef &sd : sdefs_) {
+      if (!sd.live) {
+        std::vector<FieldSpec> fields;
+        for (const SavedTag &t : sd.own) {
+          FieldSpec f{t.name, t.type, t.type == QVA_TYP_STRUCT ? sdefs_[t.sub].live : nullptr, {}};
+          f.dims.assign(t.dims, t.dims + t.n_dim);
+          fields.push_back(std::move(f));
+        }
+        sd.live = sdef_define(sd.name, sd.super >= 0 ? sdefs_[sd.super].live : nullptr, fields,
+                              sd.hidden, QVA_MSG_RET);
+        if (!sd.live) corrupt("structure " + sd.name + " cannot be defined");
+      }
+      map_fields(sd);
+    }
+    for (const SavedHeap &h : heap_) {
+      HeapVar *made = heap_new(false, nullptr, false, QVA_MSG_RET);
+      if (!made) throw OutOfMemory{};
+      made_heap_.push_back(made->hv.hash_id);
+      new_id_[h.id] = made->hv.hash_id;
+    }
+    for (const SavedHeap &h : heap_) {
+      HeapVar *made = heap_find(new_id_[h.id]);
+      r_.seek(h.value);
+      read_value(kBuild, &made->hv.var);
+      made->hv.flags |= h.flags & QVA_HV_HELD;
+      if (h.flags & QVA_HV_OBJECT) {
+        made->hv.flags |= QVA_HV_OBJECT;
+        counters().objects++;
+      }
+    }
+    staged_.resize(vars_.size());
+    for (size_t i = 0; i < vars_.size(); ++i) {
+      r_.seek(vars_[i].value);
+      read_value(kBuild, &staged_[i]);
+    }
+  } catch (...) {
+    rollback();
+    throw;
+  }
+  // Nothing below can fail: the variables take their new values.
+  std::vector<std::string> restored;
+  for (size_t i = 0; i < vars_.size(); ++i) {
+    QVA_VPTR v = main_variable(vars_[i].name);
+    var_move_value(&staged_[i], v);
+    restored.push_back(ident_name(v->name));
+  }
+  staged_.clear();
+  return restored;
+}
+
+}  // namespace
+
+std::vector<std::string> restore_from_bytes(const uint8_t *data, size_t size,
+                                            bool verify_checksum) {
+  Restorer restorer(data, size);
+  try {
+    restorer.check(verify_checksum);
+    return restorer.commit();
+  } catch (const Corrupt &c) {
+    raise_fmt(M_BAD_ARG, "Save file is corrupt: %s.", c.why.c_str());
+  } catch (const savefile::Truncated &) {
+    raise_fmt(M_BAD_ARG, "Save file is truncated.");
+  } catch (const OutOfMemory &) {
+    raise_fmt(M_NOMEM, "Unable to allocate memory: to make %s.", "restored variables");
+  }
+}
+
+std::vector<std::string> restore(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) raise_fmt(M_BAD_ARG, "Unable to open save file: %s.", path.c_str());
+  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  return restore_from_bytes(bytes.data(), bytes.size());
+}
+
+uint32_t savefile::crc32(const uint8_t *data, size_t size) {
+  static const auto table = [] {
+    std::array<uint32_t, 256> t{};
+    for (uint32_t i = 0; i < 256; ++i) {
+      uint32_t c = i;
+      for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+      t[i] = c;
+    }
+    return t;
+  }();
+  uint32_t c = 0xFFFFFFFFu;
+  for (size_t i = 0; i < size; ++i) c = table[(c ^ data[i]) & 0xFF] ^ (c >> 8);
+  return c ^ 0xFFFFFFFFu;
+}
+
+}  // namespace qvahost

@@ -1,0 +1,202 @@
+// Writing a session save file: the variables asked for, every heap variable
+// they reach, and the structure definitions all of those values need.
+#include <bit>
+#include <deque>
+#include <fstream>
+#include <unordered_map>
+
+#include "internal.h"
+#include "save_format.h"
+#include "value_refs.h"
+
+namespace qvahost {
+namespace {
+
+using savefile::Writer;
+static_assert(std::endian::native == std::endian::little,
+              "the save file writer stores integers as they are in memory");
+
+// What one save holds, gathered before anything is written.
+class SaveSet {
+ public:
+  void add_variable(QVA_VPTR v) {
+    vars_.push_back(v);
+    add_value(v);
+  }
+  void add_heap(HeapVar *h) {
+    if (!heap_index_.emplace(h->hv.hash_id, true).second) return;
+    heap_.push_back(h);
+    pending_.push_back(h);
+  }
+  // Follows references until every reachable heap variable is in the set.
+  void close() {
+    while (!pending_.empty()) {
+      HeapVar *h = pending_.front();
+      pending_.pop_front();
+      add_value(&h->hv.var);
+    }
+  }
+  void write(Writer &w) const;
+
+ private:
+  void add_value(QVA_VPTR v) {
+    if (v->flags & QVA_V_STRUCT) add_sdef(v->value.s.sdef);
+    refs_in_value(v, [this](QVA_HVID &id) {
+      if (HeapVar *h = id ? heap_find(id) : nullptr) add_heap(h);
+    });
+  }
+  void add_sdef(QVA_SDEF sd) {
+    if (sdef_index_.count(sd)) return;
+    if (sd->super) add_sdef(sd->super);
+    for (const TagInfo &t : sd->tags)
+      if (t.type == QVA_TYP_STRUCT) add_sdef(t.sdef);
+    sdef_index_[sd] = static_cast<int32_t>(sdefs_.size());
+    sdefs_.push_back(sd);
+  }
+  void write_sdef(Writer &w, QVA_SDEF sd) const;
+  void write_value(Writer &w, const QVA_VARIABLE *v) const;
+  void write_elts(Writer &w, int type, QVA_SDEF sd, const QVA_UCHAR *data, QVA_MEMINT n) const;
+  void write_ref(Writer &w, QVA_HVID id) const {
+    // A reference to a heap variable that no longer exists is saved as null.
+    w.u32(heap_index_.count(id) ? id : 0);
+  }
+
+  std::vector<QVA_VPTR> vars_;
+  std::vector<HeapVar *> heap_;
+  std::deque<HeapVar *> pending_;
+  std::unordered_map<QVA_HVID, bool> heap_index_;
+  std::vector<QVA_SDEF> sdefs_;
+  std::unordered_map<QVA_SDEF, int32_t> sdef_index_;
+};
+
+void SaveSet::write_sdef(Writer &w, QVA_SDEF sd) const {
+  w.text(sd->name_str.data(), sd->name_str.size());
+  w.u8(sd->hidden ? 1 : 0);
+  w.i32(sd->super ? sdef_index_.at(sd->super) : -1);
+  size_t first_own = sd->super ? sd->super->tags.size() : 0;
+  w.u32(static_cast<uint32_t>(sd->tags.size() - first_own));
+  for (size_t i = first_own; i < sd->tags.size(); ++i) {
+    const TagInfo &t = sd->tags[i];
+    w.text(t.name_str.data(), t.name_str.size());
+    w.u8(static_cast<uint8_t>(t.type));
+    w.i32(t.type == QVA_TYP_STRUCT ? sdef_index_.at(t.sdef) : -1);
+    w.u8(static_cast<uint8_t>(t.n_dim));
+    for (int d = 0; d < t.n_dim; ++d) w.i64(t.dims[d]);
+  }
+}
+
+void SaveSet::write_elts(Writer &w, int type, QVA_SDEF sd, const QVA_UCHAR *data,
+                         QVA_MEMINT n) const {
+  switch (type) {
+    case QVA_TYP_BYTE:
+    case QVA_TYP_INT:
+    case QVA_TYP_LONG:
+    case QVA_TYP_DOUBLE:
+    case QVA_TYP_LONG64:
+      w.bytes(data, static_cast<size_t>(n) * type_size(type));
+      return;
+    case QVA_TYP_STRING:
+      for (QVA_MEMINT i = 0; i < n; ++i) {
+        const auto *s = reinterpret_cast<const QVA_STRING *>(data) + i;
+        w.text(text_get(s->s), static_cast<size_t>(s->slen));
+      }
+      return;
+    case QVA_TYP_PTR:
+    case QVA_TYP_OBJREF:
+      for (QVA_MEMINT i = 0; i < n; ++i)
+        write_ref(w, reinterpret_cast<const QVA_HVID *>(data)[i]);
+      return;
+    case QVA_TYP_STRUCT:
+      for (QVA_MEMINT i = 0; i < n; ++i) {
+        const QVA_UCHAR *elt = data + i * static_cast<QVA_MEMINT>(sd->length);
+        for (const TagInfo &t : sd->tags) write_elts(w, t.type, t.sdef, elt + t.offset, t.n_elts);
+      }
+      return;
+    default:
+      raise_fmt(M_BAD_ARG, "Unable to save a value of type code %d.", type);
+  }
+}
+
+void SaveSet::write_value(Writer &w, const QVA_VARIABLE *v) const {
+  w.u8(v->type);
+  if (v->type == QVA_TYP_UNDEF) return;
+  if (v->flags & QVA_V_STRUCT) {
+    const QVA_ARRAY *a = v->value.s.arr;
+    w.u8(savefile::kStructArray);
+    w.u32(static_cast<uint32_t>(sdef_index_.at(v->value.s.sdef)));
+    w.u8(static_cast<uint8_t>(a->n_dim));
+    for (int d = 0; d < a->n_dim; ++d) w.i64(a->dim[d]);
+    write_elts(w, QVA_TYP_STRUCT, v->value.s.sdef, a->data, a->n_elts);
+  } else if (v->flags & QVA_V_ARR) {
+    const QVA_ARRAY *a = v->value.arr;
+    w.u8(savefile::kArray);
+    w.u8(static_cast<uint8_t>(a->n_dim));
+    for (int d = 0; d < a->n_dim; ++d) w.i64(a->dim[d]);
+    write_elts(w, v->type, nullptr, a->data, a->n_elts);
+  } else {
+    w.u8(savefile::kScalar);
+    write_elts(w, v->type, nullptr, reinterpret_cast<const QVA_UCHAR *>(&v->value), 1);
+  }
+}
+
+void SaveSet::write(Writer &w) const {
+  w.bytes(savefile::kMagic, sizeof savefile::kMagic);
+  w.u32(savefile::kVersion);
+  w.u32(static_cast<uint32_t>(sdefs_.size()));
+  for (QVA_SDEF sd : sdefs_) write_sdef(w, sd);
+  w.u32(static_cast<uint32_t>(heap_.size()));
+  for (HeapVar *h : heap_) {
+    w.u32(h->hv.hash_id);
+    w.u32(h->hv.flags & (QVA_HV_OBJECT | QVA_HV_HELD));
+    write_value(w, &h->hv.var);
+  }
+  w.u32(static_cast<uint32_t>(vars_.size()));
+  for (QVA_VPTR v : vars_) {
+    const std::string &name = ident_name(v->name);
+    w.text(name.data(), name.size());
+    write_value(w, v);
+  }
+  w.u32(savefile::crc32(w.buffer().data(), w.buffer().size()));
+}
+
+std::vector<uint8_t> finish(SaveSet &set) {
+  set.close();
+  Writer w;
+  set.write(w);
+  return std::move(w.buffer());
+}
+
+void write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (out) out.write(reinterpret_cast<const char *>(bytes.data()),
+                     static_cast<std::streamsize>(bytes.size()));
+  if (!out) raise_fmt(M_BAD_ARG, "Error writing save file: %s.", path.c_str());
+}
+
+}  // namespace
+
+std::vector<uint8_t> save_variables_to_bytes(const std::vector<std::string> &names) {
+  SaveSet set;
+  for (const std::string &name : names) {
+    QVA_VPTR v = find_main_variable(name);
+    if (!v) raise_fmt(M_UNDEFVAR, "Variable is undefined: %s.", name.c_str());
+    set.add_variable(v);
+  }
+  return finish(set);
+}
+
+std::vector<uint8_t> save_all_to_bytes() {
+  SaveSet set;
+  for (QVA_VPTR v : main_variables()) set.add_variable(v);
+  for (QVA_HVID id : heap_all())
+    if (HeapVar *h = heap_find(id)) set.add_heap(h);
+  return finish(set);
+}
+
+void save_variables(const std::string &path, const std::vector<std::string> &names) {
+  write_file(path, save_variables_to_bytes(names));
+}
+
+void save_all(const std::string &path) { write_file(path, save_all_to_bytes()); }
+
+}  // namespace qvahost

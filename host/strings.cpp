@@ -1,0 +1,221 @@
+// The text table behind QVA_STRING and the QVA_Str* operations.
+//
+// A string descriptor holds a 32-bit reference instead of a pointer, so that
+// it is 12 bytes on every build.  A reference is a slot number (low 24 bits,
+// plus one so that no live reference is 0) and the slot's generation (high
+// 8 bits).  Releasing a text bumps its slot's generation, and freed slots
+// are reused oldest first, so a stale reference read again is recognised as
+// such and reported instead of reading someone else's text.
+#include <cstring>
+#include <memory>
+
+#include "internal.h"
+
+namespace qvahost {
+namespace {
+
+constexpr unsigned kIndexBits = 24;
+constexpr uint32_t kIndexMask = (uint32_t{1} << kIndexBits) - 1;
+constexpr uint32_t kMaxSlots = kIndexMask;  // slot numbers 0 .. kMaxSlots - 1
+constexpr unsigned kPageBits = 12;
+constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
+constexpr QVA_INT kOwnsText = 1;  // stype of a descriptor holding a text
+
+struct Slot {
+  char *text = nullptr;
+  uint32_t len = 0;
+  uint32_t next_free = 0;  // slot number + 1 of the next free slot; 0 = none
+  uint8_t gen = 0;
+  bool live = false;
+};
+
+struct TextTable {
+  std::vector<std::unique_ptr<Slot[]>> pages;
+  uint32_t used = 0;        // slots handed out at least once
+  uint32_t free_head = 0;   // oldest freed slot + 1; 0 = none
+  uint32_t free_tail = 0;   // newest freed slot + 1
+};
+
+TextTable &table() {
+  static TextTable *t = new TextTable;  // lives as long as the process
+  return *t;
+}
+
+Slot &slot_at(TextTable &t, uint32_t index) {
+  return t.pages[index >> kPageBits][index & (kPageSize - 1)];
+}
+
+// The live slot a reference names, or nullptr for a stale or foreign one.
+Slot *lookup(uint32_t ref) {
+  TextTable &t = table();
+  uint32_t index = (ref & kIndexMask) - 1;
+  if ((ref & kIndexMask) == 0 || index >= t.used) return nullptr;
+  Slot &s = slot_at(t, index);
+  if (!s.live || s.gen != static_cast<uint8_t>(ref >> kIndexBits)) return nullptr;
+  return &s;
+}
+
+// A free slot number, or raises when the table cannot grow.
+uint32_t take_slot(TextTable &t) {
+  if (t.free_head) {
+    uint32_t index = t.free_head - 1;
+    Slot &s = slot_at(t, index);
+    t.free_head = s.next_free;
+    if (!t.free_head) t.free_tail = 0;
+    return index;
+  }
+  if (t.used == kMaxSlots) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
+  if ((t.used >> kPageBits) == t.pages.size()) {
+    Slot *page = new (std::nothrow) Slot[kPageSize];
+    if (!page) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
+    t.pages.emplace_back(page);
+  }
+  return t.used++;
+}
+
+void put_slot(TextTable &t, uint32_t index) {
+  Slot &s = slot_at(t, index);
+  s.next_free = 0;
+  if (t.free_tail)
+    slot_at(t, t.free_tail - 1).next_free = index + 1;
+  else
+    t.free_head = index + 1;
+  t.free_tail = index + 1;
+}
+
+const char *stale(uint32_t ref) {
+  contract_violation(format("string text reference 0x%08x is stale (released) or unknown", ref));
+  return "";
+}
+
+// The text of a descriptor and its length, limited to the text really
+// held, so that a damaged descriptor cannot make a reader overrun.
+const char *text_of(const QVA_STRING *d, size_t *len) {
+  *len = 0;
+  if (!d || !d->s) return "";
+  Slot *s = lookup(d->s);
+  if (!s) return stale(d->s);
+  *len = d->slen < 0 ? 0 : static_cast<size_t>(d->slen);
+  if (*len > s->len) *len = s->len;
+  return s->text;
+}
+
+// A descriptor owning a copy of d's text.
+QVA_STRING copy_of(const QVA_STRING &d) {
+  size_t len;
+  const char *text = text_of(&d, &len);
+  QVA_STRING out{};
+  string_set(&out, text, len);
+  return out;
+}
+
+}  // namespace
+
+uint32_t text_new(const char *s, size_t len) {
+  if (len == 0) return 0;
+  if (len > INT32_MAX) raise(M_BAD_ARG, "String is too long.");
+  auto *text = static_cast<char *>(raw_alloc(len + 1, true));
+  if (!text) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
+  TextTable &t = table();
+  uint32_t index;
+  try {
+    index = take_slot(t);
+  } catch (...) {
+    raw_free(text);
+    throw;
+  }
+  if (s)
+    std::memcpy(text, s, len);
+  else
+    std::memset(text, ' ', len);
+  text[len] = '\0';
+  Slot &slot = slot_at(t, index);
+  slot.text = text;
+  slot.len = static_cast<uint32_t>(len);
+  slot.live = true;
+  counters().texts++;
+  return (uint32_t{slot.gen} << kIndexBits) | (index + 1);
+}
+
+void text_release(uint32_t ref) {
+  if (ref == 0) return;
+  Slot *s = lookup(ref);
+  if (!s) {
+    stale(ref);
+    return;
+  }
+  raw_free(s->text);
+  s->text = nullptr;
+  s->live = false;
+  s->gen++;
+  put_slot(table(), (ref & kIndexMask) - 1);
+  counters().texts--;
+}
+
+const char *text_get(uint32_t ref) {
+  if (ref == 0) return "";
+  Slot *s = lookup(ref);
+  return s ? s->text : stale(ref);
+}
+
+void string_set(QVA_STRING *out, const char *s, size_t len) {
+  uint32_t ref = text_new(s, len);
+  out->slen = static_cast<QVA_LONG>(len);
+  out->stype = ref ? kOwnsText : 0;
+  out->reserved = 0;
+  out->s = ref;
+}
+
+}  // namespace qvahost
+
+using namespace qvahost;
+
+const char *QVA_STRING_STR(const QVA_STRING *s) { return s ? text_get(s->s) : ""; }
+
+int QVA_StrCmp(const QVA_STRING *a, const QVA_STRING *b) {
+  size_t la, lb;
+  const char *ta = text_of(a, &la);
+  const char *tb = text_of(b, &lb);
+  size_t n = la < lb ? la : lb;
+  int c = n ? std::memcmp(ta, tb, n) : 0;
+  if (c) return c < 0 ? -1 : 1;
+  return la < lb ? -1 : la > lb ? 1 : 0;
+}
+
+void QVA_StrDup(QVA_STRING *s, QVA_MEMINT n) {
+  if (n == 1) {
+    if (s->s) *s = copy_of(*s);
+    return;
+  }
+  // All or nothing: every copy is made before any descriptor changes, so a
+  // failure leaves the caller's descriptors as they were.
+  std::vector<QVA_STRING> copies;
+  copies.reserve(static_cast<size_t>(n > 0 ? n : 0));
+  try {
+    for (QVA_MEMINT i = 0; i < n; ++i) copies.push_back(s[i].s ? copy_of(s[i]) : s[i]);
+  } catch (...) {
+    for (const QVA_STRING &c : copies) text_release(c.s);
+    throw;
+  }
+  for (QVA_MEMINT i = 0; i < n; ++i) s[i] = copies[static_cast<size_t>(i)];
+}
+
+void QVA_StrDelete(QVA_STRING *s, QVA_MEMINT n) {
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    text_release(s[i].s);
+    s[i] = QVA_STRING{};
+  }
+}
+
+void QVA_StrStore(QVA_STRING *s, const char *text) {
+  string_set(s, text, text ? std::strlen(text) : 0);
+}
+
+QVA_VPTR QVA_StrToSTRING(const char *text) {
+  QVA_STRING str{};
+  QVA_StrStore(&str, text);
+  QVA_VPTR v = tmp_new();
+  v->type = QVA_TYP_STRING;
+  v->value.str = str;
+  return v;
+}

@@ -1,0 +1,48 @@
+// value_refs.h - visiting the heap references held inside a value.
+//
+// Pointers and object references can sit in a scalar, in an array, or in
+// structure fields at any depth (arrays of structures, nested structures).
+// Saving, restoring and heap garbage collection all need to reach every one
+// of them; this is the one place that knows where they are.
+#pragma once
+
+#include <cstring>
+
+#include "internal.h"
+
+namespace qvahost {
+
+// Calls f(QVA_HVID &ref) for every pointer or object reference in n
+// elements of structure sdef at data.
+template <class F>
+void refs_in_structs(QVA_SDEF sdef, QVA_UCHAR *data, QVA_MEMINT n, F &f) {
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    QVA_UCHAR *elt = data + i * static_cast<QVA_MEMINT>(sdef->length);
+    for (const TagInfo &tag : sdef->tags) {
+      QVA_UCHAR *p = elt + tag.offset;
+      if (tag.type == QVA_TYP_PTR || tag.type == QVA_TYP_OBJREF) {
+        for (QVA_MEMINT k = 0; k < tag.n_elts; ++k)
+          f(*reinterpret_cast<QVA_HVID *>(p + k * sizeof(QVA_HVID)));
+      } else if (tag.type == QVA_TYP_STRUCT) {
+        refs_in_structs(tag.sdef, p, tag.n_elts, f);
+      }
+    }
+  }
+}
+
+// Calls f(QVA_HVID &ref) for every pointer or object reference in v.
+template <class F>
+void refs_in_value(QVA_VARIABLE *v, F &&f) {
+  if (v->flags & QVA_V_STRUCT) {
+    refs_in_structs(v->value.s.sdef, v->value.s.arr->data, v->value.s.arr->n_elts, f);
+  } else if (v->type == QVA_TYP_PTR || v->type == QVA_TYP_OBJREF) {
+    if (v->flags & QVA_V_ARR) {
+      auto *ids = reinterpret_cast<QVA_HVID *>(v->value.arr->data);
+      for (QVA_MEMINT k = 0; k < v->value.arr->n_elts; ++k) f(ids[k]);
+    } else {
+      f(v->value.hvid);
+    }
+  }
+}
+
+}  // namespace qvahost

@@ -1,0 +1,67 @@
+// fw_class.cpp - locating an object's data and the INIT-with-keywords body
+// shared by the module's classes.
+#include "frame/fw_class.h"
+
+#include <cstring>
+#include <vector>
+
+QVA_VPTR fw_kwResponse(const FwKeywordFields *kw) {
+  QVA_VPTR var = nullptr;
+  std::memcpy(&var, &kw->method, sizeof var);
+  return var;
+}
+
+QVA_HVID fw_objrefOf(QVA_VPTR v) {
+  if (v->type != QVA_TYP_OBJREF) QVA_MessageVE_REQOBJREF(v, QVA_MSG_LONGJMP);
+  if (v->flags & QVA_V_NOT_SCALAR) QVA_MessageVE_NOTSCALAR(v, QVA_MSG_LONGJMP);
+  return v->value.hvid;
+}
+
+void *fw_dataOfHeapVar(QVA_HVPTR hv, const char *first_field, const char *class_name) {
+  void *data = QVA_StructGetTagAddress(&hv->var, first_field, nullptr, nullptr, QVA_MSG_RET);
+  // No such field: the object is not of one of the module's classes, and
+  // the fixed positions must not be applied to it.
+  if (!data) QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
+  return data;
+}
+
+void *fw_locateData(QVA_HVID hvid, const char *first_field, const char *class_name) {
+  QVA_HVPTR hv = QVA_ObjValidate(hvid, QVA_MSG_LONGJMP);
+  return fw_dataOfHeapVar(hv, first_field, class_name);
+}
+
+ClassPart fw_classPart(QVA_HVID hvid, const char *class_name) {
+  return ClassPart{fw_locateData(hvid, FW_SAVEABLE_TOP_FIELD, class_name), hvid};
+}
+
+namespace {
+
+// Calls QVA_KWFree when the host asked for it, also when the routine is
+// abandoned between keyword processing and its return.
+class KeywordRelease {
+ public:
+  explicit KeywordRelease(const FwKeywordRecord &record) : record_(record) {}
+  ~KeywordRelease() {
+    if (record_.free_marker) QVA_KWFree();
+  }
+  KeywordRelease(const KeywordRelease &) = delete;
+  KeywordRelease &operator=(const KeywordRelease &) = delete;
+
+ private:
+  const FwKeywordRecord &record_;
+};
+
+}  // namespace
+
+QVA_VPTR fw_initWithKeywords(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, QVA_KW_PAR *keywords,
+                             FwLocateFn locate, FwInitFn init) {
+  FwKeywordRecord record{};
+  // INIT methods are registered with the object as their only positional
+  // argument; the array still takes whatever count the host passes.
+  std::vector<QVA_VPTR> plain(argc > 0 ? static_cast<size_t>(argc) : 1, nullptr);
+  QVA_KWProcessByOffset(argc, argv, argk, keywords, plain.data(), 1, &record);
+  KeywordRelease release(record);
+
+  ClassPart part = locate(plain[0]);
+  return QVA_GettmpLong(init(part, &record.fields));
+}

@@ -1,0 +1,179 @@
+// The heap: identifiers, pointer heap variables and objects, look-up, and
+// the memory of the heap table.
+#include <algorithm>
+
+#include "core_fixture.h"
+
+namespace {
+
+using coretest::CoreTest;
+using coretest::HeapGuard;
+using coretest::Text;
+using coretest::Tmp;
+using qvatest::ExpectHostError;
+
+using HeapTest = CoreTest;
+
+QVA_SDEF Point() {
+  if (QVA_SDEF s = qvahost::find_struct("HT_POINT")) return s;
+  return qvahost::define_struct("HT_POINT", "",
+                                {{"X", QVA_TYP_LONG, nullptr, {}},
+                                 {"LABEL", QVA_TYP_STRING, nullptr, {}}});
+}
+
+// A temporary holding one HT_POINT.
+QVA_VPTR MakePoint(QVA_LONG x, const char *label) {
+  QVA_VPTR v = nullptr;
+  char *data = QVA_MakeTempStructVector(Point(), 1, &v, 1);
+  *reinterpret_cast<QVA_LONG *>(data) = x;
+  QVA_StrStore(reinterpret_cast<QVA_STRING *>(data + 4), label);
+  return v;
+}
+
+QVA_HVID NewPtr(QVA_LONG value) {
+  Tmp t(QVA_GettmpLong(value));
+  return QVA_HeapVarNew(QVA_TYP_PTR, t.get(), 0, QVA_MSG_LONGJMP)->hash_id;
+}
+
+TEST_F(HeapTest, IdentifiersCountUpAndAreNeverReused) {
+  QVA_HVID a = NewPtr(1);
+  QVA_HVID b = NewPtr(2);
+  EXPECT_GE(a, 1u);
+  EXPECT_GT(b, a);
+  QVA_HeapVarDelete(b, 0, 0);
+  QVA_HVID c = NewPtr(3);
+  EXPECT_GT(c, b);
+  EXPECT_EQ(QVA_HeapVarHashFind(b), nullptr);
+  ASSERT_NE(QVA_HeapVarHashFind(c), nullptr);
+  EXPECT_EQ(QVA_HeapVarHashFind(c)->var.value.l, 3);
+  EXPECT_EQ(QVA_HeapVarHashFind(0), nullptr);
+  QVA_HeapVarDelete(a, 0, 0);
+  QVA_HeapVarDelete(c, 0, 0);
+  QVA_HeapVarDelete(c, 0, 0);        // names nothing now: ignored
+  QVA_HeapVarDelete(0xFFFFFF00u, 0, 0);  // never issued: ignored
+  EXPECT_EQ(QVA_HeapVarHashFind(a), nullptr);
+}
+
+TEST_F(HeapTest, PointerVariablesCopyOrStealTheirValue) {
+  Tmp point(MakePoint(5, "copied"));
+  QVA_HVPTR copy = QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 0, 2);
+  HeapGuard g1(copy);
+  EXPECT_EQ(copy->flags, 0u);
+  EXPECT_EQ(point->type, QVA_TYP_STRUCT);  // copied: the source keeps its value
+  EXPECT_EQ(copy->var.flags & QVA_V_TEMP, 0);
+  EXPECT_EQ(copy->var.value.s.sdef, Point());
+
+  QVA_HVPTR stolen = QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 1, 2);
+  HeapGuard g2(stolen);
+  EXPECT_EQ(point->type, QVA_TYP_UNDEF);  // moved: the temporary stays, undefined
+  EXPECT_TRUE(point->flags & QVA_V_TEMP);
+  auto *label = reinterpret_cast<QVA_STRING *>(stolen->var.value.s.arr->data + 4);
+  EXPECT_EQ(Text(*label), "copied");
+  EXPECT_EQ(qvahost::accounting().texts, baseline_.texts + 2);
+
+  // Stealing from a variable that is not a temporary copies instead.
+  qvahost::Variable named("HT_NAMED");
+  named.take(qvahost::make_string("kept"));
+  HeapGuard g3(QVA_HeapVarNew(QVA_TYP_PTR, named.get(), 1, 2));
+  EXPECT_EQ(qvahost::string_value(named.get()), "kept");
+  EXPECT_EQ(qvahost::string_value(&QVA_HeapVarHashFind(g3.id())->var), "kept");
+}
+
+TEST_F(HeapTest, ObjectsAreOneElementNamedStructuresAndCounted) {
+  Tmp point(MakePoint(1, "obj"));
+  QVA_HVPTR obj = QVA_HeapVarNew(QVA_TYP_OBJREF, point.get(), 1, 2);
+  ASSERT_NE(obj, nullptr);
+  EXPECT_EQ(obj->flags & QVA_HV_OBJECT, QVA_HV_OBJECT);
+  EXPECT_EQ(obj->var.type, QVA_TYP_STRUCT);
+  EXPECT_EQ(obj->var.flags, QVA_V_STRUCT | QVA_V_ARR);
+  EXPECT_EQ(obj->var.value.s.arr->n_elts, 1);
+  EXPECT_EQ(qvahost::accounting().objects, baseline_.objects + 1);
+  EXPECT_EQ(qvahost::accounting().heap_vars, baseline_.heap_vars + 1);
+  QVA_HeapVarDelete(obj->hash_id, 0, 0);
+  EXPECT_EQ(qvahost::accounting().objects, baseline_.objects);
+
+  // Anything else is refused as an object.
+  Tmp number(QVA_GettmpLong(1));
+  QVA_VPTR two = nullptr;
+  QVA_MakeTempStructVector(Point(), 2, &two, 1);
+  Tmp two_guard(two);
+  qvatest::OutputCapture out;
+  EXPECT_EQ(QVA_HeapVarNew(QVA_TYP_OBJREF, number.get(), 0, QVA_MSG_RET), nullptr);
+  EXPECT_EQ(QVA_HeapVarNew(QVA_TYP_OBJREF, two, 0, QVA_MSG_RET), nullptr);
+  EXPECT_EQ(QVA_HeapVarNew(QVA_TYP_LONG, number.get(), 0, QVA_MSG_RET), nullptr);
+  EXPECT_EQ(out.lines().size(), 3u);
+  ExpectHostError([&] { QVA_HeapVarNew(QVA_TYP_OBJREF, number.get(), 0, 2); });
+  EXPECT_EQ(qvahost::accounting().heap_vars, baseline_.heap_vars);
+}
+
+TEST_F(HeapTest, HeldFlagAndValueSurviveOtherHeapTraffic) {
+  Tmp point(MakePoint(7, "node"));
+  QVA_HVPTR h = QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 1, 2);
+  HeapGuard guard(h);
+  h->flags |= QVA_HV_HELD;
+  QVA_UCHAR *data = h->var.value.s.arr->data;
+  std::vector<QVA_HVID> others;
+  for (int i = 0; i < 3000; ++i) others.push_back(NewPtr(i));
+  // The record and the data it holds stay where they were.
+  EXPECT_EQ(QVA_HeapVarHashFind(guard.id()), h);
+  EXPECT_EQ(h->var.value.s.arr->data, data);
+  EXPECT_EQ(h->flags, QVA_HV_HELD);
+  for (QVA_HVID id : others) QVA_HeapVarDelete(id, 0, 0);
+}
+
+TEST_F(HeapTest, HeapIdsListsLiveIdentifiersInOrder) {
+  std::vector<QVA_HVID> made;
+  for (int i = 0; i < 5; ++i) made.push_back(NewPtr(i));
+  QVA_HeapVarDelete(made[2], 0, 0);
+  std::vector<QVA_HVID> ids = qvahost::heap_ids();
+  EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
+  for (int i : {0, 1, 3, 4})
+    EXPECT_TRUE(std::binary_search(ids.begin(), ids.end(), made[i])) << i;
+  EXPECT_FALSE(std::binary_search(ids.begin(), ids.end(), made[2]));
+  for (int i : {0, 1, 3, 4}) QVA_HeapVarDelete(made[i], 0, 0);
+}
+
+TEST_F(HeapTest, TablePagesAreFreedWhenTheyDie) {
+  size_t pages = qvahost::heap_leaf_pages();
+  QVA_HVID keeper = NewPtr(0);  // lives across all the churn below
+  // Many identifiers issued, few alive at a time.
+  for (int round = 0; round < 100; ++round) {
+    std::vector<QVA_HVID> batch;
+    for (int i = 0; i < 1000; ++i) batch.push_back(NewPtr(i));
+    for (QVA_HVID id : batch) QVA_HeapVarDelete(id, 0, 0);
+  }
+  // The keeper's page and the page now being filled, no more.
+  EXPECT_LE(qvahost::heap_leaf_pages(), pages + 2);
+  EXPECT_EQ(QVA_HeapVarHashFind(keeper)->var.value.l, 0);
+  QVA_HeapVarDelete(keeper, 0, 0);
+  EXPECT_LE(qvahost::heap_leaf_pages(), pages + 1);
+}
+
+TEST_F(HeapTest, AFailedRecordIsNullOrAnError) {
+  Tmp point(MakePoint(1, "x"));
+  qvatest::OutputCapture out;
+  qvahost::fail_allocation_after(1);
+  EXPECT_EQ(QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 1, QVA_MSG_RET), nullptr);
+  EXPECT_EQ(out.lines().size(), 1u);
+  EXPECT_EQ(point->type, QVA_TYP_STRUCT);  // nothing was taken from the source
+  qvahost::fail_allocation_after(1);
+  auto e = ExpectHostError([&] { QVA_HeapVarNew(QVA_TYP_OBJREF, point.get(), 1, 2); });
+  EXPECT_EQ(e.code, qvahost::M_NOMEM);
+  EXPECT_EQ(qvahost::accounting().heap_vars, baseline_.heap_vars);
+}
+
+TEST_F(HeapTest, ResetSessionDeletesEveryHeapVariable) {
+  for (int i = 0; i < 3; ++i) NewPtr(i);
+  {
+    Tmp point(MakePoint(1, "obj"));
+    QVA_HeapVarNew(QVA_TYP_OBJREF, point.get(), 1, 2);
+  }
+  qvahost::reset_session();
+  EXPECT_TRUE(qvahost::heap_ids().empty());
+  EXPECT_EQ(qvahost::accounting().heap_vars, 0);
+  EXPECT_EQ(qvahost::accounting().objects, 0);
+  EXPECT_EQ(qvahost::accounting().violations, baseline_.violations);
+  baseline_ = qvahost::accounting();  // whatever the session held before went too
+}
+
+}  // namespace
