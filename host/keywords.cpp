@@ -5,6 +5,7 @@
 // value is written with memcpy.  A string made from a number is a text the
 // host owns until QVA_KWFree (or the end of the call, when the routine is
 // abandoned first); it waits on the pending stack below.
+#include <cctype>
 #include <cstring>
 
 #include "dispatch.h"

@@ -1,8 +1,8 @@
 // Loading extension modules, from entry points linked into the program or
 // from shared objects, and passing session resets on to them.
 #include <dlfcn.h>
-#include <stdlib.h>
 
+#include <cstdlib>
 #include <memory>
 
 #include "dispatch.h"

@@ -2,6 +2,7 @@
 // inheritance, its methods are routines named CLASS::METHOD.  Method
 // resolution walks the class chain upward and is cached until routines are
 // added.  Object creation runs INIT, destruction runs CLEANUP.
+#include <cctype>
 #include <cstring>
 #include <unordered_map>
 #include <unordered_set>

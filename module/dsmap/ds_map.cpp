@@ -1,7 +1,11 @@
 // ds_map.cpp - QVAdsMap (structure QVADSMAP).
 //
-// The class stands alone: its data block begins at QVADSMAP_VERSION.
+// An ordered map from strings to values of any type.  The class stands
+// alone: its data block begins at QVADSMAP_VERSION.
 #include "dsmap/ds_map.h"
+
+#include "containers/maph.h"
+#include "frame/qva_cobalt.h"
 
 static QVA_STRUCT_TAG_DEF dsMap_Tags[] = {
     {"QVADSMAP_VERSION", nullptr, QVA_TYP_LONG, 0},
@@ -20,3 +24,181 @@ ClassPart DSMap_from_hvid(QVA_HVID hvid) {
 }
 
 ClassPart DSMap_from_vptr(QVA_VPTR v) { return DSMap_from_hvid(fw_objrefOf(v)); }
+
+// ----------------------------------------------------------- operations
+//
+// Each entry of THE_MAP has as key the hvid of a key heap variable (a
+// scalar string) and as value the hvid of a value heap variable; the map
+// owns both.  Keys are ordered by the host's string comparison.
+
+namespace {
+
+// The variable inside a heap variable the map holds; a heap variable that
+// language code deleted is reported as a dereference error.
+QVA_VPTR dsMap_makeVar(QVA_HVID h) {
+  QVA_HVPTR hv = QVA_HeapVarHashFind(h);
+  if (!hv) QVA_MessageFromBlock(qva_cobalt_msg_block, QVA_M_COBALT_DSMAP_HEAPDEREFERR, QVA_MSG_LONGJMP);
+  return &hv->var;
+}
+
+int dsMap_compare(QVA_HVID a, QVA_HVID b) {
+  QVA_VPTR va = dsMap_makeVar(a);
+  QVA_VPTR vb = dsMap_makeVar(b);
+  if (va->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(va, QVA_MSG_LONGJMP);
+  if (vb->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(vb, QVA_MSG_LONGJMP);
+  return QVA_StrCmp(&va->value.str, &vb->value.str);
+}
+
+QVA_HVID dsMap_makeHeapVar(QVA_VPTR v) { return QVA_HeapVarNew(QVA_TYP_PTR, v, 0, QVA_MSG_LONGJMP)->hash_id; }
+void dsMap_deleteHeapVar(QVA_HVID h) { QVA_HeapVarDelete(h, 0, 0); }
+
+QVA_HVID dsMap_find(QVA_HVID map, QVA_HVID key) { return maphFind(map, key, dsMap_compare); }
+
+// The probe: a heap variable holding a copy of the key, because the map
+// compares heap identifiers.  It is deleted when the look-up is over, also
+// when an error ends the routine, unless it became an entry's key.
+struct Probe {
+  QVA_HVID hvid;
+  explicit Probe(QVA_VPTR key) : hvid(dsMap_makeHeapVar(key)) {}
+  ~Probe() {
+    if (hvid) dsMap_deleteHeapVar(hvid);
+  }
+  Probe(const Probe &) = delete;
+  Probe &operator=(const Probe &) = delete;
+};
+
+QVA_HVID the_map(ClassPart m) { return dsmap_data(m)->the_map; }
+
+// A key must be a scalar string.
+void require_key(QVA_VPTR key) {
+  if (key->type != QVA_TYP_STRING || (key->flags & QVA_V_NOT_SCALAR)) QVA_MessageVE_REQSTR(key, QVA_MSG_LONGJMP);
+}
+
+}  // namespace
+
+int dsMap_init(ClassPart m) {
+  dsmap_data(m)->the_map = maphInit();
+  return 1;
+}
+
+void dsMap_cleanup(ClassPart m) {
+  QVA_HVID map = the_map(m);
+  if (!map) return;
+  for (QVA_HVID e = maphBegin(map); e != map; e = map_rbh_deref(e)->FLINK) {
+    dsMap_deleteHeapVar(maphData(e));
+    dsMap_deleteHeapVar(maphKey(e));
+  }
+  maphFree(map);
+}
+
+int dsMap_keyExists(ClassPart m, QVA_VPTR key) {
+  Probe p(key);
+  return dsMap_find(the_map(m), p.hvid) != 0;
+}
+
+void dsMap_insert(ClassPart m, QVA_VPTR key, QVA_VPTR value) {
+  Probe p(key);
+  QVA_HVID map = the_map(m);
+  if (QVA_HVID node = dsMap_find(map, p.hvid)) {
+    QVA_VarCopy_strip(value, dsMap_makeVar(maphData(node)), 0);
+    return;
+  }
+  QVA_HVID v = dsMap_makeHeapVar(value);
+  struct ValueGuard {
+    QVA_HVID v;
+    ~ValueGuard() {
+      if (v) dsMap_deleteHeapVar(v);
+    }
+  } value_guard{v};
+  maphInsert(map, p.hvid, v, dsMap_compare);
+  p.hvid = 0;  // the probe is the new entry's key now
+  value_guard.v = 0;
+}
+
+void dsMap_remove(ClassPart m, QVA_VPTR key) {
+  QVA_HVID node;
+  {
+    Probe p(key);
+    node = dsMap_find(the_map(m), p.hvid);
+  }
+  if (!node) return;
+  dsMap_deleteHeapVar(maphData(node));
+  dsMap_deleteHeapVar(maphKey(node));
+  maphErase(node);
+}
+
+QVA_VPTR dsMap_data(ClassPart m, QVA_VPTR key) {
+  QVA_VPTR t = QVA_Gettmp();
+  QVA_HVID node;
+  {
+    Probe p(key);
+    node = dsMap_find(the_map(m), p.hvid);
+  }
+  if (node) QVA_VarCopy(dsMap_makeVar(maphData(node)), t);
+  return t;
+}
+
+int dsMap_size(ClassPart m) { return maphSize(the_map(m)); }
+
+QVA_VPTR dsMap_keys(ClassPart m) {
+  int n = dsMap_size(m);
+  QVA_VPTR result;
+  if (n < 1) {
+    result = QVA_Gettmp();
+    result->type = QVA_TYP_STRING;
+    QVA_StrStore(&result->value.str, "");
+    return result;
+  }
+  auto *keys = reinterpret_cast<QVA_STRING *>(QVA_MakeTempVector(QVA_TYP_STRING, n, 1, &result));
+  QVA_HVID map = the_map(m);
+  int i = 0;
+  for (QVA_HVID e = maphBegin(map); e != map; e = map_rbh_deref(e)->FLINK, ++i) {
+    QVA_VPTR k = dsMap_makeVar(maphKey(e));
+    if (k->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(k, QVA_MSG_LONGJMP);
+    keys[i] = k->value.str;
+    QVA_StrDup(&keys[i], 1);
+  }
+  return result;
+}
+
+// ------------------------------------------------------------ routines
+
+QVA_VPTR QVA_dsMap_Init(int, QVA_VPTR argv[]) { return QVA_GettmpLong(dsMap_init(DSMap_from_vptr(argv[0]))); }
+
+void QVA_dsMap_Cleanup(int, QVA_VPTR argv[]) { dsMap_cleanup(DSMap_from_vptr(argv[0])); }
+
+QVA_VPTR QVA_dsMap_KeyExists(int, QVA_VPTR argv[]) {
+  QVA_VPTR t = QVA_Gettmp();
+  t->type = QVA_TYP_BYTE;
+  require_key(argv[1]);
+  t->value.c = static_cast<QVA_UCHAR>(dsMap_keyExists(DSMap_from_vptr(argv[0]), argv[1]));
+  return t;
+}
+
+void QVA_dsMap_Insert(int, QVA_VPTR argv[]) {
+  require_key(argv[1]);
+  dsMap_insert(DSMap_from_vptr(argv[0]), argv[1], argv[2]);
+}
+
+void QVA_dsMap_Remove(int, QVA_VPTR argv[]) {
+  require_key(argv[1]);
+  dsMap_remove(DSMap_from_vptr(argv[0]), argv[1]);
+}
+
+QVA_VPTR QVA_dsMap_GetKeys(int argc, QVA_VPTR argv[]) {
+  ClassPart m = DSMap_from_vptr(argv[0]);
+  QVA_VPTR result = dsMap_keys(m);
+  if (argc == 2) {
+    QVA_Delvar(argv[1]);
+    argv[1]->type = QVA_TYP_LONG;
+    argv[1]->value.l = dsMap_size(m);
+  }
+  return result;
+}
+
+QVA_VPTR QVA_dsMap_GetData(int, QVA_VPTR argv[]) {
+  require_key(argv[1]);
+  return dsMap_data(DSMap_from_vptr(argv[0]), argv[1]);
+}
+
+QVA_VPTR QVA_dsMap_GetSize(int, QVA_VPTR argv[]) { return QVA_GettmpLong(dsMap_size(DSMap_from_vptr(argv[0]))); }

@@ -6,6 +6,7 @@
 #include "framework/fw_delaybehav.h"
 #include "framework/fw_funcbehav.h"
 #include "framework/fw_hashndlr.h"
+#include "framework/fw_ident.h"
 #include "framework/fw_message.h"
 #include "framework/fw_messhndlr.h"
 #include "framework/fw_objbehav.h"
@@ -32,12 +33,8 @@ void QVA_fwObjsInit(void) {
 
 void QVA_FwObjsResetSession(void) {
   // The session's heap variables are gone, so what the framework remembers
-  // about them must go too.  Two steps, in this order, land with the
-  // services that own that state:
-  //   1. a full identifier collection, fwIdent_garbageCollect(1), with the
-  //      identifier service (fw_ident);
-  //   2. forgetting the top-level handler, QVA_fwMessagehandler_RstTopLev,
-  //      with the top-level handler (fw_messhndlr).
-  // Until then the framework keeps no session state, and there is nothing
-  // to drop.
+  // about them must go too.
+  // 1. Every interned identifier, whatever its count, and every stale one.
+  fwIdent_garbageCollect(1);
+  // 2. Forgetting the top-level handler lands with the message handlers.
 }

@@ -8,7 +8,6 @@ namespace {
 
 using coretest::CoreTest;
 using coretest::Text;
-using coretest::Tmp;
 
 static_assert(sizeof(QVA_STRING) == 12, "class structures rely on 12-byte strings");
 
@@ -110,14 +109,6 @@ TEST_F(StringsTest, AStaleReferenceStaysDetectedWhileTextsComeAndGo) {
   for (int i = 0; i < 300; ++i) many.push_back(Stored("more"));
   ExpectViolations(1, [&] { QVA_STRING_STR(&stale); });
   for (QVA_STRING &m : many) QVA_StrDelete(&m, 1);
-}
-
-TEST_F(StringsTest, StrToSTRINGMakesAStringTemporary) {
-  Tmp t(QVA_StrToSTRING("made"));
-  EXPECT_EQ(t->type, QVA_TYP_STRING);
-  EXPECT_TRUE(t->flags & QVA_V_TEMP);
-  EXPECT_EQ(Text(t->value.str), "made");
-  EXPECT_EQ(qvahost::accounting().texts, baseline_.texts + 1);
 }
 
 }  // namespace

@@ -194,15 +194,4 @@ TEST_F(StructsTest, AbsentTagIsNullOrAnError) {
   ExpectHostError([&] { QVA_StructGetTagAddress(number.get(), "X", nullptr, nullptr, 2); });
 }
 
-TEST_F(StructsTest, HiddenFlagMarksHostInternalStructures) {
-  QVA_STRUCT_TAG_DEF node[] = {{"FLINK", nullptr, QVA_TYP_PTR, 0},
-                               {"STATUS", nullptr, QVA_TYP_BYTE, 0},
-                               {nullptr, nullptr, 0, 0}};
-  QVA_SDEF sd = QVA_MakeStructInternal("ST_NODE", QVA_SDEF_REUSE | QVA_SDEF_HIDDEN, node, 2);
-  ASSERT_NE(sd, nullptr);
-  EXPECT_TRUE(sd->hidden);
-  EXPECT_EQ(qvahost::struct_length(sd), 8);
-  EXPECT_FALSE(DefineChain()->hidden);
-}
-
 }  // namespace

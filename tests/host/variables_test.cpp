@@ -46,19 +46,6 @@ QVA_VPTR MakePairs() {
   return v;
 }
 
-TEST_F(VariablesTest, TemporariesAreCountedAndReleased) {
-  QVA_VPTR a = QVA_Gettmp();
-  QVA_VPTR b = QVA_GettmpLong(-7);
-  EXPECT_EQ(a->type, QVA_TYP_UNDEF);
-  EXPECT_EQ(a->flags, QVA_V_TEMP);
-  EXPECT_EQ(b->type, QVA_TYP_LONG);
-  EXPECT_EQ(b->value.l, -7);
-  EXPECT_NE(a, b);
-  EXPECT_EQ(qvahost::accounting().temporaries, baseline_.temporaries + 2);
-  QVA_Deltmp(a);
-  QVA_Deltmp(b);
-}
-
 TEST_F(VariablesTest, DeltmpRefusesWhatIsNotALiveTemporary) {
   QVA_VARIABLE local{};
   local.flags = QVA_V_TEMP;  // a module's own variable merely flagged temporary

@@ -106,6 +106,9 @@ TEST_F(ModuleFrameTest, SaveableRoutinesHaveTheirRows) {
 TEST_F(ModuleFrameTest, SessionResetKeepsDefinitionsAndRoutines) {
   qvahost::reset_session();
   QVA_ResetSession();  // twice in a row is harmless
+  // The reset discards whatever the session held before this test; this
+  // test's own balance starts here.
+  baseline_ = qvahost::accounting();
   EXPECT_NE(qva_cobalt_msg_block, nullptr);
   for (const char *cls : {"QVAFWSAVEABLE", "QVAFWMESSAGEHANDLER", "QVADSMAP"})
     EXPECT_NE(qvahost::find_struct(cls), nullptr) << cls;

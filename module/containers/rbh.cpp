@@ -1,0 +1,204 @@
+// rbh.cpp - map_rbh: the red-black tree with nodes in host heap variables.
+#include "containers/rbh.h"
+
+#include <cstdlib>
+
+#include "containers/rb_algorithm.h"
+
+namespace {
+
+[[noreturn]] void rbh_fail(const char *format, QVA_HVID n) {
+  // Texts with "0x%x" show the node; the others ignore the argument.
+  QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, format, static_cast<unsigned>(n));
+  std::abort();  // action 2 never returns
+}
+
+// The node structure: five heap pointers, then one status byte per flag.
+QVA_STRUCT_TAG_DEF map_rbh_node_tags[] = {
+    {"FLINK", nullptr, QVA_TYP_PTR, 0},   {"BLINK", nullptr, QVA_TYP_PTR, 0},
+    {"PARENT", nullptr, QVA_TYP_PTR, 0},  {"KEY", nullptr, QVA_TYP_PTR, 0},
+    {"VAL", nullptr, QVA_TYP_PTR, 0},     {"STATUS0", nullptr, QVA_TYP_BYTE, 0},
+    {"STATUS1", nullptr, QVA_TYP_BYTE, 0}, {"STATUS2", nullptr, QVA_TYP_BYTE, 0},
+    {"STATUS3", nullptr, QVA_TYP_BYTE, 0}, {"STATUS4", nullptr, QVA_TYP_BYTE, 0},
+    {nullptr, nullptr, 0, 0},
+};
+
+// Releases a temporary that is still marked temporary, also when a host
+// error unwinds past it.
+class temp_guard {
+ public:
+  explicit temp_guard(QVA_VPTR v) : v_(v) {}
+  ~temp_guard() {
+    if (v_ && (v_->flags & QVA_V_TEMP)) QVA_Deltmp(v_);
+  }
+  temp_guard(const temp_guard &) = delete;
+  temp_guard &operator=(const temp_guard &) = delete;
+
+ private:
+  QVA_VPTR v_;
+};
+
+// One zeroed node: the structure definition (the host hands back the one
+// definition of that name after the first), a temporary of it, and a heap
+// pointer variable that takes the temporary's value.
+QVA_HVID map_rbh_new() {
+  QVA_SDEF sdef = QVA_MakeStructInternal("QVA_MAP_RBH_NODE", QVA_SDEF_REUSE | QVA_SDEF_HIDDEN,
+                                         map_rbh_node_tags, QVA_MSG_LONGJMP);
+  if (!sdef) return 0;
+  QVA_VPTR tmp = nullptr;
+  QVA_MakeTempStructVector(sdef, 1, &tmp, 1);
+  temp_guard guard(tmp);
+  if (!tmp) return 0;
+  QVA_HVPTR hv = QVA_HeapVarNew(QVA_TYP_PTR, tmp, 1, QVA_MSG_LONGJMP);
+  return hv ? hv->hash_id : 0;
+}
+
+// An entry holding key and value (black, external, not root, not head).
+void map_rbh_mk_new_ext(QVA_HVID *out, QVA_HVID key, QVA_HVID val) {
+  *out = map_rbh_new();
+  if (!*out) return;
+  QVA_MAP_RBH_NODE *n = map_rbh_deref(*out);
+  n->VAL = val;
+  n->KEY = key;
+  n->STATUS1 = n->STATUS0 = n->STATUS3 = n->STATUS4 = 0;
+}
+
+// Node access for heap nodes: a node's name is its hvid, and every record
+// is reached through map_rbh_deref.
+struct map_rbh_policy {
+  using Id = QVA_HVID;
+  using Node = QVA_MAP_RBH_NODE;
+  using Word = QVA_HVID;
+  static constexpr Id none = 0;
+
+  static Node *at(Id n) { return map_rbh_deref(n); }
+  static void prefetch(Id) {}  // reaching the record is itself a look-up
+  static Id &flink(Node *n) { return n->FLINK; }
+  static Id &blink(Node *n) { return n->BLINK; }
+  static Id &parent(Node *n) { return n->PARENT; }
+  static Id &lmax(Node *n) { return n->KEY; }
+  static Id &rmin(Node *n) { return n->VAL; }
+  static Word &key(Node *n) { return n->KEY; }
+
+  static QVA_UCHAR &status(Node *n, map_rb_flag f) {
+    switch (f) {
+      case MAP_RB_RED: return n->STATUS0;
+      case MAP_RB_INTERNAL: return n->STATUS1;
+      case MAP_RB_LEFT: return n->STATUS2;
+      case MAP_RB_ROOT: return n->STATUS3;
+      case MAP_RB_HEAD: break;
+    }
+    return n->STATUS4;
+  }
+  static bool is(Node *n, map_rb_flag f) { return status(n, f) != 0; }
+  static void set(Node *n, map_rb_flag f, bool on) { status(n, f) = on ? 1 : 0; }
+
+  static Id make_ext(Word key, Word val, Node **out) {
+    QVA_HVID h;
+    map_rbh_mk_new_ext(&h, key, val);
+    if (h) *out = map_rbh_deref(h);
+    return h;
+  }
+  static Id make_int(Node **out) {
+    QVA_HVID h = map_rbh_new();
+    if (h) *out = map_rbh_deref(h);
+    return h;
+  }
+  static void release(Id n, const char *) { QVA_HeapVarDelete(n, 0, 0); }
+  [[noreturn]] static void fail(const char *format, Id n) { rbh_fail(format, n); }
+
+  static constexpr const char *tag_insert = nullptr;
+  static constexpr const char *tag_delete = nullptr;
+  static constexpr const char *tag_free = nullptr;
+
+  static constexpr const char *text_insert_internal =
+      "map_rbh_insert_b called on an internal node 0x%x";
+  static constexpr const char *text_delete_internal = "Cannot delete an internal node: 0x%x";
+  static constexpr const char *text_delete_head = "Cannot delete the head of an map_rbh_tree: 0x%x";
+  static constexpr const char *text_sib_black_internal = "DELETION PROB -- sib is black, internal";
+  static constexpr const char *text_sib_not_internal = "DELETION ERROR: sibling not internal";
+  static constexpr const char *text_23c = "DELETION ERROR: 2.3c not quite right";
+  static constexpr const char *text_nblack =
+      "ERROR: map_rbh_nblack called on a non-external node 0x%x";
+  static constexpr const char *text_plength =
+      "ERROR: map_rbh_plength called on a non-external node 0x%x";
+  static constexpr const char *text_free_nonhead =
+      "ERROR: map_rbh_free_tree called on a non-head node";
+  static constexpr const char *text_swap_nonhead = "map_rbh_swap called on non-head 0x%x";
+};
+
+using algo = rb_tree<map_rbh_policy>;
+
+}  // namespace
+
+QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
+  QVA_HVPTR hv = QVA_HeapVarHashFind(n);
+  if (!hv) rbh_fail("map_rbh_deref: no heap variable 0x%x", n);
+  const QVA_VARIABLE &v = hv->var;
+  if ((hv->flags & QVA_HV_OBJECT) || !(v.flags & QVA_V_STRUCT) || !v.value.s.arr ||
+      v.value.s.arr->elt_len != static_cast<QVA_MEMINT>(sizeof(QVA_MAP_RBH_NODE)))
+    rbh_fail("map_rbh_deref: heap variable 0x%x is not a map_rbh node", n);
+  return reinterpret_cast<QVA_MAP_RBH_NODE *>(v.value.s.arr->data);
+}
+
+int map_rbh_hcmp(QVA_HVID a, QVA_HVID b) { return (a > b) - (a < b); }
+
+QVA_HVID map_make_rbh(void) {
+  QVA_HVID h = map_rbh_new();
+  if (!h) return 0;
+  QVA_MAP_RBH_NODE *n = map_rbh_deref(h);
+  n->FLINK = n->BLINK = n->PARENT = h;
+  n->KEY = 0;
+  n->STATUS4 = 1;
+  return h;
+}
+
+QVA_HVID map_rbh_find_gkey_n(QVA_HVID tree, QVA_HVID key, map_rbh_compare_fn cmp, int *found) {
+  auto c = [key, cmp](QVA_HVID stored) { return cmp(key, stored); };
+  return algo::find(tree, c, found, "map_rbh_find_gkey_n called on non-head");
+}
+
+QVA_HVID map_rbh_find_gkey(QVA_HVID tree, QVA_HVID key, map_rbh_compare_fn cmp) {
+  int found;
+  return map_rbh_find_gkey_n(tree, key, cmp, &found);
+}
+
+QVA_HVID map_rbh_find_key_n(QVA_HVID tree, QVA_HVID key, int *found) {
+  auto c = [key](QVA_HVID stored) { return map_rbh_hcmp(key, stored); };
+  return algo::find(tree, c, found, "map_rbh_find_key_n called on non-head 0x%x");
+}
+
+QVA_HVID map_rbh_find_key(QVA_HVID tree, QVA_HVID key) {
+  int found;
+  return map_rbh_find_key_n(tree, key, &found);
+}
+
+QVA_HVID map_rbh_insert_b(QVA_HVID n, QVA_HVID key, QVA_HVID val) {
+  return algo::insert_b(n, key, val);
+}
+
+QVA_HVID map_rbh_insert_a(QVA_HVID n, QVA_HVID key, QVA_HVID val) {
+  QVA_MAP_RBH_NODE *node = map_rbh_deref(n);
+  if (node->STATUS1) rbh_fail("map_rbh_insert_a called on an internal node 0x%x", n);
+  return algo::insert_b(node->FLINK, key, val);
+}
+
+QVA_HVID map_rbh_insert(QVA_HVID tree, QVA_HVID key, QVA_HVID val) {
+  return algo::insert_b(map_rbh_find_key(tree, key), key, val);
+}
+
+QVA_HVID map_rbh_insertg(QVA_HVID tree, QVA_HVID key, QVA_HVID val, map_rbh_compare_fn cmp) {
+  return algo::insert_b(map_rbh_find_gkey(tree, key, cmp), key, val);
+}
+
+void map_rbh_delete_node(QVA_HVID n) { algo::delete_node(n); }
+
+void map_rbh_free_tree(QVA_HVID tree) { algo::free_tree(tree); }
+
+QVA_HVID map_rbh_val(QVA_HVID n) { return map_rbh_deref(n)->VAL; }
+
+int map_rbh_nblack(QVA_HVID n) { return algo::nblack(n); }
+
+int map_rbh_plength(QVA_HVID n) { return algo::plength(n); }
+
+void map_rbh_swap(QVA_HVID a, QVA_HVID b) { algo::swap(a, b); }

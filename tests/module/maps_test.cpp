@@ -1,0 +1,308 @@
+// Tests of the two ordered maps: map* over map_rb and maph* over map_rbh,
+// run through one interface so that both meet the same expectations.
+#include <functional>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "test_support.h"
+#include "tree_random.h"
+
+namespace {
+
+using treecheck::check;
+using treecheck::int_of;
+using treecheck::word;
+
+// Keys compare by their value modulo 1000, so that two different key words
+// (5 and 1005) can be equal keys.
+int order_of(int k) { return k % 1000; }
+int compare_ints(int a, int b) { return (order_of(a) > order_of(b)) - (order_of(a) < order_of(b)); }
+int mem_compare(const void *key, const void *stored) { return compare_ints(int_of(key), int_of(stored)); }
+int heap_compare(QVA_HVID key, QVA_HVID stored) {
+  return compare_ints(static_cast<int>(key), static_cast<int>(stored));
+}
+
+struct MemMap {
+  using H = MAP_RB_NODE *;
+  using View = treecheck::RbView;
+  static H init() { return mapInit(); }
+  static H begin(H m) { return mapBegin(m); }
+  static H end(H m) { return mapEnd(m); }
+  static int size(H m) { return mapSize(m); }
+  static int empty(H m) { return mapEmpty(m); }
+  static void erase(H e) { mapErase(e); }
+  static H insert(H m, int k, int v) { return mapInsert(m, word(k), word(v), mem_compare); }
+  static H find(H m, int k) { return mapFind(m, word(k), mem_compare); }
+  static H lower(H m, int k) { return mapLower(m, word(k), mem_compare); }
+  static H upper(H m, int k) { return mapUpper(m, word(k), mem_compare); }
+  static int key(H e) { return int_of(mapKey(e)); }
+  static int data(H e) { return int_of(mapData(e)); }
+  static void free(H m) { mapFree(m); }
+  static H copy(H m) { return mapCopy(m, mem_compare); }
+  static H range(H a, H b) { return mapRange(a, b, mem_compare); }
+  static void swap(H a, H b) { mapSwap(a, b); }
+  static H next(H e) { return e->flink; }
+  static H prev(H e) { return e->blink; }
+};
+
+struct HeapMap {
+  using H = QVA_HVID;
+  using View = treecheck::RbhView;
+  static H init() { return maphInit(); }
+  static H begin(H m) { return maphBegin(m); }
+  static H end(H m) { return maphEnd(m); }
+  static int size(H m) { return maphSize(m); }
+  static int empty(H m) { return maphEmpty(m); }
+  static void erase(H e) { maphErase(e); }
+  static H insert(H m, int k, int v) { return maphInsert(m, k, v, heap_compare); }
+  static H find(H m, int k) { return maphFind(m, k, heap_compare); }
+  static H lower(H m, int k) { return maphLower(m, k, heap_compare); }
+  static H upper(H m, int k) { return maphUpper(m, k, heap_compare); }
+  static int key(H e) { return static_cast<int>(maphKey(e)); }
+  static int data(H e) { return static_cast<int>(maphData(e)); }
+  static void free(H m) { maphFree(m); }
+  static H copy(H m) { return maphCopy(m, heap_compare); }
+  static H range(H a, H b) { return maphRange(a, b, heap_compare); }
+  static void swap(H a, H b) { maphSwap(a, b); }
+  static H next(H e) { return map_rbh_deref(e)->FLINK; }
+  static H prev(H e) { return map_rbh_deref(e)->BLINK; }
+};
+
+template <class M>
+class MapTest : public qvatest::HostTest {
+ protected:
+  using H = typename M::H;
+  using V = typename M::View;
+
+  // Keys in map order, read by walking from the handle.
+  static std::vector<int> keys(H m) {
+    std::vector<int> out;
+    for (H e = M::begin(m); e != m; e = M::next(e)) out.push_back(M::key(e));
+    return out;
+  }
+  static H filled(std::initializer_list<int> ks) {
+    H m = M::init();
+    for (int k : ks) M::insert(m, k, -k);
+    return m;
+  }
+  // Runs `make`, counting a host error as a failure (the heap map's node
+  // creation raises one, the in-memory map returns null).
+  static H attempt(const std::function<H()> &make) {
+    try {
+      return make();
+    } catch (const qvahost::HostError &) {
+      return H{};
+    }
+  }
+};
+
+using MapKinds = ::testing::Types<MemMap, HeapMap>;
+TYPED_TEST_SUITE(MapTest, MapKinds);
+
+TYPED_TEST(MapTest, ANewMapIsEmpty) {
+  using M = TypeParam;
+  auto m = M::init();
+  ASSERT_NE(m, typename M::H{});
+  EXPECT_EQ(M::begin(m), m);
+  EXPECT_EQ(M::end(m), m);
+  EXPECT_EQ(M::size(m), 0);
+  EXPECT_EQ(M::empty(m), 1);
+  EXPECT_EQ(M::find(m, 3), typename M::H{});
+  EXPECT_EQ(M::upper(m, 3), m);
+  M::free(m);
+}
+
+TYPED_TEST(MapTest, InsertingAnEqualKeyReplacesTheEntry) {
+  using M = TypeParam;
+  auto m = this->filled({5, 9});
+  auto e = M::insert(m, 1005, 77);
+  EXPECT_EQ(M::size(m), 2);
+  EXPECT_EQ(M::find(m, 5), e);
+  EXPECT_EQ(M::lower(m, 5), e);
+  EXPECT_EQ(M::key(e), 1005) << "the entry holds the new key word";
+  EXPECT_EQ(M::data(e), 77);
+  EXPECT_EQ(M::empty(m), 0);
+  EXPECT_EQ(check<typename M::View>(m), "");
+  M::free(m);
+}
+
+TYPED_TEST(MapTest, NullHandlesAndEntriesAreAccepted) {
+  using M = TypeParam;
+  const typename M::H none{};
+  M::erase(none);
+  M::free(none);
+  EXPECT_EQ(M::data(none), 0);
+  EXPECT_EQ(M::key(none), 0);
+  EXPECT_EQ(M::find(none, 1), none);
+  EXPECT_EQ(M::upper(none, 1), none);
+  EXPECT_EQ(M::size(none), 0);
+  EXPECT_EQ(M::empty(none), 1);
+  EXPECT_EQ(M::copy(none), none);
+}
+
+TYPED_TEST(MapTest, UpperGivesThePreviousEntryOfAFoundKey) {
+  using M = TypeParam;
+  auto m = this->filled({30, 10, 20});
+  auto first = M::begin(m);
+  auto second = M::next(first);
+  auto third = M::next(second);
+  EXPECT_EQ(M::upper(m, 10), typename M::H{}) << "the first entry's key";
+  EXPECT_EQ(M::upper(m, 20), first);
+  EXPECT_EQ(M::upper(m, 30), second);
+  EXPECT_EQ(M::upper(m, 40), m) << "above all: the handle";
+  EXPECT_EQ(M::upper(m, 25), third) << "absent between two: the later one";
+  EXPECT_EQ(M::upper(m, 5), first);
+  M::free(m);
+}
+
+TYPED_TEST(MapTest, ErasingDuringAWalkVisitsEveryEntryOnce) {
+  using M = TypeParam;
+  auto m = M::init();
+  for (int k = 49; k >= 0; --k) M::insert(m, k, k);
+  std::vector<int> visited;
+  for (auto e = M::begin(m); e != m; e = M::next(e)) {  // drop the odd keys
+    visited.push_back(M::key(e));
+    if (M::key(e) % 2) {
+      auto back = M::prev(e);
+      M::erase(e);
+      e = back;
+    }
+  }
+  EXPECT_EQ(visited.size(), 50u);
+  EXPECT_EQ(M::size(m), 25);
+  EXPECT_EQ(check<typename M::View>(m), "");
+  for (auto e = M::begin(m); e != m; e = M::next(e)) {  // and then all
+    auto back = M::prev(e);
+    M::erase(e);
+    e = back;
+  }
+  EXPECT_EQ(M::empty(m), 1);
+  EXPECT_EQ(check<typename M::View>(m), "");
+  M::free(m);
+}
+
+TYPED_TEST(MapTest, MatchesAStdMapUnderRandomOperations) {
+  using M = TypeParam;
+  std::mt19937 rng(2024);
+  auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  auto m = M::init();
+  std::map<int, int> model;
+  for (int step = 0; step < 1500 && !this->HasFailure(); ++step) {
+    int key = pick(0, 120);
+    int op = pick(0, 9);
+    if (op < 4) {
+      M::insert(m, key + 1000 * pick(0, 2), step);
+      model[key] = step;
+    } else if (op < 7) {
+      M::erase(M::find(m, key));
+      model.erase(key);
+    } else {
+      auto e = M::find(m, key);
+      EXPECT_EQ(e == typename M::H{}, model.count(key) == 0) << "key " << key;
+      if (e) {
+        EXPECT_EQ(M::data(e), model[key]);
+      }
+      auto up = M::upper(m, key);
+      auto it = model.lower_bound(key);
+      if (it != model.end() && it->first == key) {
+        if (it == model.begin()) {
+          EXPECT_EQ(up, typename M::H{});
+        } else {
+          EXPECT_EQ(order_of(M::key(up)), std::prev(it)->first);
+        }
+      } else if (it == model.end()) {
+        EXPECT_EQ(up, m);
+      } else {
+        EXPECT_EQ(order_of(M::key(up)), it->first);
+      }
+    }
+    ASSERT_EQ(check<typename M::View>(m), "") << "step " << step;
+    std::vector<int> expected;
+    for (auto &[k, v] : model) expected.push_back(k);
+    std::vector<int> got;
+    for (int k : this->keys(m)) got.push_back(order_of(k));
+    ASSERT_EQ(got, expected) << "step " << step;
+  }
+  EXPECT_EQ(M::size(m), static_cast<int>(model.size()));
+  M::free(m);
+}
+
+TYPED_TEST(MapTest, CopyRangeAndSwap) {
+  using M = TypeParam;
+  auto m = this->filled({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
+  auto copy = M::copy(m);
+  ASSERT_NE(copy, m);
+  EXPECT_EQ(this->keys(copy), this->keys(m));
+  EXPECT_EQ(M::data(M::find(copy, 4)), -4);
+  EXPECT_EQ(check<typename M::View>(copy), "");
+
+  auto e3 = M::find(m, 3), e6 = M::find(m, 6), e7 = M::find(m, 7);
+  auto middle = M::range(e3, e6);
+  EXPECT_EQ(this->keys(middle), (std::vector<int>{3, 4, 5, 6}));
+  auto tail = M::range(e7, m);
+  EXPECT_EQ(this->keys(tail), (std::vector<int>{7, 8, 9}));
+
+  auto empty = M::init();
+  auto empty_copy = M::copy(empty);
+  EXPECT_EQ(M::size(empty_copy), 0);
+  M::swap(m, empty);
+  EXPECT_EQ(M::size(m), 0);
+  EXPECT_EQ(this->keys(empty), this->keys(copy));
+  EXPECT_EQ(check<typename M::View>(m), "");
+  EXPECT_EQ(check<typename M::View>(empty), "");
+  M::swap(empty, middle);
+  EXPECT_EQ(this->keys(empty), (std::vector<int>{3, 4, 5, 6}));
+  EXPECT_EQ(M::size(middle), 10);
+  EXPECT_EQ(check<typename M::View>(middle), "");
+  M::swap(middle, middle);
+  EXPECT_EQ(M::size(middle), 10);
+  for (auto h : {m, copy, middle, tail, empty, empty_copy}) M::free(h);
+}
+
+// Out of memory while inserting: the replaced entry is already gone, the
+// new one is not there, and once the map is freed nothing remains.
+TYPED_TEST(MapTest, AFailedReplacementLeavesTheKeyAbsent) {
+  using M = TypeParam;
+  int failures = 0;
+  for (int n = 1; n < 100; ++n) {
+    const qvahost::Accounting usage = qvahost::accounting();
+    auto m = this->filled({1, 2, 3, 4, 5});
+    qvahost::fail_allocation_after(n);
+    auto e = this->attempt([&] { return M::insert(m, 1003, 9); });
+    qvahost::fail_allocation_after(0);
+    if (!e) {
+      ++failures;
+      EXPECT_EQ(M::find(m, 3), typename M::H{});
+      EXPECT_EQ(this->keys(m), (std::vector<int>{1, 2, 4, 5}));
+      EXPECT_EQ(check<typename M::View>(m), "");
+    }
+    M::free(m);
+    EXPECT_EQ(qvahost::accounting(), usage) << "allocation " << n;
+    if (e) break;
+  }
+  EXPECT_GE(failures, 2);
+}
+
+TYPED_TEST(MapTest, ACopyGivenUpOnIsReleased) {
+  using M = TypeParam;
+  auto m = this->filled({1, 2, 3, 4, 5});
+  int failures = 0;
+  for (int n = 1; n < 200; ++n) {
+    const qvahost::Accounting usage = qvahost::accounting();
+    qvahost::fail_allocation_after(n);
+    auto copy = this->attempt([&] { return M::copy(m); });
+    qvahost::fail_allocation_after(0);
+    if (copy) {
+      EXPECT_EQ(this->keys(copy), this->keys(m));
+      M::free(copy);
+      break;
+    }
+    ++failures;
+    EXPECT_EQ(qvahost::accounting(), usage) << "allocation " << n;
+  }
+  EXPECT_GE(failures, 10) << "the head and two nodes per entry after the first";
+  M::free(m);
+}
+
+}  // namespace
