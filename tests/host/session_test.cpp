@@ -10,20 +10,9 @@ namespace {
 
 using qvahost::FieldSpec;
 using qvatest::ExpectHostError;
-using qvatest::HostTest;
 
-// The tests of this file start from an empty session and leave one.
-class SessionTest : public HostTest {
+class SessionTest : public qvatest::FreshSessionTest {
  protected:
-  void SetUp() override {
-    qvahost::reset_session();
-    HostTest::SetUp();
-  }
-  void TearDown() override {
-    qvahost::reset_session();
-    HostTest::TearDown();
-  }
-
   // Sets a main-level variable from a temporary.
   static QVA_VPTR Set(const std::string &name, QVA_VPTR tmp) {
     QVA_VPTR v = qvahost::main_variable(name);

@@ -8,11 +8,10 @@ namespace {
 
 using qvatest::ExpectHostError;
 
-class DsMapTest : public qvatest::HostTest {
+class DsMapTest : public qvatest::FreshSessionTest {
  protected:
   void SetUp() override {
-    qvahost::reset_session();
-    HostTest::SetUp();
+    FreshSessionTest::SetUp();
     QVA_VPTR cls = qvahost::make_string("QVAdsMap");
     QVA_VPTR ref = QVA_ObjNew(1, &cls, nullptr);
     QVA_Deltmp(cls);
@@ -21,8 +20,7 @@ class DsMapTest : public qvatest::HostTest {
   }
   void TearDown() override {
     Destroy(map_.get());
-    qvahost::reset_session();
-    HostTest::TearDown();
+    FreshSessionTest::TearDown();
   }
   static void Destroy(QVA_VPTR ref) { QVA_ObjDestroy(1, &ref, nullptr); }
 

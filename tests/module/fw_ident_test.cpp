@@ -6,19 +6,9 @@ namespace {
 
 using qvatest::ExpectHostError;
 
-// Each test starts from a freshly reset session (no identifiers) and ends
-// by resetting it again, which must leave nothing behind.
-class IdentTest : public qvatest::HostTest {
+// Each test starts from a session without identifiers.
+class IdentTest : public qvatest::FreshSessionTest {
  protected:
-  void SetUp() override {
-    qvahost::reset_session();
-    HostTest::SetUp();
-  }
-  void TearDown() override {
-    qvahost::reset_session();
-    HostTest::TearDown();
-  }
-
   // GET_FWIDENT(text): the identifier's heap identifier.
   static QVA_HVID Get(const std::string &text) {
     QVA_VPTR s = qvahost::make_string(text);

@@ -38,6 +38,16 @@ void HostTest::TearDown() {
   ExpectNoLeaks();
 }
 
+void FreshSessionTest::SetUp() {
+  qvahost::reset_session();
+  HostTest::SetUp();
+}
+
+void FreshSessionTest::TearDown() {
+  qvahost::reset_session();
+  HostTest::TearDown();
+}
+
 qvahost::HostError ExpectHostError(const std::function<void()> &body) {
   try {
     body();

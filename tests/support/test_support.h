@@ -35,6 +35,15 @@ class HostTest : public ::testing::Test {
   qvahost::Accounting baseline_;
 };
 
+// A fixture that starts from an empty session and ends by resetting it,
+// which must leave nothing behind: for tests of saving, restoring and
+// anything that keeps session state.
+class FreshSessionTest : public HostTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+};
+
 // Runs `body` and returns the HostError it raised; fails the test when it
 // raised none.
 qvahost::HostError ExpectHostError(const std::function<void()> &body);
