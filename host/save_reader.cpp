@@ -85,7 +85,7 @@ class Restorer {
   enum Mode { kCheck, kBuild };
 
   void read_sdefs();
-  void resolve(SavedSdef &sd, size_t index);
+  void resolve(SavedSdef &sd);
   void read_value(Mode mode, QVA_VPTR out);
   void read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_MEMINT n);
   void read_dims(int *n_dim, QVA_MEMINT *dims, QVA_MEMINT *n_elts, uint64_t elt_min);
@@ -172,7 +172,7 @@ void Restorer::read_sdefs() {
     }
     if (sd.depth > savefile::kMaxStructDepth) corrupt("structures nested too deeply");
     if (sd.min_bytes > (uint64_t{1} << 40)) corrupt("structure too large");
-    resolve(sd, i);
+    resolve(sd);
     sdefs_.push_back(std::move(sd));
   }
 }
@@ -182,8 +182,7 @@ void Restorer::read_sdefs() {
 // saved fields matched by name (fields it lacks are dropped, fields the
 // file lacks stay zero), provided every field both have agrees in type and
 // size.  Anything else is refused rather than guessed at.
-void Restorer::resolve(SavedSdef &sd, size_t index) {
-  (void)index;
+void Restorer::resolve(SavedSdef &sd) {
   if (sd.name.empty()) return;
   sd.live = sdef_find(ident_of(sd.name));
   if (!sd.live) return;
