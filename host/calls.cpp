@@ -126,6 +126,17 @@ void call_method_procedure(QVA_VPTR obj, const std::string &method, std::vector<
   at_boundary([&] { call_method(obj, method, args, kw, false); });
 }
 
+QVA_VPTR new_object(const std::string &cls, std::vector<QVA_VPTR> args, const Keywords &kw) {
+  return at_boundary([&] {
+    check_arguments(args, kw);
+    QVA_VPTR name = make_string(cls);
+    TempGuard name_guard(name);
+    args.insert(args.begin(), name);
+    QVA_KW_ARGS block{kw};
+    return QVA_ObjNew(static_cast<int>(args.size()), args.data(), kw.empty() ? nullptr : &block);
+  });
+}
+
 std::string try_call(const std::function<void()> &body) {
   CallBoundary boundary;
   try {

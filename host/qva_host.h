@@ -118,6 +118,11 @@ QVA_VPTR call_method_function(QVA_VPTR obj, const std::string &method,
 void call_method_procedure(QVA_VPTR obj, const std::string &method,
                            std::vector<QVA_VPTR> args = {}, const Keywords &kw = {});
 
+// OBJ_NEW(cls, args..., keywords): an object reference temporary, the null
+// reference when the class's INIT gave 0.
+QVA_VPTR new_object(const std::string &cls, std::vector<QVA_VPTR> args = {},
+                    const Keywords &kw = {});
+
 // Runs `body`, catching a HostError: on error the report is emitted and
 // returned; on success the result is empty.
 std::string try_call(const std::function<void()> &body);

@@ -11,6 +11,20 @@ QVA_VPTR fw_kwResponse(const FwKeywordFields *kw) {
   return var;
 }
 
+IdentText::IdentText(QVA_HVID ident) {
+  QVA_HVPTR hv = QVA_HeapVarHashFind(ident);
+  if (hv && hv->var.type == QVA_TYP_STRING && !(hv->var.flags & QVA_V_NOT_SCALAR)) {
+    text_ = hv->var.value.str;
+    return;
+  }
+  QVA_StrStore(&text_, "ERROR");
+  owned_ = true;
+}
+
+IdentText::~IdentText() {
+  if (owned_) QVA_StrDelete(&text_, 1);
+}
+
 QVA_HVID fw_objrefOf(QVA_VPTR v) {
   if (v->type != QVA_TYP_OBJREF) QVA_MessageVE_REQOBJREF(v, QVA_MSG_LONGJMP);
   if (v->flags & QVA_V_NOT_SCALAR) QVA_MessageVE_NOTSCALAR(v, QVA_MSG_LONGJMP);
@@ -30,8 +44,26 @@ void *fw_locateData(QVA_HVID hvid, const char *first_field, const char *class_na
   return fw_dataOfHeapVar(hv, first_field, class_name);
 }
 
-ClassPart fw_classPart(QVA_HVID hvid, const char *class_name) {
-  return ClassPart{fw_locateData(hvid, FW_SAVEABLE_TOP_FIELD, class_name), hvid};
+ClassPart fw_classPart(QVA_HVID hvid, const char *structure, const char *class_name) {
+  QVA_HVPTR hv = QVA_ObjValidate(hvid, QVA_MSG_LONGJMP);
+  if (!(hv->var.flags & QVA_V_STRUCT) ||
+      !QVA_ObjContainsClassByStr(hv->var.value.s.sdef, structure, 0, 0, QVA_MSG_LONGJMP))
+    QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
+  return ClassPart{fw_dataOfHeapVar(hv, FW_SAVEABLE_TOP_FIELD, class_name), hvid};
+}
+
+QVA_HVID fw_newObject(const char *structure) {
+  QVA_SDEF sdef = QVA_ObjRuntimeDefine(QVA_IdentHash(structure, 0, 0, QVA_MSG_LONGJMP, 0));
+  QVA_VPTR tmp = nullptr;
+  QVA_MakeTempStructVector(sdef, 1, &tmp, 1);
+  QVA_HVPTR hv = QVA_HeapVarNew(QVA_TYP_OBJREF, tmp, 1, QVA_MSG_LONGJMP);
+  // The temporary gave its data to the object; it is released as a plain
+  // object reference.
+  tmp->type = QVA_TYP_OBJREF;
+  tmp->flags = QVA_V_TEMP;
+  tmp->value.hvid = hv->hash_id;
+  QVA_Deltmp(tmp);
+  return hv->hash_id;
 }
 
 namespace {

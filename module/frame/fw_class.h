@@ -293,6 +293,24 @@ using FwInitFn = int (*)(ClassPart part, FwKeywordFields *kw);
 QVA_VPTR fw_initWithKeywords(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, QVA_KW_PAR *keywords,
                              FwLocateFn locate, FwInitFn init);
 
+// ------------------------------------------------------ identifier texts
+
+// The text an identifier field names, for reading: the identifier's own
+// string (owned by the identifier), or "ERROR" when the identifier variable
+// has vanished (owned by this object and deleted with it).
+class IdentText {
+ public:
+  explicit IdentText(QVA_HVID ident);
+  ~IdentText();
+  IdentText(const IdentText &) = delete;
+  IdentText &operator=(const IdentText &) = delete;
+  const QVA_STRING &get() const { return text_; }
+
+ private:
+  QVA_STRING text_{};
+  bool owned_ = false;
+};
+
 // ------------------------------------------------------------ locating
 
 // The heap identifier held by an object reference variable (a scalar
@@ -305,8 +323,14 @@ QVA_HVID fw_objrefOf(QVA_VPTR v);
 void *fw_locateData(QVA_HVID hvid, const char *first_field, const char *class_name);
 // As fw_locateData for an object's heap variable already found.
 void *fw_dataOfHeapVar(QVA_HVPTR hv, const char *first_field, const char *class_name);
-// fw_locateData for a framework object (block at QVAFWSAVEABLE_TOP).
-ClassPart fw_classPart(QVA_HVID hvid, const char *class_name);
+// The class part of framework object `hvid`, which must be of class
+// `structure` or inherit it; another object is refused naming `class_name`,
+// so that no class's fixed positions are applied to a smaller object.
+ClassPart fw_classPart(QVA_HVID hvid, const char *structure, const char *class_name);
+
+// Makes an object of the class whose structure is `structure`, with zeroed
+// data and without running any INIT; its heap identifier.
+QVA_HVID fw_newObject(const char *structure);
 
 // The first field of each root structure, where its data block begins.
 inline constexpr const char *FW_SAVEABLE_TOP_FIELD = "QVAFWSAVEABLE_TOP";

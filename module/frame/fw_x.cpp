@@ -36,5 +36,6 @@ void QVA_FwObjsResetSession(void) {
   // about them must go too.
   // 1. Every interned identifier, whatever its count, and every stale one.
   fwIdent_garbageCollect(1);
-  // 2. Forgetting the top-level handler lands with the message handlers.
+  // 2. The top-level handler: the next request makes a new one.
+  QVA_fwMessagehandler_RstTopLev();
 }

@@ -7,8 +7,14 @@
 #include <iterator>
 
 #include "dsmap/ds_map.h"
+#include "framework/fw_behavior.h"
+#include "framework/fw_hashndlr.h"
 #include "framework/fw_ident.h"
+#include "framework/fw_message.h"
+#include "framework/fw_messhndlr.h"
 #include "framework/fw_saveable.h"
+
+#define KW QVA_SYSFUN_KEYWORDS
 
 QVA_SYSFUN_DEF function_addr[] = {
     {QVA_RTN(QVA_fwIdent_getIdent), "GET_FWIDENT", 1, 1, 0, 0},
@@ -17,6 +23,17 @@ QVA_SYSFUN_DEF function_addr[] = {
     {QVA_RTN(QVA_dsMap_GetSize), "QVADSMAP::GETSIZE", 1, 1, 0, 0},
     {QVA_RTN(QVA_dsMap_Init), "QVADSMAP::INIT", 1, 1, 0, 0},
     {QVA_RTN(QVA_dsMap_KeyExists), "QVADSMAP::KEYEXISTS", 2, 2, 0, 0},
+    {QVA_RTN(QVA_fwBehavior_Init), "QVAFWBEHAVIOR::INIT", 1, 1, KW, 0},
+    {QVA_RTN(QVA_fwBehavior_IsRegistered), "QVAFWBEHAVIOR::ISREGISTERED", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwBehavior_MessageString), "QVAFWBEHAVIOR::MESSAGESTRING", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwHasAHandler_Handler), "QVAFWHASAHANDLER::HANDLER", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwHasAHandler_Init), "QVAFWHASAHANDLER::INIT", 1, 1, KW, 0},
+    {QVA_RTN(QVA_fwMessage_Init), "QVAFWMESSAGE::INIT", 1, 1, KW, 0},
+    {QVA_RTN(QVA_fwMessage_MessageString), "QVAFWMESSAGE::MESSAGESTRING", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_Behaviors), "QVAFWMESSAGEHANDLER::BEHAVIORS", 2, 2, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_Init), "QVAFWMESSAGEHANDLER::INIT", 1, 1, KW, 0},
+    {QVA_RTN(QVA_fwMessageHandler_IsScoped), "QVAFWMESSAGEHANDLER::ISSCOPED", 2, 2, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_ScopedMess), "QVAFWMESSAGEHANDLER::SCOPEDMESSAGES", 1, 1, 0, 0},
     {QVA_RTN(QVA_fwSaveable_Init), "QVAFWSAVEABLE::INIT", 1, 1, 0, 0},
     {QVA_RTN(QVA_fwIdent_rolloverIdent), "ROLLOVER_FWIDENT", 1, 1, 0, 0},
 };
@@ -28,12 +45,34 @@ QVA_SYSFUN_DEF procedure_addr[] = {
     {QVA_RTN(QVA_dsMap_Cleanup), "QVADSMAP::CLEANUP", 1, 1, 0, 0},
     {QVA_RTN(QVA_dsMap_Insert), "QVADSMAP::INSERT", 3, 3, 0, 0},
     {QVA_RTN(QVA_dsMap_Remove), "QVADSMAP::REMOVE", 2, 2, 0, 0},
+    {QVA_RTN(QVA_fwBehavior_Cleanup), "QVAFWBEHAVIOR::CLEANUP", 1, 1, KW, 0},
+    {QVA_RTN(QVA_fwBehavior_Execute), "QVAFWBEHAVIOR::EXECUTE", 1, 2, 0, 0},
+    {QVA_RTN(QVA_fwBehavior_Register), "QVAFWBEHAVIOR::REGISTER", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwBehavior_Restore), "QVAFWBEHAVIOR::RESTORE", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwBehavior_SetMessageString), "QVAFWBEHAVIOR::SETMESSAGESTRING", 2, 2, 0, 0},
+    {QVA_RTN(QVA_fwBehavior_Unregister), "QVAFWBEHAVIOR::UNREGISTER", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwHasAHandler_Cleanup), "QVAFWHASAHANDLER::CLEANUP", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwHasAHandler_Restore), "QVAFWHASAHANDLER::RESTORE", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwHasAHandler_SetHandler), "QVAFWHASAHANDLER::SETHANDLER", 2, 2, 0, 0},
+    {QVA_RTN(QVA_fwMessage_Cleanup), "QVAFWMESSAGE::CLEANUP", 1, 1, KW, 0},
+    {QVA_RTN(QVA_fwMessage_Restore), "QVAFWMESSAGE::RESTORE", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwMessage_Send), "QVAFWMESSAGE::SEND", 1, 2, 0, 0},
+    {QVA_RTN(QVA_fwMessage_SetMessageString), "QVAFWMESSAGE::SETMESSAGESTRING", 2, 2, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_AddBehav), "QVAFWMESSAGEHANDLER::ADDBEHAVIOR", 2, 3, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_Cleanup), "QVAFWMESSAGEHANDLER::CLEANUP", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_RemBehav), "QVAFWMESSAGEHANDLER::REMOVEBEHAVIOR", 2, 3, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_Restore), "QVAFWMESSAGEHANDLER::RESTORE", 1, 1, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_ScopeMess), "QVAFWMESSAGEHANDLER::SCOPEMESSAGE", 2, 2, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_SendMess), "QVAFWMESSAGEHANDLER::SENDMESSAGE", 2, 3, 0, 0},
+    {QVA_RTN(QVA_fwMessageHandler_UnScopeMes), "QVAFWMESSAGEHANDLER::UNSCOPEMESSAGE", 2, 2, 0, 0},
     {QVA_RTN(QVA_fwSaveable_Cleanup), "QVAFWSAVEABLE::CLEANUP", 1, 1, 0, 0},
     {QVA_RTN(QVA_fwSaveable_DoRestore), "QVAFWSAVEABLE::DORESTORE", 1, 1, 0, 0},
     {QVA_RTN(QVA_fwSaveable_ResetRestored), "QVAFWSAVEABLE::RESETRESTORED", 1, 1, 0, 0},
     {QVA_RTN(QVA_fwSaveable_Restore), "QVAFWSAVEABLE::RESTORE", 1, 1, 0, 0},
     {QVA_RTN(QVA_fwSaveable_RestoreArray), "QVAFWSAVEABLERESTOREARRAY", 1, 1, 0, 0},
 };
+
+#undef KW
 
 const int function_addr_count = static_cast<int>(std::size(function_addr));
 const int procedure_addr_count = static_cast<int>(std::size(procedure_addr));

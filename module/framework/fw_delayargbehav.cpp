@@ -22,7 +22,7 @@ QVA_SDEF QVAfwDelayArgBehavStartup(void) {
 // ------------------------------------------------------------ locating
 
 ClassPart DelayArgBehav_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAfwDelayArgBehav");
+  return fw_classPart(hvid, "QVAFWDELAYARGBEHAV", "QVAfwDelayArgBehav");
 }
 
 ClassPart DelayArgBehav_from_vptr(QVA_VPTR v) { return DelayArgBehav_from_hvid(fw_objrefOf(v)); }

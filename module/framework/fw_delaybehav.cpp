@@ -23,7 +23,9 @@ QVA_SDEF QVAfwDelayBehavStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart DelayBehav_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, "QVAfwDelayBehav"); }
+ClassPart DelayBehav_from_hvid(QVA_HVID hvid) {
+  return fw_classPart(hvid, "QVAFWDELAYBEHAV", "QVAfwDelayBehav");
+}
 
 ClassPart DelayBehav_from_vptr(QVA_VPTR v) { return DelayBehav_from_hvid(fw_objrefOf(v)); }
 

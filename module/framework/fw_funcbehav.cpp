@@ -23,7 +23,9 @@ QVA_SDEF QVAfwFuncBehavStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart FuncBehav_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, "QVAfwFuncBehav"); }
+ClassPart FuncBehav_from_hvid(QVA_HVID hvid) {
+  return fw_classPart(hvid, "QVAFWFUNCBEHAV", "QVAfwFuncBehav");
+}
 
 ClassPart FuncBehav_from_vptr(QVA_VPTR v) { return FuncBehav_from_hvid(fw_objrefOf(v)); }
 

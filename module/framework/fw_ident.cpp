@@ -22,7 +22,9 @@ int fwIdentCompare(const void *a, const void *b) {
 }
 
 // Keys of the garbage list are heap identifiers stored in the key word.
-QVA_HVID hvid_of(const void *key) { return static_cast<QVA_HVID>(reinterpret_cast<uintptr_t>(key)); }
+QVA_HVID hvid_of(const void *key) {
+  return static_cast<QVA_HVID>(reinterpret_cast<uintptr_t>(key));
+}
 void *key_of(QVA_HVID id) { return reinterpret_cast<void *>(static_cast<uintptr_t>(id)); }
 
 int fwIdentHVIDCompare(const void *a, const void *b) {
@@ -32,13 +34,16 @@ int fwIdentHVIDCompare(const void *a, const void *b) {
 MAP_RB_NODE *made_or_failed(MAP_RB_NODE **global, const char *what) {
   if (!*global) {
     *global = mapInit();
-    if (!*global) QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "Unable to allocate memory: to make %s.", what);
+    if (!*global)
+      QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "Unable to allocate memory: to make %s.", what);
   }
   return *global;
 }
 
 MAP_RB_NODE *IdentList() { return made_or_failed(&_fw_IdentList_, "FW_Ident list"); }
-MAP_RB_NODE *IdentGarbageList() { return made_or_failed(&_fw_IdentGarbageList_, "FW_Ident garbage list"); }
+MAP_RB_NODE *IdentGarbageList() {
+  return made_or_failed(&_fw_IdentGarbageList_, "FW_Ident garbage list");
+}
 
 // The text an identifier heap variable holds; null when it is not a
 // scalar string (then it is treated as never interned).
@@ -79,7 +84,8 @@ FW_IDENT_RECORD *fwIdent_new(QVA_STRING *key, PendingIdent &pending) {
   h->flags |= QVA_HV_HELD;
   pending.hvid = h->hash_id;
   if (t->flags & QVA_V_TEMP) QVA_Deltmp(t);
-  auto *r = static_cast<FW_IDENT_RECORD *>(QVA_MemAllocMSG_LONGJMP(sizeof(FW_IDENT_RECORD), "FW_Ident data"));
+  auto *r = static_cast<FW_IDENT_RECORD *>(
+      QVA_MemAllocMSG_LONGJMP(sizeof(FW_IDENT_RECORD), "FW_Ident data"));
   r->hvid = pending.hvid;
   r->count = 0;
   return r;
@@ -111,14 +117,16 @@ QVA_HVID fwIdent_get(const QVA_STRING *s) {
   FW_IDENT_RECORD *r = record_of_text(s);
   if (!r) {
     PendingIdent pending;
-    pending.key = static_cast<QVA_STRING *>(QVA_MemAllocMSG_LONGJMP(sizeof(QVA_STRING), "FW_Ident key"));
+    pending.key =
+        static_cast<QVA_STRING *>(QVA_MemAllocMSG_LONGJMP(sizeof(QVA_STRING), "FW_Ident key"));
     *pending.key = QVA_STRING{};  // owns nothing until its copy is made
     QVA_STRING copy = *s;
     QVA_StrDup(&copy, 1);
     *pending.key = copy;
     r = pending.record = fwIdent_new(pending.key, pending);
     if (!mapInsert(list, pending.key, r, fwIdentCompare))
-      QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "Unable to allocate memory: to make %s.", "FW_Ident entry");
+      QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "Unable to allocate memory: to make %s.",
+                  "FW_Ident entry");
     pending.disarm();  // the list owns them now
   }
   fwIdent_acquire(r);
@@ -133,13 +141,19 @@ QVA_HVID fwIdent_rollover(QVA_HVID id) {
   MAP_RB_NODE *garbage = IdentGarbageList();
   if (!mapFind(garbage, key_of(id), fwIdentHVIDCompare) &&
       !mapInsert(garbage, key_of(id), nullptr, fwIdentHVIDCompare))
-    QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "Unable to allocate memory: to make %s.", "FW_Ident garbage entry");
+    QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "Unable to allocate memory: to make %s.",
+                "FW_Ident garbage entry");
   return current;
 }
 
 void fwIdent_acquireHVID(QVA_HVID id) {
   const QVA_STRING *text = held_text(id);
   if (FW_IDENT_RECORD *r = text ? record_of_text(text) : nullptr) fwIdent_acquire(r);
+}
+
+int fwIdent_isIdentifier(QVA_HVID id) {
+  QVA_HVPTR h = QVA_HeapVarHashFind(id);
+  return h && !(h->flags & QVA_HV_OBJECT) && (h->flags & QVA_HV_HELD) && held_text(id) ? 1 : 0;
 }
 
 void fwIdent_releaseHVID(QVA_HVID id) {
@@ -171,11 +185,13 @@ void fwIdent_garbageCollect(int full) {
 namespace {
 
 void require_string(QVA_VPTR v) {
-  if (v->type != QVA_TYP_STRING || (v->flags & QVA_V_NOT_SCALAR)) QVA_MessageVE_REQSTR(v, QVA_MSG_LONGJMP);
+  if (v->type != QVA_TYP_STRING || (v->flags & QVA_V_NOT_SCALAR))
+    QVA_MessageVE_REQSTR(v, QVA_MSG_LONGJMP);
 }
 
 QVA_HVID pointer_argument(QVA_VPTR v) {
-  if (v->type != QVA_TYP_PTR || (v->flags & QVA_V_NOT_SCALAR)) QVA_MessageVE_REQPTR(v, QVA_MSG_LONGJMP);
+  if (v->type != QVA_TYP_PTR || (v->flags & QVA_V_NOT_SCALAR))
+    QVA_MessageVE_REQPTR(v, QVA_MSG_LONGJMP);
   return v->value.hvid;
 }
 

@@ -16,6 +16,9 @@ QVA_HVID fwIdent_get(const QVA_STRING *s);
 // holds; 0 when it names nothing usable.  Counts one holder of the result.
 QVA_HVID fwIdent_rollover(QVA_HVID id);
 void fwIdent_acquireHVID(QVA_HVID id);
+// 1 when `id` names an identifier heap variable (of this session or a
+// stale one from a restored session), else 0.
+int fwIdent_isIdentifier(QVA_HVID id);
 void fwIdent_releaseHVID(QVA_HVID id);
 // Deletes stale identifiers and those nobody holds; with full, all.
 void fwIdent_garbageCollect(int full);

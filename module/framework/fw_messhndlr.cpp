@@ -1,7 +1,17 @@
 // fw_messhndlr.cpp - QVAfwMessageHandler (structure QVAFWMESSAGEHANDLER).
 //
-// Dispatches messages to the behaviours registered for them.
+// Dispatch, behaviour registration at handlers, message scoping and the
+// top-level handler.  Every upward walk re-reads the chain as it goes,
+// because behaviours run during a dispatch, and re-registrations during
+// scoping, may change links, lists and even delete the top-level handler.
 #include "framework/fw_messhndlr.h"
+
+#include "containers/maph.h"
+#include "frame/qva_cobalt.h"
+#include "framework/fw_behavior.h"
+#include "framework/fw_hashndlr.h"
+#include "framework/fw_ident.h"
+#include "framework/fw_message.h"
 
 static QVA_STRUCT_TAG_DEF messageHandler_Tags[] = {
     {"QVAFWHASAHANDLER", nullptr, 0, QVA_STD_INHERIT},
@@ -23,9 +33,406 @@ QVA_SDEF QVAfwMessageHandlerStartup(void) {
 // ------------------------------------------------------------ locating
 
 ClassPart MessageHandler_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAfwMessageHandler");
+  return fw_classPart(hvid, "QVAFWMESSAGEHANDLER", "QVAfwMessageHandler");
 }
 
 ClassPart MessageHandler_from_vptr(QVA_VPTR v) { return MessageHandler_from_hvid(fw_objrefOf(v)); }
 
 ClassPart HasAHandler_from_MessageHandler(ClassPart part) { return part; }
+
+namespace {
+
+// The handler the walk goes on to from `handler`, or none at the top.
+bool climb(ClassPart &handler) {
+  QVA_HVID parent = hasahandler_handler(HasAHandler_from_MessageHandler(handler));
+  if (!parent) return false;
+  handler = MessageHandler_from_hvid(parent);
+  return true;
+}
+
+// A copy of a behaviour list, freed also when a behaviour's error unwinds
+// through the loop that runs over it.
+class BehaviorSnapshot {
+ public:
+  explicit BehaviorSnapshot(QVA_HVID list) : ids_(messagehandler_getBehaviors(list, &count_)) {}
+  ~BehaviorSnapshot() { QVA_MemFreeQuiet(ids_); }
+  BehaviorSnapshot(const BehaviorSnapshot &) = delete;
+  BehaviorSnapshot &operator=(const BehaviorSnapshot &) = delete;
+  const QVA_HVID *begin() const { return ids_; }
+  const QVA_HVID *end() const { return ids_ + (count_ > 0 ? count_ : 0); }
+  int size() const { return count_; }
+  // Hands the block back under a label the allocator reports against.
+  void freeLabelled(const char *label) {
+    QVA_MemFreeMSG_RET(ids_, label);
+    ids_ = nullptr;
+    count_ = 0;
+  }
+
+ private:
+  int count_ = 0;
+  QVA_HVID *ids_;
+};
+
+void reregisterAll(QVA_HVID list) {
+  BehaviorSnapshot snapshot(list);
+  for (QVA_HVID b : snapshot) behavior_reregister(Behavior_from_hvid(b));
+}
+
+}  // namespace
+
+// ---------------------------------------------------- top-level handler
+
+static QVA_HVID _top_level_handler_ = 0;
+
+int messagehandler_init(ClassPart handler, FwKeywordFields *kw) {
+  if (!hasahandler_init(HasAHandler_from_MessageHandler(handler), kw)) return 0;
+  messagehandler_data(handler)->version = 1;
+  messagehandler_setMap(handler, maphInit());
+  return 1;
+}
+
+QVA_HVID messagehandler_map(ClassPart handler) { return messagehandler_data(handler)->behaviors; }
+
+void messagehandler_setMap(ClassPart handler, QVA_HVID map) {
+  messagehandler_data(handler)->behaviors = map;
+}
+
+QVA_HVID TopLevelMessageHandler(void) {
+  if (_top_level_handler_) return _top_level_handler_;
+  QVA_HVID id = fw_newObject("QVAFWMESSAGEHANDLER");
+  // A handler that could not be initialised is not kept half made.
+  struct Discard {
+    QVA_HVID id;
+    ~Discard() {
+      if (id) QVA_HeapVarDelete(id, 0, 0);
+    }
+  } discard{id};
+  messagehandler_init(MessageHandler_from_hvid(id), nullptr);
+  discard.id = 0;
+  _top_level_handler_ = id;
+  // Nothing in the language refers to it: hold it against heap collection.
+  QVA_HeapVarHashFind(id)->flags |= QVA_HV_HELD;
+  return _top_level_handler_;
+}
+
+QVA_HVID currentTopLevelHandler(void) { return _top_level_handler_; }
+
+void QVA_fwMessagehandler_RstTopLev(void) { _top_level_handler_ = 0; }
+
+int amITopLevel(QVA_HVID hvid) { return hvid != 0 && hvid == _top_level_handler_; }
+
+// ------------------------------------------------------------- dispatch
+
+QVA_HVID messagehandler_behaviorList(ClassPart handler, QVA_HVID ident) {
+  QVA_HVID map = messagehandler_map(handler);
+  if (!map) return 0;
+  QVA_HVID entry = maphFind(map, ident, messageIdentCompare);
+  return entry ? maphData(entry) : 0;
+}
+
+QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count) {
+  *count = maphSize(list);
+  if (*count <= 0) return nullptr;
+  auto *ids = static_cast<QVA_HVID *>(
+      QVA_MemAllocMSG_LONGJMP(sizeof(QVA_HVID) * static_cast<size_t>(*count), "QVafwBehaviorList"));
+  int i = 0;
+  for (QVA_HVID e = maphBegin(list); e != list && i < *count; e = map_rbh_deref(e)->FLINK)
+    ids[i++] = maphKey(e);
+  return ids;
+}
+
+void messagehandler_sendMessage(ClassPart handler, QVA_HVID ident, QVA_VPTR arg) {
+  do {
+    if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
+      messagehandler_execBehaviors(list, arg);
+      return;
+    }
+  } while (climb(handler));
+  // Unclaimed at the top: dropped.
+}
+
+void messagehandler_execBehaviors(QVA_HVID list, QVA_VPTR arg) {
+  BehaviorSnapshot snapshot(list);
+  // Two or more behaviours share one value: a temporary argument moves into
+  // a local variable that lives for the whole dispatch, and the caller's
+  // temporary is left undefined (the caller still releases it).
+  struct SharedArgument {
+    QVA_VARIABLE var{};
+    bool used = false;
+    ~SharedArgument() {
+      if (used) QVA_Delvar(&var);
+    }
+  } shared;
+  QVA_VPTR given = arg;
+  if (arg && snapshot.size() >= 2 && (arg->flags & QVA_V_TEMP)) {
+    shared.var = *arg;
+    shared.var.flags &= static_cast<QVA_UCHAR>(~QVA_V_TEMP);
+    shared.used = true;
+    arg->type = QVA_TYP_UNDEF;
+    arg->flags = QVA_V_TEMP;
+    arg->value = {};
+    given = &shared.var;
+  }
+  for (QVA_HVID b : snapshot) behavior_call_execute(Behavior_from_hvid(b), given);
+}
+
+void messagehandler_addBehavior(ClassPart handler, ClassPart behavior) {
+  QVA_HVID ident = behavior_messIdent(behavior);
+  do {
+    if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
+      maphInsert(list, behavior.hvid, 0, behavior_compare);
+      return;
+    }
+  } while (climb(handler));
+  // No scope on the way up: the top-level handler claims the message.
+  messagehandler_scopeMessage(handler, ident);
+  if (QVA_HVID list = messagehandler_behaviorList(handler, ident))
+    maphInsert(list, behavior.hvid, 0, behavior_compare);
+}
+
+void messagehandler_removeBehavior(ClassPart handler, ClassPart behavior) {
+  QVA_HVID ident = behavior_messIdent(behavior);
+  do {
+    if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
+      if (QVA_HVID entry = maphFind(list, behavior.hvid, behavior_compare)) {
+        maphErase(entry);
+        if (amITopLevel(handler.hvid) && maphEmpty(list))
+          messagehandler_unscopeMessage(handler, ident);
+        return;
+      }
+    }
+  } while (climb(handler));
+}
+
+void messagehandler_cleanup(ClassPart handler) {
+  if (amITopLevel(handler.hvid)) QVA_fwMessagehandler_RstTopLev();
+  hasahandler_cleanup(HasAHandler_from_MessageHandler(handler));
+  QVA_HVID map = messagehandler_map(handler);
+  if (!map) return;
+  for (QVA_HVID e = maphBegin(map); e != map; e = map_rbh_deref(e)->FLINK) {
+    fwIdent_releaseHVID(maphKey(e));
+    QVA_HVID list = maphData(e);
+    if (!QVA_HeapVarHashFind(list)) continue;
+    {
+      BehaviorSnapshot snapshot(list);
+      for (QVA_HVID b : snapshot) {
+        // A behaviour destroyed while listed here (one added with
+        // ADDBEHAVIOR) has nothing left to mark.
+        if (QVA_ObjValidate(b, QVA_MSG_RET)) behavior_setRegistered(Behavior_from_hvid(b), 0);
+      }
+    }
+    maphFree(list);
+  }
+  maphFree(map);
+  messagehandler_setMap(handler, 0);
+}
+
+void messagehandler_restore(ClassPart handler) {
+  hasahandler_restore(HasAHandler_from_MessageHandler(handler));
+  MessageHandlerData *d = messagehandler_data(handler);
+  if (d->version < 1) {
+    d->version = 1;
+    messagehandler_setMap(handler, maphInit());
+  }
+  QVA_HVID map = messagehandler_map(handler);
+  if (!map) return;
+  // Rolling a key over keeps its text, so the map's order still holds.
+  for (QVA_HVID e = maphBegin(map); e != map; e = map_rbh_deref(e)->FLINK) {
+    QVA_MAP_RBH_NODE *node = map_rbh_deref(e);
+    node->KEY = fwIdent_rollover(node->KEY);
+  }
+}
+
+// -------------------------------------------------------------- scoping
+
+void messagehandler_scopeMessage(ClassPart handler, QVA_HVID ident) {
+  if (messagehandler_behaviorList(handler, ident)) return;
+  QVA_HVID map = messagehandler_map(handler);
+  if (!map) return;
+  QVA_HVID list = maphInit();
+  struct Unused {
+    QVA_HVID list;
+    ~Unused() { maphFree(list); }
+  } unused{list};
+  maphInsert(map, ident, list, messageIdentCompare);
+  unused.list = 0;
+  fwIdent_acquireHVID(ident);
+  if (climb(handler)) messagehandler_rescopeBehaviors(handler, ident);
+}
+
+void messagehandler_rescopeBehaviors(ClassPart handler, QVA_HVID ident) {
+  do {
+    if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
+      reregisterAll(list);
+      return;
+    }
+  } while (climb(handler));
+}
+
+void messagehandler_unscopeMessage(ClassPart handler, QVA_HVID ident) {
+  QVA_HVID map = messagehandler_map(handler);
+  if (!map) return;
+  if (QVA_HVID entry = maphFind(map, ident, messageIdentCompare)) {
+    QVA_HVID list = maphData(entry);
+    QVA_HVID key = maphKey(entry);
+    maphErase(entry);
+    if (list) {
+      {
+        BehaviorSnapshot snapshot(list);
+        for (QVA_HVID b : snapshot) behavior_reregister(Behavior_from_hvid(b));
+        snapshot.freeLabelled("messagehandler_unscopeMessage");
+      }
+      maphFree(list);
+    }
+    fwIdent_releaseHVID(key);
+  }
+  // The top-level handler exists only while it scopes something.  Its
+  // object goes without CLEANUP: the map is freed here.
+  if (amITopLevel(handler.hvid) && maphEmpty(map)) {
+    QVA_HeapVarDelete(handler.hvid, 0, 0);
+    maphFree(map);
+    QVA_fwMessagehandler_RstTopLev();
+  }
+}
+
+// ------------------------------------------------- message designators
+
+namespace {
+
+// The identifier a routine's message argument names: an identifier pointer
+// as it is, a message object's identifier, or a string interned for the
+// call (released when the routine is done, also on an error).
+class MessageDesignator {
+ public:
+  explicit MessageDesignator(QVA_VPTR v) {
+    if (v->flags & QVA_V_NOT_SCALAR) QVA_MessageVE_NOTSCALAR(v, QVA_MSG_LONGJMP);
+    switch (v->type) {
+      case QVA_TYP_PTR:
+        if (!fwIdent_isIdentifier(v->value.hvid)) refuse();
+        ident_ = v->value.hvid;
+        break;
+      case QVA_TYP_OBJREF: {
+        QVA_HVPTR hv = QVA_ObjValidate(v->value.hvid, QVA_MSG_LONGJMP);
+        if (!(hv->var.flags & QVA_V_STRUCT) ||
+            !QVA_ObjContainsClassByStr(hv->var.value.s.sdef, "QVAFWMESSAGE", 0, 0, QVA_MSG_LONGJMP))
+          refuse();
+        ident_ = message_ident(Message_from_hvid(v->value.hvid));
+        break;
+      }
+      case QVA_TYP_STRING:
+        ident_ = fwIdent_get(&v->value.str);
+        owned_ = true;
+        break;
+      default:
+        refuse();
+    }
+  }
+  ~MessageDesignator() {
+    if (owned_) fwIdent_releaseHVID(ident_);
+  }
+  MessageDesignator(const MessageDesignator &) = delete;
+  MessageDesignator &operator=(const MessageDesignator &) = delete;
+  QVA_HVID ident() const { return ident_; }
+
+ private:
+  [[noreturn]] static void refuse() {
+    QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "message", "QVAfwMessage");
+    __builtin_unreachable();
+  }
+  QVA_HVID ident_ = 0;
+  bool owned_ = false;
+};
+
+QVA_VPTR objrefResult(QVA_HVID h) {
+  QVA_VPTR result = QVA_Gettmp();
+  result->type = QVA_TYP_OBJREF;
+  result->value.hvid = h;
+  return result;
+}
+
+}  // namespace
+
+// ------------------------------------------------- registered routines
+
+QVA_VPTR QVA_fwMessageHandler_Init(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  return fw_initWithKeywords(argc, argv, argk, messageHandler_Keywords, MessageHandler_from_vptr,
+                             messagehandler_init);
+}
+
+void QVA_fwMessageHandler_Cleanup(int, QVA_VPTR argv[]) {
+  messagehandler_cleanup(MessageHandler_from_vptr(argv[0]));
+}
+
+void QVA_fwMessageHandler_SendMess(int argc, QVA_VPTR argv[]) {
+  MessageDesignator message(argv[1]);
+  messagehandler_sendMessage(MessageHandler_from_vptr(argv[0]), message.ident(),
+                             argc >= 3 ? argv[2] : nullptr);
+}
+
+void QVA_fwMessageHandler_AddBehav(int, QVA_VPTR argv[]) {
+  ClassPart behavior = Behavior_from_vptr(argv[1]);
+  messagehandler_addBehavior(MessageHandler_from_vptr(argv[0]), behavior);
+}
+
+void QVA_fwMessageHandler_RemBehav(int, QVA_VPTR argv[]) {
+  ClassPart behavior = Behavior_from_vptr(argv[1]);
+  messagehandler_removeBehavior(MessageHandler_from_vptr(argv[0]), behavior);
+}
+
+QVA_VPTR QVA_fwMessageHandler_Behaviors(int, QVA_VPTR argv[]) {
+  QVA_HVID list;
+  {
+    MessageDesignator message(argv[1]);
+    list = messagehandler_behaviorList(MessageHandler_from_vptr(argv[0]), message.ident());
+  }
+  int n = list ? maphSize(list) : 0;
+  if (n <= 0) return objrefResult(0);
+  QVA_VPTR result = nullptr;
+  auto *ids = reinterpret_cast<QVA_HVID *>(QVA_MakeTempVector(QVA_TYP_OBJREF, n, 1, &result));
+  int i = 0;
+  for (QVA_HVID e = maphBegin(list); e != list && i < n; e = map_rbh_deref(e)->FLINK)
+    ids[i++] = maphKey(e);
+  return result;
+}
+
+void QVA_fwMessageHandler_Restore(int, QVA_VPTR argv[]) {
+  messagehandler_restore(MessageHandler_from_vptr(argv[0]));
+}
+
+void QVA_fwMessageHandler_ScopeMess(int, QVA_VPTR argv[]) {
+  MessageDesignator message(argv[1]);
+  messagehandler_scopeMessage(MessageHandler_from_vptr(argv[0]), message.ident());
+}
+
+void QVA_fwMessageHandler_UnScopeMes(int, QVA_VPTR argv[]) {
+  MessageDesignator message(argv[1]);
+  messagehandler_unscopeMessage(MessageHandler_from_vptr(argv[0]), message.ident());
+}
+
+QVA_VPTR QVA_fwMessageHandler_IsScoped(int, QVA_VPTR argv[]) {
+  QVA_HVID list;
+  {
+    MessageDesignator message(argv[1]);
+    list = messagehandler_behaviorList(MessageHandler_from_vptr(argv[0]), message.ident());
+  }
+  QVA_VPTR result = QVA_Gettmp();
+  result->type = QVA_TYP_INT;
+  result->value.i = list ? 1 : 0;
+  return result;
+}
+
+QVA_VPTR QVA_fwMessageHandler_ScopedMess(int, QVA_VPTR argv[]) {
+  QVA_HVID map = messagehandler_map(MessageHandler_from_vptr(argv[0]));
+  int n = maphSize(map);
+  QVA_VPTR result = nullptr;
+  auto *texts = reinterpret_cast<QVA_STRING *>(QVA_MakeTempVector(QVA_TYP_STRING, n, 1, &result));
+  int i = 0;
+  for (QVA_HVID e = maphBegin(map); e != map && i < n; e = map_rbh_deref(e)->FLINK, ++i) {
+    QVA_HVPTR ident = QVA_HeapVarHashFind(maphKey(e));
+    if (!ident || ident->var.type != QVA_TYP_STRING)
+      QVA_MessageFromBlock(qva_cobalt_msg_block, QVA_M_COBALT_FWMSG_IDCORRUPT, QVA_MSG_LONGJMP);
+    texts[i] = ident->var.value.str;
+    QVA_StrDup(&texts[i], 1);
+  }
+  return result;
+}

@@ -20,7 +20,7 @@ QVA_SDEF QVAfwQueryStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart Query_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, "QVAfwQuery"); }
+ClassPart Query_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, "QVAFWQUERY", "QVAfwQuery"); }
 
 ClassPart Query_from_vptr(QVA_VPTR v) { return Query_from_hvid(fw_objrefOf(v)); }
 

@@ -21,7 +21,9 @@ QVA_SDEF QVAfwQueryBehavStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart QueryBehav_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, "QVAfwQueryBehav"); }
+ClassPart QueryBehav_from_hvid(QVA_HVID hvid) {
+  return fw_classPart(hvid, "QVAFWQUERYBEHAV", "QVAfwQueryBehav");
+}
 
 ClassPart QueryBehav_from_vptr(QVA_VPTR v) { return QueryBehav_from_hvid(fw_objrefOf(v)); }
 

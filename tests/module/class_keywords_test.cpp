@@ -146,7 +146,7 @@ class InitWithKeywordsTest : public qvatest::HostTest {
  protected:
   void SetUp() override {
     qvatest::HostTest::SetUp();
-    qvatest::DefineStructOnce("KWTEST_PROBE", "QVAFWSAVEABLE", {});
+    qvatest::DefineStructOnce("KWTEST_PROBE", "QVAFWHASAHANDLER", {});
     if (!qvahost::routine_exists("KWTEST_PROBE::INIT", true))
       qvahost::define_routine("KWTEST_PROBE::INIT", true, 1, 1, true,
                               [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {

@@ -171,7 +171,7 @@ TEST_F(ClassLayoutTest, ModuleStructuresAddressTheHostFields) {
     SCOPED_TRACE(std::string(view.cls) + "." + view.field);
     ScopedObject obj = ScopedObject::Bare(qvahost::find_struct(view.cls));
     const std::string cls = view.cls;
-    ClassPart part = cls == "QVADSMAP" ? DSMap_from_hvid(obj.id()) : fw_classPart(obj.id(), "test");
+    ClassPart part = cls == "QVADSMAP" ? DSMap_from_hvid(obj.id()) : fw_classPart(obj.id(), view.cls, "test");
     EXPECT_EQ(view.address(part), qvatest::FieldOf<void>(obj.id(), view.field));
   }
 }
