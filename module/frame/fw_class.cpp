@@ -25,6 +25,54 @@ IdentText::~IdentText() {
   if (owned_) QVA_StrDelete(&text_, 1);
 }
 
+QVA_VPTR fw_stringTemp(const QVA_STRING &s) {
+  QVA_VPTR result = QVA_Gettmp();
+  result->type = QVA_TYP_STRING;
+  result->value.str = s;
+  QVA_StrDup(&result->value.str, 1);
+  return result;
+}
+
+QVA_VPTR fw_objrefTemp(QVA_HVID h) {
+  QVA_VPTR result = QVA_Gettmp();
+  result->type = QVA_TYP_OBJREF;
+  result->value.hvid = h;
+  return result;
+}
+
+void fw_requireScalarString(QVA_VPTR v, const char *routine) {
+  if (v->type != QVA_TYP_STRING) QVA_Message(QVA_M_WRONG_TYPE, QVA_MSG_LONGJMP, routine);
+  if (v->flags & QVA_V_NOT_SCALAR) QVA_MessageVE_NOTSCALAR(v, QVA_MSG_LONGJMP);
+}
+
+void fw_cellStore(QVA_HVID *cell, QVA_VPTR value, const char *what) {
+  if (*cell) {
+    QVA_HVPTR hv = QVA_HeapVarHashFind(*cell);
+    if (!hv || (hv->flags & QVA_HV_OBJECT))
+      QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP,
+                  "The heap variable <PtrHeapVar%u> holding the %s no longer exists.", *cell, what);
+    QVA_VarCopy_strip(value, &hv->var, 0);
+    return;
+  }
+  if (QVA_HVPTR hv = QVA_HeapVarNew(QVA_TYP_PTR, value, 0, QVA_MSG_RET)) *cell = hv->hash_id;
+}
+
+void fw_cellClear(QVA_HVID *cell) {
+  if (*cell && QVA_HeapVarHashFind(*cell)) QVA_HeapVarDelete(*cell, 0, 0);
+  *cell = 0;
+}
+
+QVA_VPTR fw_cellValue(QVA_HVID cell, const char *unset_text) {
+  QVA_VPTR result = QVA_Gettmp();
+  if (!cell) {
+    result->type = QVA_TYP_STRING;
+    QVA_StrStore(&result->value.str, unset_text);
+  } else if (QVA_HVPTR hv = QVA_HeapVarHashFind(cell)) {
+    QVA_VarCopy(&hv->var, result);
+  }
+  return result;
+}
+
 QVA_HVID fw_objrefOf(QVA_VPTR v) {
   if (v->type != QVA_TYP_OBJREF) QVA_MessageVE_REQOBJREF(v, QVA_MSG_LONGJMP);
   if (v->flags & QVA_V_NOT_SCALAR) QVA_MessageVE_NOTSCALAR(v, QVA_MSG_LONGJMP);

@@ -311,6 +311,32 @@ class IdentText {
   bool owned_ = false;
 };
 
+// ------------------------------------------------------ routine helpers
+
+// Results as the routines return them: a STRING temporary owning a copy of
+// the text, an object reference temporary.
+QVA_VPTR fw_stringTemp(const QVA_STRING &s);
+QVA_VPTR fw_objrefTemp(QVA_HVID h);
+// A setter's name argument: not a string is the host message -204 naming
+// `routine`; an array of strings is refused as not scalar.
+void fw_requireScalarString(QVA_VPTR v, const char *routine);
+
+// ------------------------------------------------------------ value cells
+//
+// A value a framework object owns in a pointer heap variable (a query's
+// result, a query behaviour's response), so that it travels with a saved
+// session.  `cell` is the field holding the variable's heap identifier.
+
+// Stores a copy of `value`: into the existing variable, overwritten in
+// place, else into a new one.  A cell whose variable has vanished is
+// reported as a host error.
+void fw_cellStore(QVA_HVID *cell, QVA_VPTR value, const char *what);
+// Deletes the variable (if it still exists) and empties the cell.
+void fw_cellClear(QVA_HVID *cell);
+// A temporary with a copy of the value: `unset_text` for an empty cell,
+// undefined for a vanished variable.
+QVA_VPTR fw_cellValue(QVA_HVID cell, const char *unset_text);
+
 // ------------------------------------------------------------ locating
 
 // The heap identifier held by an object reference variable (a scalar
