@@ -332,6 +332,13 @@ void QVA_Deltmp(QVA_VPTR v) {
 char *QVA_MakeTempVector(int type, QVA_MEMINT n, int zero, QVA_VPTR *var) {
   size_t size = type_size(type);
   if (!size) raise_fmt(M_BAD_ARG, "Unable to make an array of type code %d.", type);
+  // The language has no empty arrays: a vector of no elements is the
+  // undefined value (!NULL), which counts 0 elements.
+  if (n == 0) {
+    QVA_VPTR v = tmp_new();
+    if (var) *var = v;
+    return nullptr;
+  }
   QVA_MEMINT dims[1] = {n};
   QVA_ARRAY *a = array_new(static_cast<QVA_MEMINT>(size), 1, dims, zero || needs_zeroing(type),
                            QVA_MSG_LONGJMP);

@@ -179,7 +179,8 @@ QVA_VPTR QVA_StrToSTRING(const char *text);
 QVA_VPTR QVA_Gettmp(void);
 QVA_VPTR QVA_GettmpLong(QVA_LONG value);
 void QVA_Deltmp(QVA_VPTR v);
-/* A zero-filled (when zero != 0) temporary array; returns its data. */
+/* A zero-filled (when zero != 0) temporary array; returns its data.  With
+ * n == 0, an undefined temporary (the language's !NULL) and NULL data. */
 char *QVA_MakeTempVector(int type, QVA_MEMINT n, int zero, QVA_VPTR *var);
 char *QVA_MakeTempStructVector(QVA_SDEF sdef, QVA_MEMINT n, QVA_VPTR *var, int zero);
 /* The first argument converted to LONG, always as a new temporary. */

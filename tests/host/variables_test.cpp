@@ -216,8 +216,16 @@ TEST_F(VariablesTest, TempVectorsAreZeroedArraysOfTheType) {
   EXPECT_EQ(strs[2].s, 0u);
   QVA_Deltmp(s);
 
+  // No elements: the undefined value, with no data to write.
+  QVA_VPTR none = nullptr;
+  EXPECT_EQ(QVA_MakeTempVector(QVA_TYP_STRING, 0, 1, &none), nullptr);
+  ASSERT_NE(none, nullptr);
+  EXPECT_EQ(none->type, QVA_TYP_UNDEF);
+  EXPECT_EQ(none->flags, QVA_V_TEMP);
+  QVA_Deltmp(none);
+
   QVA_VPTR bad = nullptr;
-  ExpectHostError([&] { QVA_MakeTempVector(QVA_TYP_LONG, 0, 1, &bad); });
+  ExpectHostError([&] { QVA_MakeTempVector(QVA_TYP_LONG, -1, 1, &bad); });
   ExpectHostError([&] { QVA_MakeTempVector(QVA_TYP_STRUCT, 2, 1, &bad); });
   ExpectHostError([&] { QVA_MakeTempVector(99, 2, 1, &bad); });
   EXPECT_EQ(bad, nullptr);

@@ -211,6 +211,7 @@ TEST_F(DelayBehavTest, ArgumentKeepsTheLargestValueAndResets) {
   ASSERT_EQ(TargetCalls().size(), 1u);
   EXPECT_EQ(TargetCalls()[0].value, "L:7");
   EXPECT_EQ(*FieldOf<QVA_LONG>(d, "ARG"), 0);
+  EXPECT_EQ(*FieldOf<QVA_LONG>(d, "QVAFWDELAYARGBEHAV_VERSION"), 1);
 
   Proc(n, "SEND", {Long(-4)});
   Proc(idle, "SEND");
@@ -318,6 +319,20 @@ TEST_F(QueryTest, AQueryBehaviourRefusesAnObjectThatIsNoQuery) {
   auto e = ExpectHostError([&] { Proc(b, "EXECUTE", {Obj(message)}); });
   EXPECT_EQ(e.code, QVA_M_NOT_OF_CLASS);
   EXPECT_EQ(Func(message, "MESSAGESTRING"), "S:Generic Message");
+}
+
+// -------------------------------------------------- handler listings
+
+class HandlerListingTest : public qvatest::BehaviourTest {};
+
+TEST_F(HandlerListingTest, EmptyListingsAreTheNullValues) {
+  QVA_HVID h = New("QVAfwMessageHandler");
+  EXPECT_EQ(Func(h, "SCOPEDMESSAGES"), "U") << "no scoped message: undefined, no elements";
+  EXPECT_EQ(Func(h, "BEHAVIORS", {Str("M")}), "O:0");
+  Proc(h, "SCOPEMESSAGE", {Str("b")});
+  Proc(h, "SCOPEMESSAGE", {Str("a")});
+  EXPECT_EQ(Func(h, "SCOPEDMESSAGES"), "ARRAY");
+  EXPECT_EQ(Func(h, "BEHAVIORS", {Str("a")}), "O:0") << "an empty list is the null object";
 }
 
 // ------------------------------------------------------ routine table
