@@ -41,6 +41,41 @@ struct ResolvedMethod {
   QVA_HVID self;
 };
 
+// Successful resolutions by the method's text as the caller wrote it, so
+// that a program calling the same methods over and over does not
+// upper-case, split and intern the name every time.  Entries are replaced
+// in turn and are out of date once routines change.
+struct MethodMemo {
+  QVA_SDEF cls = nullptr;
+  bool is_function = false;
+  uint64_t generation = 0;
+  std::string text;
+  Routine *routine = nullptr;
+};
+constexpr size_t kMethodMemos = 8;
+MethodMemo g_method_memos[kMethodMemos];
+size_t g_next_memo = 0;
+
+Routine *memo_find(QVA_SDEF cls, const std::string &method, bool is_function) {
+  uint64_t generation = method_cache_generation();
+  for (const MethodMemo &m : g_method_memos)
+    if (m.routine && m.cls == cls && m.is_function == is_function &&
+        m.generation == generation && m.text == method)
+      return m.routine;
+  return nullptr;
+}
+
+void memo_add(QVA_SDEF cls, const std::string &method, bool is_function, Routine *r) {
+  MethodMemo &m = g_method_memos[g_next_memo];
+  g_next_memo = (g_next_memo + 1) % kMethodMemos;
+  m.routine = nullptr;  // a failure to copy the text leaves the entry unused
+  m.text = method;
+  m.cls = cls;
+  m.is_function = is_function;
+  m.generation = method_cache_generation();
+  m.routine = r;
+}
+
 // obj->METHOD through the object's class chain; obj->SUPER::METHOD from
 // class SUPER (which must be in the chain) upward.
 ResolvedMethod resolve_method(QVA_VPTR obj, const std::string &method, bool is_function) {
@@ -52,6 +87,7 @@ ResolvedMethod resolve_method(QVA_VPTR obj, const std::string &method, bool is_f
   if (!h || !(h->hv.flags & QVA_HV_OBJECT))
     raise_fmt(M_INVALID_OBJ, "Invalid object reference: <ObjHeapVar%u>.", self);
   QVA_SDEF cls = object_class(h);
+  if (Routine *r = memo_find(cls, method, is_function)) return {r, self};
   QVA_SDEF start = cls;
   std::string name = upper_name(method);
   std::string super_name(method_class_of(name));
@@ -68,6 +104,7 @@ ResolvedMethod resolve_method(QVA_VPTR obj, const std::string &method, bool is_f
     raise_fmt(M_UNDEF_METHOD, "Attempt to call undefined method: '%s::%s'.", cls_name.c_str(),
               name.c_str());
   }
+  memo_add(cls, method, is_function, r);
   return {r, self};
 }
 

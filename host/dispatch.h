@@ -31,6 +31,9 @@ QVA_SDEF object_class(const HeapVar *h);
 bool class_chain_has(QVA_SDEF cls, std::string_view name);
 // Drops every cached method resolution (routines were added or replaced).
 void method_cache_clear();
+// Counts the clears, so that other memos of resolutions can tell when they
+// are out of date.
+uint64_t method_cache_generation();
 // Runs CLEANUP (when the class chain has one) and deletes the object.
 // Nothing happens for an identifier that names no live object or an object
 // already being destroyed.

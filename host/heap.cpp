@@ -1,103 +1,96 @@
 // The heap: pointer heap variables and objects, named by identifiers that
 // count up from 1 and are never reused within a process.
 //
-// Look-up is a three-level radix table over the 32-bit identifier (root,
-// middle pages, leaf pages of records): constant time, no search.  A leaf
-// page goes away as soon as every identifier in its range has been issued
-// and deleted, and a middle page when its last leaf goes, so memory follows
-// the live heap variables, not the identifiers ever issued.  Records come
-// from a free-list pool.
+// The table is a three-level radix index over the 32-bit identifier (root,
+// middle pages, record pages) whose last level holds the records
+// themselves, in identifier order: a look-up is two small index reads and
+// the record, with no search, and records made one after another (the
+// nodes of a growing tree, say) sit next to each other.  A record page
+// goes away as soon as every identifier in its range has been issued and
+// deleted, and a middle page when its last record page goes, so memory
+// follows the live heap variables, not the identifiers ever issued.
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "internal.h"
 
 namespace qvahost {
 namespace {
 
-constexpr unsigned kLeafBits = 10;
+constexpr unsigned kPageBits = 8;   // 256 records (48 KiB) per page
 constexpr unsigned kMidBits = 12;
-constexpr unsigned kRootBits = 32 - kLeafBits - kMidBits;
-constexpr uint32_t kLeafSize = uint32_t{1} << kLeafBits;
+constexpr unsigned kRootBits = 32 - kPageBits - kMidBits;
+constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
 constexpr uint32_t kMidSize = uint32_t{1} << kMidBits;
-constexpr size_t kRecordsPerChunk = 256;
 
-struct Leaf {
-  HeapVar *slots[kLeafSize] = {};
+struct Page {
+  HeapVar records[kPageSize];
   uint32_t live = 0;
 };
 
 struct Mid {
-  std::unique_ptr<Leaf> leaves[kMidSize];
-  uint32_t leaf_count = 0;
+  std::unique_ptr<Page> pages[kMidSize];
+  uint32_t page_count = 0;
 };
 
-union RecordSlot {
-  HeapVar record;
-  RecordSlot *next_free;
-  RecordSlot() : next_free(nullptr) {}
-};
-
+// Constant-initialised and never destroyed (it lives as long as the
+// process), so that a look-up needs no initialisation check.
 struct Heap {
-  std::unique_ptr<Mid> root[size_t{1} << kRootBits];
-  uint64_t next_id = 1;          // 2^32 once every identifier has been issued
-  RecordSlot *free_records = nullptr;
-  std::vector<std::unique_ptr<RecordSlot[]>> chunks;
-  size_t leaf_pages = 0;         // leaves in existence
+  Mid *root[size_t{1} << kRootBits];
+  uint64_t next_id;   // 2^32 once every identifier has been issued
+  size_t page_count;  // record pages in existence
 };
+constinit Heap g_heap{{}, 1, 0};
 
-Heap &heap() {
-  static Heap *h = new Heap;  // lives as long as the process
-  return *h;
-}
+Heap &heap() { return g_heap; }
 
-uint32_t root_index(uint32_t id) { return id >> (kLeafBits + kMidBits); }
-uint32_t mid_index(uint32_t id) { return (id >> kLeafBits) & (kMidSize - 1); }
-uint32_t leaf_index(uint32_t id) { return id & (kLeafSize - 1); }
+uint32_t root_index(uint32_t id) { return id >> (kPageBits + kMidBits); }
+uint32_t mid_index(uint32_t id) { return (id >> kPageBits) & (kMidSize - 1); }
+uint32_t page_index(uint32_t id) { return id & (kPageSize - 1); }
 
-HeapVar *new_record(Heap &h) {
-  if (!h.free_records) {
-    auto chunk = std::make_unique<RecordSlot[]>(kRecordsPerChunk);
-    for (size_t i = 0; i < kRecordsPerChunk; ++i) {
-      chunk[i].next_free = h.free_records;
-      h.free_records = &chunk[i];
-    }
-    h.chunks.push_back(std::move(chunk));
+// The page for id, made (every record dead) when missing.  Throws
+// std::bad_alloc.
+Page &page_for(Heap &h, uint32_t id) {
+  Mid *&mid = h.root[root_index(id)];
+  if (!mid) mid = new Mid;
+  auto &page = mid->pages[mid_index(id)];
+  if (!page) {
+    page = std::make_unique<Page>();  // value-initialised: no record live
+    mid->page_count++;
+    h.page_count++;
   }
-  RecordSlot *slot = h.free_records;
-  h.free_records = slot->next_free;
-  return new (&slot->record) HeapVar{};
-}
-
-void free_record(Heap &h, HeapVar *rec) {
-  auto *slot = reinterpret_cast<RecordSlot *>(rec);
-  rec->~HeapVar();
-  slot->next_free = h.free_records;
-  h.free_records = slot;
-}
-
-// The leaf for id, made when missing.
-Leaf &leaf_for(Heap &h, uint32_t id) {
-  auto &mid = h.root[root_index(id)];
-  if (!mid) mid = std::make_unique<Mid>();
-  auto &leaf = mid->leaves[mid_index(id)];
-  if (!leaf) {
-    leaf = std::make_unique<Leaf>();
-    mid->leaf_count++;
-    h.leaf_pages++;
-  }
-  return *leaf;
+  return *page;
 }
 
 // Drops the pages of id's range when nothing in them can be used again.
 void maybe_free_pages(Heap &h, uint32_t id) {
-  auto &mid = h.root[root_index(id)];
-  auto &leaf = mid->leaves[mid_index(id)];
-  uint64_t leaf_end = (uint64_t{id} | (kLeafSize - 1)) + 1;
-  if (leaf->live != 0 || h.next_id < leaf_end) return;  // live, or ids still to issue
-  leaf.reset();
-  h.leaf_pages--;
-  if (--mid->leaf_count == 0) mid.reset();
+  Mid *&mid = h.root[root_index(id)];
+  auto &page = mid->pages[mid_index(id)];
+  uint64_t page_end = (uint64_t{id} | (kPageSize - 1)) + 1;
+  if (page->live != 0 || h.next_id < page_end) return;  // live, or ids still to issue
+  page.reset();
+  h.page_count--;
+  if (--mid->page_count == 0) {
+    delete mid;
+    mid = nullptr;
+  }
+}
+
+// Moves a small array value into the record's own storage, releasing the
+// block it came in.  Texts inside the data move with it.
+void take_inline(HeapVar *rec) {
+  QVA_VARIABLE &v = rec->hv.var;
+  if (!(v.flags & QVA_V_ARR)) return;
+  QVA_ARRAY *&slot = (v.flags & QVA_V_STRUCT) ? v.value.s.arr : v.value.arr;
+  QVA_ARRAY *a = slot;
+  if (!a || a->arr_len > static_cast<QVA_MEMINT>(kInlineValueBytes)) return;
+  rec->inline_arr = *a;
+  rec->inline_arr.flags = kArrayInRecord;
+  rec->inline_arr.data = rec->inline_data;
+  std::memcpy(rec->inline_data, a->data, static_cast<size_t>(a->arr_len));
+  array_free(a);
+  slot = &rec->inline_arr;
 }
 
 void check_object_source(QVA_VPTR src) {
@@ -112,10 +105,12 @@ void check_object_source(QVA_VPTR src) {
 }  // namespace
 
 HeapVar *heap_find(QVA_HVID id) {
-  const Mid *mid = heap().root[root_index(id)].get();
+  const Mid *mid = heap().root[root_index(id)];
   if (!mid) return nullptr;
-  const Leaf *leaf = mid->leaves[mid_index(id)].get();
-  return leaf ? leaf->slots[leaf_index(id)] : nullptr;
+  Page *page = mid->pages[mid_index(id)].get();
+  if (!page) return nullptr;
+  HeapVar *rec = &page->records[page_index(id)];
+  return rec->live_id == id && id != 0 ? rec : nullptr;
 }
 
 HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
@@ -128,7 +123,16 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
     message(M_HEAP_FULL, action, "Heap identifiers exhausted.");
     return nullptr;
   }
-  // The value first: a failed copy leaves nothing behind.
+  auto id = static_cast<QVA_HVID>(h.next_id);
+  Page *page;
+  try {
+    page = &page_for(h, id);
+  } catch (const std::bad_alloc &) {
+    message(M_NOMEM, action, "Unable to allocate memory: to make heap variable.");
+    return nullptr;
+  }
+  // The value next: a failed copy leaves nothing behind (an empty page
+  // made above is freed with the next identifiers of its range).
   QVA_VARIABLE value{};
   if (src && move) {
     var_move_value(src, &value);
@@ -140,23 +144,15 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
       return nullptr;
     }
   }
-  auto id = static_cast<QVA_HVID>(h.next_id);
-  HeapVar *rec;
-  Leaf *leaf;
-  try {
-    leaf = &leaf_for(h, id);
-    rec = new_record(h);
-  } catch (const std::bad_alloc &) {
-    var_free_value(&value);
-    message(M_NOMEM, action, "Unable to allocate memory: to make heap variable.");
-    return nullptr;
-  }
   h.next_id++;
+  HeapVar *rec = &page->records[page_index(id)];
+  rec->state = 0;
   rec->hv.hash_id = id;
   rec->hv.flags = object ? QVA_HV_OBJECT : 0;
   rec->hv.var = value;
-  leaf->slots[leaf_index(id)] = rec;
-  leaf->live++;
+  rec->live_id = id;
+  take_inline(rec);
+  page->live++;
   counters().heap_vars++;
   if (object) counters().objects++;
   return rec;
@@ -166,13 +162,12 @@ void heap_delete(QVA_HVID id) {
   Heap &h = heap();
   HeapVar *rec = heap_find(id);
   if (!rec) return;
-  Leaf &leaf = *h.root[root_index(id)]->leaves[mid_index(id)];
-  leaf.slots[leaf_index(id)] = nullptr;
-  leaf.live--;
+  Page &page = *h.root[root_index(id)]->pages[mid_index(id)];
   counters().heap_vars--;
   if (rec->hv.flags & QVA_HV_OBJECT) counters().objects--;
   var_free_value(&rec->hv.var);
-  free_record(h, rec);
+  rec->live_id = 0;
+  page.live--;
   maybe_free_pages(h, id);
 }
 
@@ -180,20 +175,20 @@ std::vector<QVA_HVID> heap_all() {
   std::vector<QVA_HVID> ids;
   const Heap &h = heap();
   for (uint32_t r = 0; r < (uint32_t{1} << kRootBits); ++r) {
-    const Mid *mid = h.root[r].get();
+    const Mid *mid = h.root[r];
     if (!mid) continue;
     for (uint32_t m = 0; m < kMidSize; ++m) {
-      const Leaf *leaf = mid->leaves[m].get();
-      if (!leaf) continue;
-      for (uint32_t l = 0; l < kLeafSize; ++l)
-        if (leaf->slots[l]) ids.push_back(leaf->slots[l]->hv.hash_id);
+      const Page *page = mid->pages[m].get();
+      if (!page || page->live == 0) continue;
+      for (uint32_t l = 0; l < kPageSize; ++l)
+        if (page->records[l].live_id) ids.push_back(page->records[l].live_id);
     }
   }
   return ids;
 }
 
-// Leaf pages now in existence (for tests of the table's memory).
-size_t heap_leaf_pages() { return heap().leaf_pages; }
+// Record pages now in existence (for tests of the table's memory).
+size_t heap_leaf_pages() { return heap().page_count; }
 
 std::vector<QVA_HVID> heap_ids() { return heap_all(); }
 

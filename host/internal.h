@@ -17,6 +17,7 @@
 #include <qva/qva.h>
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <unordered_map>
@@ -125,7 +126,10 @@ void var_move_value(QVA_VPTR src, QVA_VPTR dst);
 // Array data: one block holding the QVA_ARRAY and its data.
 QVA_ARRAY *array_new(QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims, bool zero,
                      int action);
+// Frees an array block; an array held inline in a heap record (flags has
+// kArrayInRecord) belongs to the record and is left alone.
 void array_free(QVA_ARRAY *a);
+constexpr QVA_LONG kArrayInRecord = 0x1;  // QVA_ARRAY::flags
 size_t type_size(int type);   // element size of a scalar type code, 0 if none
 const char *type_name(int type);
 
@@ -192,11 +196,25 @@ void sdef_release_texts(QVA_SDEF sdef, QVA_UCHAR *data, QVA_MEMINT n);
 const std::vector<QVA_SDEF> &sdef_all();
 
 // ------------------------------------------------------------------- heap
-// A heap variable record; the host keeps private state after the public part.
-struct HeapVar {
-  QVA_HEAP_VAR hv;       // must stay first
-  uint32_t state = 0;    // HV_* below
+// A heap variable record; the host keeps private state after the public
+// part.  Records sit in the heap table's pages at positions given by their
+// identifiers (heap.cpp), three cache lines each:
+//   line 0   the public record and the descriptor of an array held inline
+//   line 2   private state and up to kInlineValueBytes of inline array data
+// An array value (a structure included) that small is kept inside the
+// record instead of in a block of its own, so that reading a small
+// structure through its heap variable touches the record's own lines only.
+constexpr size_t kInlineValueBytes = 48;
+struct alignas(64) HeapVar {
+  QVA_HEAP_VAR hv;          // must stay first
+  QVA_ARRAY inline_arr;     // descriptor of an array kept inline
+  uint32_t state;           // HV_* below
+  QVA_HVID live_id;         // the identifier while the record is live, else 0
+  alignas(16) QVA_UCHAR inline_data[kInlineValueBytes];
 };
+static_assert(sizeof(HeapVar) == 192, "a heap record is three cache lines");
+static_assert(offsetof(HeapVar, inline_arr) + offsetof(QVA_ARRAY, data) < 64,
+              "the inline descriptor's data pointer shares the record's first line");
 enum : uint32_t { HV_DESTROYING = 1 };
 
 HeapVar *heap_find(QVA_HVID id);  // nullptr when none
@@ -222,6 +240,10 @@ struct Routine {
   uint32_t flags = 0;           // QVA_SYSFUN_KEYWORDS
   QVA_SYSRTN_GENERIC native = nullptr;
   UserRoutine user;             // when not native
+  // A method: the last class of self found to be (or to inherit from) the
+  // method's class.  Definitions never change or go away, so the check
+  // need not be repeated for further objects of that class.
+  QVA_SDEF self_class_ok = nullptr;
 };
 Routine *routine_find(QVA_IDENT name, bool is_function);
 // Calls a routine with the argument checks the language makes.  Returns a

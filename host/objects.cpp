@@ -103,7 +103,16 @@ bool class_chain_has(QVA_SDEF cls, std::string_view name) {
   return false;
 }
 
-void method_cache_clear() { method_cache().clear(); }
+namespace {
+uint64_t g_method_generation = 0;
+}  // namespace
+
+void method_cache_clear() {
+  method_cache().clear();
+  ++g_method_generation;
+}
+
+uint64_t method_cache_generation() { return g_method_generation; }
 
 Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
   if (!cls || !method) return nullptr;

@@ -82,7 +82,7 @@ void install(std::unique_ptr<Routine> r) {
 }
 
 // A method runs only on a live object of its class or of a subclass.
-void check_self(const Routine &r, std::string_view cls, int argc, QVA_VPTR argv[]) {
+void check_self(Routine &r, std::string_view cls, int argc, QVA_VPTR argv[]) {
   QVA_VPTR self = argc > 0 ? argv[0] : nullptr;
   if (!self)
     raise_fmt(M_BAD_ARG, "Method %s called without an object.", r.name_str.c_str());
@@ -92,10 +92,13 @@ void check_self(const Routine &r, std::string_view cls, int argc, QVA_VPTR argv[
   HeapVar *h = heap_find(self->value.hvid);
   if (!h || !(h->hv.flags & QVA_HV_OBJECT))
     raise_fmt(M_INVALID_OBJ, "Invalid object reference: <ObjHeapVar%u>.", self->value.hvid);
-  if (!class_chain_has(object_class(h), cls)) {
+  QVA_SDEF self_class = object_class(h);
+  if (self_class && self_class == r.self_class_ok) return;
+  if (!class_chain_has(self_class, cls)) {
     std::string want(cls);
     raise_fmt(M_NOT_OF_CLASS, "Argument self must be an object of class %s.", want.c_str());
   }
+  r.self_class_ok = self_class;
 }
 
 // Closes the keyword scope of a routine call; on unwinding it releases what

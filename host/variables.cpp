@@ -250,7 +250,9 @@ QVA_ARRAY *array_new(QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims, bool
   return a;
 }
 
-void array_free(QVA_ARRAY *a) { raw_free(a); }
+void array_free(QVA_ARRAY *a) {
+  if (!(a->flags & kArrayInRecord)) raw_free(a);
+}
 
 // ----------------------------------------------------------------- values
 

@@ -38,29 +38,42 @@ class temp_guard {
   QVA_VPTR v_;
 };
 
-// One zeroed node: the structure definition (the host hands back the one
-// definition of that name after the first), a temporary of it, and a heap
-// pointer variable that takes the temporary's value.
-QVA_HVID map_rbh_new() {
-  QVA_SDEF sdef = QVA_MakeStructInternal("QVA_MAP_RBH_NODE", QVA_SDEF_REUSE | QVA_SDEF_HIDDEN,
-                                         map_rbh_node_tags, QVA_MSG_LONGJMP);
+// The node structure's definition.  The host hands back the one definition
+// of that name after the first, and definitions live as long as the
+// process, so it is asked for once.
+QVA_SDEF map_rbh_node_sdef() {
+  static QVA_SDEF sdef = nullptr;
+  if (!sdef)
+    sdef = QVA_MakeStructInternal("QVA_MAP_RBH_NODE", QVA_SDEF_REUSE | QVA_SDEF_HIDDEN,
+                                  map_rbh_node_tags, QVA_MSG_LONGJMP);
+  return sdef;
+}
+
+// One zeroed node: a temporary of the node structure, and a heap pointer
+// variable that takes the temporary's value.  *out receives the node's
+// data.
+QVA_HVID map_rbh_new(QVA_MAP_RBH_NODE **out) {
+  QVA_SDEF sdef = map_rbh_node_sdef();
   if (!sdef) return 0;
   QVA_VPTR tmp = nullptr;
   QVA_MakeTempStructVector(sdef, 1, &tmp, 1);
   temp_guard guard(tmp);
   if (!tmp) return 0;
   QVA_HVPTR hv = QVA_HeapVarNew(QVA_TYP_PTR, tmp, 1, QVA_MSG_LONGJMP);
-  return hv ? hv->hash_id : 0;
+  if (!hv) return 0;
+  *out = reinterpret_cast<QVA_MAP_RBH_NODE *>(hv->var.value.s.arr->data);
+  return hv->hash_id;
 }
 
 // An entry holding key and value (black, external, not root, not head).
-void map_rbh_mk_new_ext(QVA_HVID *out, QVA_HVID key, QVA_HVID val) {
-  *out = map_rbh_new();
-  if (!*out) return;
-  QVA_MAP_RBH_NODE *n = map_rbh_deref(*out);
+QVA_HVID map_rbh_mk_new_ext(QVA_HVID key, QVA_HVID val, QVA_MAP_RBH_NODE **out) {
+  QVA_HVID h = map_rbh_new(out);
+  if (!h) return 0;
+  QVA_MAP_RBH_NODE *n = *out;
   n->VAL = val;
   n->KEY = key;
   n->STATUS1 = n->STATUS0 = n->STATUS3 = n->STATUS4 = 0;
+  return h;
 }
 
 // Node access for heap nodes: a node's name is its hvid, and every record
@@ -72,7 +85,9 @@ struct map_rbh_policy {
   static constexpr Id none = 0;
 
   static Node *at(Id n) { return map_rbh_deref(n); }
-  static void prefetch(Id) {}  // reaching the record is itself a look-up
+  // Measured: asking the host for the children's records ahead of the
+  // comparison costs more calls than the overlap saves.
+  static void prefetch(Id) {}
   static Id &flink(Node *n) { return n->FLINK; }
   static Id &blink(Node *n) { return n->BLINK; }
   static Id &parent(Node *n) { return n->PARENT; }
@@ -93,17 +108,8 @@ struct map_rbh_policy {
   static bool is(Node *n, map_rb_flag f) { return status(n, f) != 0; }
   static void set(Node *n, map_rb_flag f, bool on) { status(n, f) = on ? 1 : 0; }
 
-  static Id make_ext(Word key, Word val, Node **out) {
-    QVA_HVID h;
-    map_rbh_mk_new_ext(&h, key, val);
-    if (h) *out = map_rbh_deref(h);
-    return h;
-  }
-  static Id make_int(Node **out) {
-    QVA_HVID h = map_rbh_new();
-    if (h) *out = map_rbh_deref(h);
-    return h;
-  }
+  static Id make_ext(Word key, Word val, Node **out) { return map_rbh_mk_new_ext(key, val, out); }
+  static Id make_int(Node **out) { return map_rbh_new(out); }
   static void release(Id n, const char *) { QVA_HeapVarDelete(n, 0, 0); }
   [[noreturn]] static void fail(const char *format, Id n) { rbh_fail(format, n); }
 
@@ -144,9 +150,9 @@ QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
 int map_rbh_hcmp(QVA_HVID a, QVA_HVID b) { return (a > b) - (a < b); }
 
 QVA_HVID map_make_rbh(void) {
-  QVA_HVID h = map_rbh_new();
+  QVA_MAP_RBH_NODE *n = nullptr;
+  QVA_HVID h = map_rbh_new(&n);
   if (!h) return 0;
-  QVA_MAP_RBH_NODE *n = map_rbh_deref(h);
   n->FLINK = n->BLINK = n->PARENT = h;
   n->KEY = 0;
   n->STATUS4 = 1;
@@ -155,6 +161,11 @@ QVA_HVID map_make_rbh(void) {
 
 QVA_HVID map_rbh_find_gkey_n(QVA_HVID tree, QVA_HVID key, map_rbh_compare_fn cmp, int *found) {
   auto c = [key, cmp](QVA_HVID stored) { return cmp(key, stored); };
+  return algo::find(tree, c, found, "map_rbh_find_gkey_n called on non-head");
+}
+
+QVA_HVID map_rbh_find_ctx_n(QVA_HVID tree, map_rbh_compare_ctx_fn cmp, void *ctx, int *found) {
+  auto c = [cmp, ctx](QVA_HVID stored) { return cmp(ctx, stored); };
   return algo::find(tree, c, found, "map_rbh_find_gkey_n called on non-head");
 }
 

@@ -61,6 +61,10 @@ QVA_HVID map_make_rbh(void);
 // insertion point (the first greater entry, or the head).
 QVA_HVID map_rbh_find_gkey_n(QVA_HVID tree, QVA_HVID key, map_rbh_compare_fn cmp, int *found);
 QVA_HVID map_rbh_find_gkey(QVA_HVID tree, QVA_HVID key, map_rbh_compare_fn cmp);
+// The same search with a comparison that keeps what it knows about the
+// searched key in `ctx` between calls: cmp(ctx, stored key word).
+typedef int (*map_rbh_compare_ctx_fn)(void *ctx, QVA_HVID stored);
+QVA_HVID map_rbh_find_ctx_n(QVA_HVID tree, map_rbh_compare_ctx_fn cmp, void *ctx, int *found);
 // Keys compared as unsigned 32-bit numbers (map_rbh_hcmp).
 QVA_HVID map_rbh_find_key_n(QVA_HVID tree, QVA_HVID key, int *found);
 QVA_HVID map_rbh_find_key(QVA_HVID tree, QVA_HVID key);

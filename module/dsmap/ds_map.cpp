@@ -52,7 +52,34 @@ int dsMap_compare(QVA_HVID a, QVA_HVID b) {
 QVA_HVID dsMap_makeHeapVar(QVA_VPTR v) { return QVA_HeapVarNew(QVA_TYP_PTR, v, 0, QVA_MSG_LONGJMP)->hash_id; }
 void dsMap_deleteHeapVar(QVA_HVID h) { QVA_HeapVarDelete(h, 0, 0); }
 
-QVA_HVID dsMap_find(QVA_HVID map, QVA_HVID key) { return maphFind(map, key, dsMap_compare); }
+// A search for the key in heap variable `probe`, compared as dsMap_compare
+// does; the probe's variable is looked up at the first comparison only.
+struct ProbeCompare {
+  QVA_HVID probe;
+  QVA_VPTR var = nullptr;
+};
+
+int dsMap_compareProbe(void *ctx, QVA_HVID stored) {
+  auto *pc = static_cast<ProbeCompare *>(ctx);
+  if (!pc->var) pc->var = dsMap_makeVar(pc->probe);
+  QVA_VPTR vb = dsMap_makeVar(stored);
+  if (pc->var->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(pc->var, QVA_MSG_LONGJMP);
+  if (vb->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(vb, QVA_MSG_LONGJMP);
+  return QVA_StrCmp(&pc->var->value.str, &vb->value.str);
+}
+
+// The entry with the probe's key (*found = 1), or the insertion point.
+QVA_HVID dsMap_search(QVA_HVID map, QVA_HVID probe, int *found) {
+  ProbeCompare pc{probe};
+  return map_rbh_find_ctx_n(map, dsMap_compareProbe, &pc, found);
+}
+
+QVA_HVID dsMap_find(QVA_HVID map, QVA_HVID key) {
+  if (!map) return 0;
+  int found;
+  QVA_HVID e = dsMap_search(map, key, &found);
+  return found ? e : 0;
+}
 
 // The probe: a heap variable holding a copy of the key, because the map
 // compares heap identifiers.  It is deleted when the look-up is over, also
@@ -99,8 +126,10 @@ int dsMap_keyExists(ClassPart m, QVA_VPTR key) {
 void dsMap_insert(ClassPart m, QVA_VPTR key, QVA_VPTR value) {
   Probe p(key);
   QVA_HVID map = the_map(m);
-  if (QVA_HVID node = dsMap_find(map, p.hvid)) {
-    QVA_VarCopy_strip(value, dsMap_makeVar(maphData(node)), 0);
+  int found = 0;
+  QVA_HVID at = map ? dsMap_search(map, p.hvid, &found) : 0;
+  if (found) {
+    QVA_VarCopy_strip(value, dsMap_makeVar(maphData(at)), 0);
     return;
   }
   QVA_HVID v = dsMap_makeHeapVar(value);
@@ -110,7 +139,12 @@ void dsMap_insert(ClassPart m, QVA_VPTR key, QVA_VPTR value) {
       if (v) dsMap_deleteHeapVar(v);
     }
   } value_guard{v};
-  maphInsert(map, p.hvid, v, dsMap_compare);
+  // Making the value did not change the tree: the search's insertion point
+  // still stands.  A map of 0 goes through maphInsert, which reports it.
+  if (at)
+    map_rbh_insert_b(at, p.hvid, v);
+  else
+    maphInsert(map, p.hvid, v, dsMap_compare);
   p.hvid = 0;  // the probe is the new entry's key now
   value_guard.v = 0;
 }

@@ -121,6 +121,81 @@ TEST_F(HeapTest, HeldFlagAndValueSurviveOtherHeapTraffic) {
   for (QVA_HVID id : others) QVA_HeapVarDelete(id, 0, 0);
 }
 
+// A one-element structure this small is kept inside its heap record; the
+// value must behave as any other: replaced, copied, read back and freed
+// with its texts, without the record's storage ever being freed as a block.
+TEST_F(HeapTest, SmallStructureValuesBehaveAsAnyOther) {
+  Tmp source(MakePoint(5, "kept"));
+  QVA_HVPTR copied = QVA_HeapVarNew(QVA_TYP_PTR, source.get(), 0, 2);
+  HeapGuard copied_guard(copied);
+  // The copy is independent of its source, texts included.
+  QVA_UCHAR *data = copied->var.value.s.arr->data;
+  *reinterpret_cast<QVA_LONG *>(data) = 6;
+  QVA_StrDelete(reinterpret_cast<QVA_STRING *>(data + 4), 1);  // its own copy of "kept"
+  QVA_StrStore(reinterpret_cast<QVA_STRING *>(data + 4), "changed");
+  EXPECT_EQ(*reinterpret_cast<QVA_LONG *>(source->value.s.arr->data), 5);
+  EXPECT_EQ(Text(*reinterpret_cast<QVA_STRING *>(source->value.s.arr->data + 4)), "kept");
+  QVA_StrDelete(reinterpret_cast<QVA_STRING *>(data + 4), 1);
+  QVA_StrStore(reinterpret_cast<QVA_STRING *>(data + 4), "own text");
+
+  {
+    // Moved in: the source temporary is left undefined, the value intact.
+    Tmp moved_source(MakePoint(7, "moved"));
+    QVA_HVPTR moved = QVA_HeapVarNew(QVA_TYP_PTR, moved_source.get(), 1, 2);
+    HeapGuard moved_guard(moved);
+    EXPECT_EQ(moved_source->type, QVA_TYP_UNDEF);
+    ASSERT_EQ(moved->var.type, QVA_TYP_STRUCT);
+    EXPECT_EQ(moved->var.value.s.arr->n_elts, 1);
+    EXPECT_EQ(moved->var.value.s.arr->elt_len, static_cast<QVA_MEMINT>(Point()->length));
+    EXPECT_EQ(*reinterpret_cast<QVA_LONG *>(moved->var.value.s.arr->data), 7);
+    EXPECT_EQ(Text(*reinterpret_cast<QVA_STRING *>(moved->var.value.s.arr->data + 4)), "moved");
+
+    // Read back into a temporary: a copy of its own.
+    Tmp out(QVA_Gettmp());
+    QVA_VarCopy(&moved->var, out.get());
+    EXPECT_NE(out->value.s.arr, moved->var.value.s.arr);
+    EXPECT_EQ(Text(*reinterpret_cast<QVA_STRING *>(out->value.s.arr->data + 4)), "moved");
+
+    // Replaced by a scalar and then by a structure again: the old value
+    // (its text too) is released, and nothing is freed that was not a block.
+    Tmp number(QVA_GettmpLong(11));
+    ExpectViolations(0, [&] { QVA_VarCopy(number.get(), &moved->var); });
+    EXPECT_EQ(moved->var.type, QVA_TYP_LONG);
+    EXPECT_EQ(moved->var.value.l, 11);
+    ExpectViolations(0, [&] { QVA_VarCopy(out.get(), &moved->var); });
+    EXPECT_EQ(Text(*reinterpret_cast<QVA_STRING *>(moved->var.value.s.arr->data + 4)), "moved");
+    ExpectViolations(0, [&] { QVA_Delvar(&moved->var); });
+    EXPECT_EQ(moved->var.type, QVA_TYP_UNDEF);
+  }
+  // Deleting releases the text the record's own storage held.
+  int64_t texts = qvahost::accounting().texts;
+  ExpectViolations(0, [&] { QVA_HeapVarDelete(copied_guard.id(), 0, 0); });
+  EXPECT_EQ(qvahost::accounting().texts, texts - 1);
+}
+
+TEST_F(HeapTest, ValuesOfEverySizeSurviveNeighbouringRecords) {
+  // Arrays just inside and just past the size kept in a record, among many
+  // neighbours made and deleted around them.
+  std::vector<QVA_HVID> ids;
+  for (QVA_MEMINT n : {1, 11, 12, 13, 100}) {
+    QVA_VPTR t = nullptr;
+    auto *data = reinterpret_cast<QVA_LONG *>(QVA_MakeTempVector(QVA_TYP_LONG, n, 1, &t));
+    for (QVA_MEMINT i = 0; i < n; ++i) data[i] = static_cast<QVA_LONG>(n * 1000 + i);
+    Tmp guard(t);
+    ids.push_back(QVA_HeapVarNew(QVA_TYP_PTR, t, n % 2, 2)->hash_id);
+    for (int i = 0; i < 300; ++i) QVA_HeapVarDelete(NewPtr(i), 0, 0);
+  }
+  size_t k = 0;
+  for (QVA_MEMINT n : {1, 11, 12, 13, 100}) {
+    QVA_HVPTR h = QVA_HeapVarHashFind(ids[k++]);
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(h->var.value.arr->n_elts, n);
+    const auto *data = reinterpret_cast<const QVA_LONG *>(h->var.value.arr->data);
+    for (QVA_MEMINT i = 0; i < n; ++i) ASSERT_EQ(data[i], n * 1000 + i) << n;
+  }
+  for (QVA_HVID id : ids) ExpectViolations(0, [&] { QVA_HeapVarDelete(id, 0, 0); });
+}
+
 TEST_F(HeapTest, HeapIdsListsLiveIdentifiersInOrder) {
   std::vector<QVA_HVID> made;
   for (int i = 0; i < 5; ++i) made.push_back(NewPtr(i));

@@ -83,6 +83,14 @@ TEST_F(ObjectTest, MethodsResolveThroughTheClassChain) {
   Object animal(obj_new("OT_ANIMAL"));
   EXPECT_EQ(speak(dog.ref(), "SPEAK"), "woof") << "the subclass overrides";
   EXPECT_EQ(speak(animal.ref(), "speak"), "...");
+  // The same text on objects of different classes, back and forth, and
+  // the same name written differently, resolve each time for the class.
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(speak(animal.ref(), "SPEAK"), "...");
+    EXPECT_EQ(speak(dog.ref(), "SPEAK"), "woof");
+    EXPECT_EQ(speak(dog.ref(), "speak"), "woof");
+    EXPECT_EQ(speak(dog.ref(), "OT_ANIMAL::SPEAK"), "...");
+  }
   EXPECT_EQ(speak(dog.ref(), "KIND"), "animal") << "the superclass's method serves";
   EXPECT_EQ(speak(dog.ref(), "OT_ANIMAL::SPEAK"), "...") << "a superclass's version by name";
 
@@ -128,6 +136,10 @@ TEST_F(ObjectTest, MethodRoutinesRunOnlyOnObjectsOfTheirClass) {
   Temp r(qvahost::call_function("OT_ANIMAL::SPEAK", {dog.ref()}));
   EXPECT_EQ(qvahost::string_value(r.get()), "...") << "a subclass object is an OT_ANIMAL";
 
+  // A method that has just run on an object of its class still refuses
+  // one of another class.
+  Temp woof(qvahost::call_function("OT_DOG::SPEAK", {dog.ref()}));
+  EXPECT_EQ(qvahost::string_value(woof.get()), "woof");
   qvahost::HostError e = ExpectHostError([&] { qvahost::call_function("OT_DOG::SPEAK", {animal.ref()}); });
   EXPECT_EQ(e.code, qvahost::M_NOT_OF_CLASS);
   EXPECT_EQ(e.routine, "OT_DOG::SPEAK");

@@ -74,6 +74,13 @@ TEST_F(StringsTest, CompareIsBytewiseWithTheEmptyStringFirst) {
       {"abc", "abd", -1}, {"abd", "abc", 1},  {"ab", "abc", -1},   {"abc", "abc", 0},
       {"", "a", -1},      {"", "", 0},        {"B", "a", -1},      // upper case sorts first
       {"\xff", "a", 1},   {"a\x01", "a", 1},  // bytes compare unsigned
+      // Longer texts, compared eight bytes at a time: the first differing
+      // byte decides wherever it sits in a word, and decides unsigned.
+      {"key-00000001", "key-00000002", -1}, {"key-10000000", "key-01000000", 1},
+      {"abcdefgh", "abcdefgi", -1},         {"abcdefghXbcdefgh", "abcdefghabcdefgh", -1},
+      {"azzzzzzz", "bzzzzzzz", -1},         {"zzzzzzz\x80", "zzzzzzz\x7f", 1},
+      {"\x80" "aaaaaaa", "aaaaaaaa", 1},     {"0123456789abcdef", "0123456789abcdef", 0},
+      {"0123456789abcdef", "0123456789abcde", 1}, {"01234567", "012345678", -1},
   };
   for (const Case &c : cases) {
     QVA_STRING a = Stored(c.a), b = Stored(c.b);
