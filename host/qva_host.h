@@ -30,6 +30,12 @@ struct HostError {
   std::string report() const;
 };
 
+// Raises a HostError attributed to the routine now running (as the host's
+// own errors are): for front ends that find errors in the language.
+[[noreturn]] void raise_error(const std::string &text, int code = QVA_M_GENERIC);
+// The routine now running, upper case ("" at top level).
+std::string running_routine();
+
 // Where the host prints messages and reports; defaults to standard error.
 void set_output(std::function<void(const std::string &line)> sink);
 void emit(const std::string &line);
@@ -163,6 +169,48 @@ std::string struct_name(QVA_SDEF sdef);
 std::vector<std::pair<std::string, QVA_MEMINT>> struct_fields(QVA_SDEF sdef);
 QVA_MEMINT struct_length(QVA_SDEF sdef);
 QVA_SDEF struct_super(QVA_SDEF sdef);
+
+// ------------------------------------------------------ elements, fields
+
+// A structure field as a front end sees it: its type, its structure
+// definition (QVA_TYP_STRUCT), its dimensions (empty: scalar) and its byte
+// offset in an element.
+struct FieldInfo {
+  std::string name;  // upper case
+  int type = 0;
+  QVA_SDEF sdef = nullptr;
+  std::vector<QVA_MEMINT> dims;
+  QVA_MEMINT offset = 0;
+};
+std::vector<FieldInfo> struct_field_info(QVA_SDEF sdef);
+
+// Element count of a value: 1 for a scalar, 0 for an undefined variable.
+QVA_MEMINT element_count(QVA_VPTR v);
+// A new temporary holding copies of the elements of `v` at `indices`
+// (0-based).  With scalar_if_one and one index, a scalar (a structure stays
+// a one-element structure); otherwise a one-dimensional array.  An index out
+// of range raises a HostError.
+QVA_VPTR element_values(QVA_VPTR v, const std::vector<QVA_MEMINT> &indices, bool scalar_if_one);
+// Stores `value` at `indices` of `v`, converted to v's type: a
+// one-element value goes to every index, otherwise the element counts must
+// agree.  Structures must be of the same definition.
+void store_elements(QVA_VPTR v, const std::vector<QVA_MEMINT> &indices, QVA_VPTR value);
+// A new temporary holding a copy of field `tag` of element `elt` of the
+// structure held by `sv` (an array field comes back as a one-dimensional
+// array).
+QVA_VPTR field_value(QVA_VPTR sv, QVA_MEMINT elt, const std::string &tag);
+// Stores `value`, converted to the field's type, in field `tag` of element
+// `elt`; a one-element value fills every element of an array field.
+void store_field(QVA_VPTR sv, QVA_MEMINT elt, const std::string &tag, QVA_VPTR value);
+// A new temporary: `v` converted element by element to a number or string
+// type, keeping its shape.
+QVA_VPTR convert_value(QVA_VPTR v, int type);
+
+// Runs `body` as a call from outside: on a HostError, the temporaries and
+// keyword conversions made since it started are released, and the error
+// goes on.  For front ends that call QVA_* operations (QVA_ObjNew, ...)
+// which may run routines.
+void guarded(const std::function<void()> &body);
 
 // -------------------------------------------------------- module loading
 

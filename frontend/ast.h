@@ -1,0 +1,124 @@
+// ast.h - the syntax tree the parser builds and the evaluator walks.
+#pragma once
+
+#include <qva/qva.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qva {
+
+struct Expr;
+using ExprPtr = std::unique_ptr<Expr>;
+struct Stmt;
+using StmtPtr = std::unique_ptr<Stmt>;
+
+// One argument of a call: positional (keyword empty), KEY=value, or /KEY.
+struct Arg {
+  std::string keyword;  // upper case; "" for a positional argument
+  bool flag = false;    // /KEY
+  ExprPtr value;        // null for /KEY
+};
+
+// One subscript: a[i], a[i:j], a[i:*], a[*].
+struct Index {
+  enum Kind { Single, Range, All } kind = Single;
+  ExprPtr lo, hi;  // hi null with Range: up to the end
+};
+
+struct Expr {
+  enum Kind {
+    Int,        // ival, itype
+    Real,       // dval
+    Str,        // text
+    Var,        // name
+    SysVar,     // name (!NULL, !ERROR_STATE, ...)
+    Unary,      // op ("-", "NOT", "~"), kids[0]
+    Binary,     // op, kids[0], kids[1]
+    Array,      // kids
+    Struct,     // name (may be empty), base, fields
+    Call,       // name(args): a function call, or a subscript of variable `name`
+    Subscript,  // kids[0][indices]
+    Field,      // kids[0].name
+    Method,     // kids[0]->name(args)
+    MethodRef,  // kids[0]->name, a statement's head only
+    Deref,      // *kids[0]
+    Cond,       // kids[0] ? kids[1] : kids[2]
+  };
+  Kind kind;
+  int line = 0;
+  std::string name;  // variable, routine, tag, method, structure name
+  std::string op;
+  std::string text;
+  int64_t ival = 0;
+  int itype = QVA_TYP_LONG;
+  double dval = 0;
+  std::vector<ExprPtr> kids;
+  std::vector<Arg> args;
+  std::vector<Index> indices;
+  std::string base;                                      // INHERITS
+  std::vector<std::pair<std::string, ExprPtr>> fields;   // structure literal
+  mutable QVA_SDEF anon_sdef = nullptr;                  // anonymous structure, reused
+
+  Expr(Kind k, int l) : kind(k), line(l) {}
+};
+
+struct Stmt {
+  enum Kind {
+    Eval,         // a function call whose result is dropped: kids[0]
+    Assign,       // target = value; op "=" or "+=" ...
+    Call,         // name, args
+    MethodCall,   // obj->name, args
+    If,           // cond, body[0], body[1] (else, may be empty)
+    Block,        // body
+    For,          // var = lo, hi [, step] DO body[0]
+    Foreach,      // FOREACH var, expr [, index] DO body[0]
+    While,        // WHILE cond DO body[0]
+    Repeat,       // REPEAT body[0] UNTIL cond
+    Break,
+    Continue,
+    Return,       // value may be null
+    Exec,         // executive command; text
+  };
+  Kind kind;
+  int line = 0;
+  std::string name;   // routine or method; loop variable
+  std::string name2;  // FOREACH index variable
+  std::string op;
+  std::string text;
+  ExprPtr target, value, cond, lo, hi, step, object;
+  std::vector<Arg> args;
+  std::vector<StmtPtr> body;
+
+  Stmt(Kind k, int l) : kind(k), line(l) {}
+};
+
+// A keyword parameter of a definition: KEYWORD=variable.
+struct KeywordParam {
+  std::string keyword;   // upper case
+  std::string variable;  // upper case
+};
+
+// PRO or FUNCTION, plain or a method (CLASS::NAME).
+struct RoutineDef {
+  std::string name;  // upper case, CLASS::METHOD for a method
+  bool is_function = false;
+  bool is_method = false;
+  std::vector<std::string> params;      // positional parameters
+  std::vector<KeywordParam> keywords;
+  std::string extra;                    // _EXTRA / _REF_EXTRA variable, or ""
+  bool ref_extra = false;
+  std::vector<StmtPtr> body;
+  std::string file;
+  int line = 0;
+};
+
+// A parsed source: routine definitions and main-level statements.
+struct Program {
+  std::vector<std::shared_ptr<RoutineDef>> routines;
+  std::vector<StmtPtr> main;
+};
+
+}  // namespace qva

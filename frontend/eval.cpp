@@ -1,0 +1,457 @@
+// eval.cpp - expressions, calls and assignment.
+#include <cstring>
+
+#include "interp.h"
+
+namespace qva {
+
+namespace {
+
+[[noreturn]] void undefined_var(const std::string &name) {
+  qvahost::raise_error("Variable is undefined: " + name + ".");
+}
+
+QVA_HVPTR heap_of_ptr(QVA_VPTR p, bool object) {
+  if (p->type != (object ? QVA_TYP_OBJREF : QVA_TYP_PTR) || !is_scalar(p))
+    qvahost::raise_error(object ? "Object reference type required in this context."
+                                : "Pointer type required in this context.");
+  QVA_HVID id = p->value.hvid;
+  if (!id)
+    qvahost::raise_error(object ? "Unable to use a null object reference."
+                                : "Unable to dereference NULL pointer.");
+  QVA_HVPTR hv = QVA_HeapVarHashFind(id);
+  if (!hv || ((hv->flags & QVA_HV_OBJECT) != 0) != object)
+    qvahost::raise_error((object ? "Invalid object reference: <ObjHeapVar" : "Invalid pointer: <PtrHeapVar") +
+                         std::to_string(id) + ">.");
+  return hv;
+}
+
+// The field description of a value stored in a new structure.
+qvahost::FieldSpec spec_of(const std::string &name, QVA_VPTR v) {
+  if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Structure tag " + name + " has no value.");
+  qvahost::FieldSpec s{name, v->type, nullptr, {}};
+  if (v->flags & QVA_V_STRUCT) {
+    s.sdef = v->value.s.sdef;
+    QVA_MEMINT n = qvahost::element_count(v);
+    if (n > 1) s.dims = {n};
+  } else if (!is_scalar(v)) {
+    s.dims = {qvahost::element_count(v)};
+  }
+  return s;
+}
+
+bool same_fields(QVA_SDEF sd, const std::vector<qvahost::FieldSpec> &specs) {
+  auto info = qvahost::struct_field_info(sd);
+  if (info.size() != specs.size()) return false;
+  for (size_t i = 0; i < specs.size(); ++i)
+    if (info[i].name != specs[i].name || info[i].type != specs[i].type ||
+        info[i].sdef != specs[i].sdef || info[i].dims != specs[i].dims)
+      return false;
+  return true;
+}
+
+int array_rank(int type) {
+  switch (type) {
+    case QVA_TYP_BYTE: return 1;
+    case QVA_TYP_INT: return 2;
+    case QVA_TYP_LONG: return 3;
+    case QVA_TYP_LONG64: return 4;
+    case QVA_TYP_DOUBLE: return 5;
+    default: return 0;
+  }
+}
+
+}  // namespace
+
+Val Interp::eval(Frame &f, const Expr &e) {
+  switch (e.kind) {
+    case Expr::Int: {
+      Val v = Val::temp(QVA_Gettmp());
+      v->type = static_cast<QVA_UCHAR>(e.itype);
+      switch (e.itype) {
+        case QVA_TYP_BYTE: v->value.c = static_cast<QVA_UCHAR>(e.ival); break;
+        case QVA_TYP_INT: v->value.i = static_cast<QVA_INT>(e.ival); break;
+        case QVA_TYP_LONG: v->value.l = static_cast<QVA_LONG>(e.ival); break;
+        default: v->value.l64 = e.ival; break;
+      }
+      return v;
+    }
+    case Expr::Real:
+      return Val::temp(qvahost::make_double(e.dval));
+    case Expr::Str:
+      return Val::temp(qvahost::make_string(e.text));
+    case Expr::Var: {
+      QVA_VPTR v = lookup(f, e.name);
+      if (!v || v->type == QVA_TYP_UNDEF) undefined_var(e.name);
+      return Val::ref(v);
+    }
+    case Expr::SysVar:
+      return eval_sysvar(e);
+    case Expr::Unary: {
+      Val a = eval(f, *e.kids[0]);
+      return unary_op(e.op, a.get());
+    }
+    case Expr::Binary: {
+      Val a = eval(f, *e.kids[0]);
+      if (e.op == "&&" || e.op == "||") {
+        bool x = nonzero(a.get());
+        bool r = e.op == "&&" ? (x && nonzero(eval(f, *e.kids[1]).get()))
+                              : (x || nonzero(eval(f, *e.kids[1]).get()));
+        return Val::temp(qvahost::make_byte(r ? 1 : 0));
+      }
+      Val b = eval(f, *e.kids[1]);
+      return binary_op(e.op, a.get(), b.get());
+    }
+    case Expr::Array:
+      return eval_array(f, e);
+    case Expr::Struct:
+      return eval_struct(f, e);
+    case Expr::Call:
+      return eval_call(f, e);
+    case Expr::Subscript: {
+      Val base = eval(f, *e.kids[0]);
+      bool scalar = false;
+      auto idx = indices(f, e.indices, qvahost::element_count(base.get()), &scalar);
+      return Val::temp(qvahost::element_values(base.get(), idx, scalar));
+    }
+    case Expr::Field:
+      return eval_field(f, e);
+    case Expr::Method: {
+      Val obj = eval(f, *e.kids[0]);
+      CallArgs a;
+      build_args(f, e.args, a);
+      return Val::temp(qvahost::call_method_function(obj.get(), e.name, a.positional, a.keywords));
+    }
+    case Expr::MethodRef:
+      qvahost::raise_error("Syntax error: a function method call needs parentheses: ->" + e.name +
+                           "().");
+    case Expr::Deref:
+      return eval_deref(f, e);
+    case Expr::Cond: {
+      bool yes;
+      {
+        Val c = eval(f, *e.kids[0]);
+        yes = truth(c.get());
+      }
+      return eval(f, *e.kids[yes ? 1 : 2]);
+    }
+  }
+  return undefined_value();
+}
+
+Val Interp::eval_sysvar(const Expr &e) {
+  if (e.name == "NULL") return undefined_value();
+  if (e.name == "PI" || e.name == "DPI") return Val::temp(qvahost::make_double(3.14159265358979323846));
+  if (e.name == "ERROR_STATE") {
+    if (!error_state_sdef_)
+      error_state_sdef_ = qvahost::define_struct(
+          "", "", {{"NAME", QVA_TYP_STRING, nullptr, {}}, {"CODE", QVA_TYP_LONG, nullptr, {}}, {"MSG", QVA_TYP_STRING, nullptr, {}}});
+    QVA_VPTR t = nullptr;
+    QVA_MakeTempStructVector(error_state_sdef_, 1, &t, 1);
+    Val v = Val::temp(t);
+    Val name = Val::temp(qvahost::make_string(last_error_.routine));
+    Val code = Val::temp(qvahost::make_long(last_error_.code));
+    Val msg = Val::temp(qvahost::make_string(last_error_.text));
+    qvahost::store_field(t, 0, "NAME", name.get());
+    qvahost::store_field(t, 0, "CODE", code.get());
+    qvahost::store_field(t, 0, "MSG", msg.get());
+    return v;
+  }
+  qvahost::raise_error("Not a legal system variable: !" + e.name + ".");
+}
+
+Val Interp::eval_array(Frame &f, const Expr &e) {
+  std::vector<Val> parts;
+  int type = QVA_TYP_UNDEF;
+  QVA_SDEF sdef = nullptr;
+  QVA_MEMINT total = 0;
+  for (const ExprPtr &k : e.kids) {
+    Val v = eval(f, *k);
+    if (v->type == QVA_TYP_UNDEF) continue;  // !NULL adds nothing
+    int t = v->type;
+    if (type == QVA_TYP_UNDEF) {
+      type = t;
+      if (t == QVA_TYP_STRUCT) sdef = v->value.s.sdef;
+    } else if (array_rank(type) && array_rank(t)) {
+      if (array_rank(t) > array_rank(type)) type = t;
+    } else if (type != t || (t == QVA_TYP_STRUCT && v->value.s.sdef != sdef)) {
+      qvahost::raise_error(std::string("Unable to concatenate variables of type ") +
+                           type_label(type) + " and " + type_label(t) + ".");
+    }
+    total += qvahost::element_count(v.get());
+    parts.push_back(std::move(v));
+  }
+  if (type == QVA_TYP_UNDEF) return undefined_value();
+  QVA_VPTR out = nullptr;
+  if (type == QVA_TYP_STRUCT) QVA_MakeTempStructVector(sdef, total, &out, 1);
+  else QVA_MakeTempVector(type, total, 1, &out);
+  Val result = Val::temp(out);
+  QVA_MEMINT at = 0;
+  for (Val &p : parts) {
+    QVA_MEMINT n = qvahost::element_count(p.get());
+    std::vector<QVA_MEMINT> idx(static_cast<size_t>(n));
+    for (QVA_MEMINT i = 0; i < n; ++i) idx[static_cast<size_t>(i)] = at + i;
+    qvahost::store_elements(out, idx, p.get());
+    at += n;
+  }
+  return result;
+}
+
+Val Interp::eval_struct(Frame &f, const Expr &e) {
+  std::vector<Val> values;
+  std::vector<qvahost::FieldSpec> specs;
+  for (const auto &[tag, x] : e.fields) {
+    values.push_back(eval(f, *x));
+    specs.push_back(spec_of(tag, values.back().get()));
+  }
+  QVA_SDEF sd = nullptr;
+  if (!e.name.empty()) {
+    sd = qvahost::find_struct(e.name);
+    if (!sd && specs.empty() && e.base.empty())
+      sd = QVA_ObjRuntimeDefine(QVA_IdentHash(e.name.c_str(), 0, 0, QVA_MSG_LONGJMP, 0));
+    if (!sd || !specs.empty() || !e.base.empty()) {
+      if (!e.base.empty() && !qvahost::find_struct(e.base))
+        QVA_ObjRuntimeDefine(QVA_IdentHash(e.base.c_str(), 0, 0, QVA_MSG_LONGJMP, 0));
+      sd = qvahost::define_struct(e.name, e.base, specs);
+    }
+  } else {
+    if (specs.empty()) qvahost::raise_error("A structure needs at least one tag.");
+    if (!e.base.empty()) qvahost::raise_error("An anonymous structure cannot inherit.");
+    if (!e.anon_sdef || !same_fields(e.anon_sdef, specs))
+      e.anon_sdef = qvahost::define_struct("", "", specs);
+    sd = e.anon_sdef;
+  }
+  QVA_VPTR t = nullptr;
+  QVA_MakeTempStructVector(sd, 1, &t, 1);
+  Val inst = Val::temp(t);
+  for (size_t i = 0; i < specs.size(); ++i)
+    qvahost::store_field(t, 0, specs[i].name, values[i].get());
+  return inst;
+}
+
+Val Interp::eval_call(Frame &f, const Expr &e) {
+  // name(i): a subscript when `name` is a variable of this frame.
+  bool has_kw = false;
+  for (const Arg &a : e.args) has_kw |= !a.keyword.empty();
+  QVA_VPTR v = has_kw ? nullptr : lookup(f, e.name);
+  if (v && v->type != QVA_TYP_UNDEF && !e.args.empty()) {
+    bool scalar = false;
+    auto idx = call_indices(f, e.args, qvahost::element_count(v), &scalar);
+    return Val::temp(qvahost::element_values(v, idx, scalar));
+  }
+  CallArgs a;
+  build_args(f, e.args, a);
+  return Val::temp(qvahost::call_function(e.name, a.positional, a.keywords));
+}
+
+Val Interp::eval_field(Frame &f, const Expr &e) {
+  Val base = eval(f, *e.kids[0]);
+  if (base->type == QVA_TYP_OBJREF) {
+    QVA_HVPTR hv = heap_of_ptr(base.get(), true);
+    return Val::temp(qvahost::field_value(&hv->var, 0, e.name));
+  }
+  if (!(base->flags & QVA_V_STRUCT))
+    qvahost::raise_error("Expression must be a structure in this context: ." + e.name + ".");
+  QVA_MEMINT n = qvahost::element_count(base.get());
+  if (n == 1) return Val::temp(qvahost::field_value(base.get(), 0, e.name));
+  // The field of every element, as one array.
+  std::vector<Val> parts;
+  for (QVA_MEMINT i = 0; i < n; ++i) parts.push_back(Val::temp(qvahost::field_value(base.get(), i, e.name)));
+  int type = parts[0]->type;
+  QVA_VPTR out = nullptr;
+  if (type == QVA_TYP_STRUCT) QVA_MakeTempStructVector(parts[0]->value.s.sdef, n, &out, 1);
+  else QVA_MakeTempVector(type, n, 1, &out);
+  Val result = Val::temp(out);
+  for (QVA_MEMINT i = 0; i < n; ++i) qvahost::store_elements(out, {i}, parts[static_cast<size_t>(i)].get());
+  return result;
+}
+
+Val Interp::eval_deref(Frame &f, const Expr &e) {
+  Val p = eval(f, *e.kids[0]);
+  QVA_HVPTR hv = heap_of_ptr(p.get(), false);
+  if (hv->var.type == QVA_TYP_UNDEF)
+    qvahost::raise_error("Variable is undefined: <PtrHeapVar" + std::to_string(hv->hash_id) + ">.");
+  return Val::ref(&hv->var);
+}
+
+std::vector<QVA_MEMINT> Interp::indices(Frame &f, const std::vector<Index> &ix, QVA_MEMINT n,
+                                        bool *scalar) {
+  const Index &x = ix.at(0);
+  std::vector<QVA_MEMINT> out;
+  *scalar = false;
+  auto scalar_index = [&](const Expr &ex) {
+    Val v = eval(f, ex);
+    if (!is_scalar(v.get())) qvahost::raise_error("Range subscripts must be scalars.");
+    return static_cast<QVA_MEMINT>(qvahost::integer_value(Val::temp(qvahost::convert_value(v.get(), QVA_TYP_LONG64)).get()));
+  };
+  if (x.kind == Index::All) {
+    for (QVA_MEMINT i = 0; i < n; ++i) out.push_back(i);
+    return out;
+  }
+  if (x.kind == Index::Range) {
+    QVA_MEMINT lo = scalar_index(*x.lo);
+    QVA_MEMINT hi = x.hi ? scalar_index(*x.hi) : n - 1;
+    if (lo < 0) lo += n;
+    if (hi < 0) hi += n;
+    if (lo > hi || lo < 0 || hi >= n)
+      qvahost::raise_error("Subscript range values of the form low:high must be >= 0, < size, with low <= high.");
+    for (QVA_MEMINT i = lo; i <= hi; ++i) out.push_back(i);
+    return out;
+  }
+  Val v = eval(f, *x.lo);
+  Val l = Val::temp(qvahost::convert_value(v.get(), QVA_TYP_LONG64));
+  QVA_MEMINT count = qvahost::element_count(l.get());
+  char *data = nullptr;
+  QVA_VarGetData(l.get(), nullptr, &data, 1);
+  for (QVA_MEMINT i = 0; i < count; ++i) {
+    int64_t k;
+    std::memcpy(&k, data + i * 8, 8);
+    if (is_scalar(v.get()) && k < 0) k += n;
+    out.push_back(k);
+  }
+  *scalar = is_scalar(v.get());
+  return out;
+}
+
+std::vector<QVA_MEMINT> Interp::call_indices(Frame &f, const std::vector<Arg> &args, QVA_MEMINT n,
+                                             bool *scalar) {
+  if (args.size() != 1) qvahost::raise_error("Only one-dimensional subscripts are supported.");
+  std::vector<Index> ix(1);
+  // The argument expression is borrowed for the moment: Index owns its
+  // expressions, so evaluate directly instead.
+  Val v = eval(f, *args[0].value);
+  Val l = Val::temp(qvahost::convert_value(v.get(), QVA_TYP_LONG64));
+  QVA_MEMINT count = qvahost::element_count(l.get());
+  char *data = nullptr;
+  QVA_VarGetData(l.get(), nullptr, &data, 1);
+  std::vector<QVA_MEMINT> out;
+  for (QVA_MEMINT i = 0; i < count; ++i) {
+    int64_t k;
+    std::memcpy(&k, data + i * 8, 8);
+    if (is_scalar(v.get()) && k < 0) k += n;
+    out.push_back(k);
+  }
+  *scalar = is_scalar(v.get());
+  return out;
+}
+
+// ------------------------------------------------------------ assignment
+
+QVA_VPTR Interp::addressable(Frame &f, const Expr &e) {
+  if (e.kind == Expr::Var) return lookup_or_create(f, e.name);
+  if (e.kind == Expr::Deref) {
+    Val p = eval(f, *e.kids[0]);
+    return &heap_of_ptr(p.get(), false)->var;
+  }
+  return nullptr;
+}
+
+void Interp::assign(Frame &f, const Expr &target, Val value) {
+  switch (target.kind) {
+    case Expr::Var:
+    case Expr::Deref: {
+      QVA_VPTR dst = addressable(f, target);
+      if (dst != value.get()) QVA_VarCopy(value.get(), dst);
+      return;
+    }
+    case Expr::Subscript:
+    case Expr::Call: {
+      const Expr &base = target.kind == Expr::Subscript ? *target.kids[0] : target;
+      QVA_VPTR dst = nullptr;
+      if (target.kind == Expr::Call) {
+        dst = lookup(f, target.name);
+        if (!dst) undefined_var(target.name);
+      } else {
+        dst = addressable(f, base);
+      }
+      Val copy;
+      if (!dst) {
+        copy = eval(f, base);
+        if (!copy.owned()) copy = copy_of(copy.get());
+        dst = copy.get();
+      }
+      if (dst->type == QVA_TYP_UNDEF)
+        undefined_var(base.kind == Expr::Var || base.kind == Expr::Call ? base.name : "<Expression>");
+      bool scalar = false;
+      auto idx = target.kind == Expr::Subscript
+                     ? indices(f, target.indices, qvahost::element_count(dst), &scalar)
+                     : call_indices(f, target.args, qvahost::element_count(dst), &scalar);
+      qvahost::store_elements(dst, idx, value.get());
+      if (copy) assign(f, base, std::move(copy));
+      return;
+    }
+    case Expr::Field: {
+      const Expr &base = *target.kids[0];
+      QVA_VPTR dst = base.kind == Expr::Var ? lookup(f, base.name) : addressable(f, base);
+      Val held;
+      if (!dst) {
+        held = eval(f, base);
+        dst = held.get();
+      }
+      if (dst->type == QVA_TYP_UNDEF)
+        undefined_var(base.kind == Expr::Var ? base.name : "<Expression>");
+      if (dst->type == QVA_TYP_OBJREF) {
+        QVA_HVPTR hv = heap_of_ptr(dst, true);
+        qvahost::store_field(&hv->var, 0, target.name, value.get());
+        return;
+      }
+      if (!(dst->flags & QVA_V_STRUCT))
+        qvahost::raise_error("Expression must be a structure in this context: ." + target.name + ".");
+      if (held) {
+        // A field of a value that is not a variable: change a copy and
+        // store the copy back where the value came from.
+        if (!held.owned()) held = copy_of(held.get());
+        qvahost::store_field(held.get(), 0, target.name, value.get());
+        assign(f, base, std::move(held));
+        return;
+      }
+      qvahost::store_field(dst, 0, target.name, value.get());
+      return;
+    }
+    default:
+      qvahost::raise_error("Expression cannot be assigned to.");
+  }
+}
+
+// --------------------------------------------------------------- calls
+
+Val Interp::pass(Frame &f, const Expr &e) {
+  if (e.kind == Expr::Var) return Val::ref(lookup_or_create(f, e.name));
+  return eval(f, e);
+}
+
+void Interp::build_args(Frame &f, const std::vector<Arg> &args, CallArgs &out) {
+  out.hold.reserve(args.size() + 4);
+  for (const Arg &a : args) {
+    if (a.keyword.empty()) {
+      out.hold.push_back(pass(f, *a.value));
+      out.positional.push_back(out.hold.back().get());
+      continue;
+    }
+    if (a.flag) {
+      out.hold.push_back(Val::temp(qvahost::make_long(1)));
+      out.keywords.push_back({a.keyword, out.hold.back().get()});
+      continue;
+    }
+    if (a.keyword == "_EXTRA" || a.keyword == "_REF_EXTRA") {
+      if (a.value->kind == Expr::Var && a.value->name == f.extra_name && !f.extra_name.empty()) {
+        for (const qvahost::Keyword &k : f.extra) out.keywords.push_back(k);
+        continue;
+      }
+      Val v = pass(f, *a.value);
+      if (v->type == QVA_TYP_UNDEF) continue;
+      if (!(v->flags & QVA_V_STRUCT))
+        qvahost::raise_error("_EXTRA must be a structure.");
+      for (const qvahost::FieldInfo &fi : qvahost::struct_field_info(v->value.s.sdef)) {
+        out.hold.push_back(Val::temp(qvahost::field_value(v.get(), 0, fi.name)));
+        out.keywords.push_back({fi.name, out.hold.back().get()});
+      }
+      out.hold.push_back(std::move(v));
+      continue;
+    }
+    out.hold.push_back(pass(f, *a.value));
+    out.keywords.push_back({a.keyword, out.hold.back().get()});
+  }
+}
+
+}  // namespace qva

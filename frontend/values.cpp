@@ -1,0 +1,429 @@
+// values.cpp - operators and PRINT's formatting over host variables.
+#include "values.h"
+
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "qva_host.h"
+
+namespace qva {
+
+Val &Val::operator=(Val &&o) noexcept {
+  if (this != &o) {
+    reset();
+    v_ = o.v_;
+    owned_ = o.owned_;
+    o.v_ = nullptr;
+  }
+  return *this;
+}
+
+void Val::reset() {
+  if (v_ && owned_) QVA_Deltmp(v_);
+  v_ = nullptr;
+}
+
+QVA_VPTR Val::give_temp() {
+  if (!v_) return QVA_Gettmp();
+  if (owned_) {
+    QVA_VPTR t = v_;
+    v_ = nullptr;
+    return t;
+  }
+  return copy_of(v_).give_temp();
+}
+
+Val copy_of(QVA_VPTR v) {
+  Val t = Val::temp(QVA_Gettmp());
+  QVA_VarCopy(v, t.get());
+  return t;
+}
+
+Val undefined_value() { return Val::temp(QVA_Gettmp()); }
+
+bool is_scalar(QVA_VPTR v) { return !(v->flags & QVA_V_NOT_SCALAR); }
+
+bool is_numeric_type(int t) {
+  return t == QVA_TYP_BYTE || t == QVA_TYP_INT || t == QVA_TYP_LONG || t == QVA_TYP_LONG64 ||
+         t == QVA_TYP_DOUBLE;
+}
+
+const char *type_label(int type) {
+  switch (type) {
+    case QVA_TYP_UNDEF: return "UNDEFINED";
+    case QVA_TYP_BYTE: return "BYTE";
+    case QVA_TYP_INT: return "INT";
+    case QVA_TYP_LONG: return "LONG";
+    case QVA_TYP_DOUBLE: return "DOUBLE";
+    case QVA_TYP_STRING: return "STRING";
+    case QVA_TYP_STRUCT: return "STRUCT";
+    case QVA_TYP_PTR: return "POINTER";
+    case QVA_TYP_OBJREF: return "OBJREF";
+    case QVA_TYP_LONG64: return "LONG64";
+    default: return "UNKNOWN";
+  }
+}
+
+namespace {
+
+// Where a value's elements are.
+struct View {
+  int type = 0;
+  QVA_SDEF sdef = nullptr;
+  const char *data = nullptr;
+  QVA_MEMINT n = 0;
+  size_t size = 0;
+  bool array = false;
+};
+
+size_t elt_size(int type) {
+  switch (type) {
+    case QVA_TYP_BYTE: return 1;
+    case QVA_TYP_INT: return 2;
+    case QVA_TYP_LONG: return 4;
+    case QVA_TYP_DOUBLE: return 8;
+    case QVA_TYP_STRING: return sizeof(QVA_STRING);
+    case QVA_TYP_PTR:
+    case QVA_TYP_OBJREF: return sizeof(QVA_HVID);
+    case QVA_TYP_LONG64: return 8;
+    default: return 0;
+  }
+}
+
+View view_of(QVA_VPTR v) {
+  if (v->type == QVA_TYP_UNDEF)
+    qvahost::raise_error("Variable is undefined: " + std::string(v->name ? QVA_IdentName(v->name) : "<Expression>") + ".");
+  View w;
+  w.type = v->type;
+  char *data = nullptr;
+  QVA_VarGetData(v, &w.n, &data, 0);
+  w.data = data;
+  w.array = !is_scalar(v);
+  if (v->flags & QVA_V_STRUCT) {
+    w.sdef = v->value.s.sdef;
+    w.size = static_cast<size_t>(qvahost::struct_length(w.sdef));
+  } else {
+    w.size = elt_size(v->type);
+  }
+  return w;
+}
+
+int rank(int type) {
+  switch (type) {
+    case QVA_TYP_BYTE: return 1;
+    case QVA_TYP_INT: return 2;
+    case QVA_TYP_LONG: return 3;
+    case QVA_TYP_LONG64: return 4;
+    case QVA_TYP_DOUBLE: return 5;
+    default: return 0;
+  }
+}
+
+int64_t get_i(int type, const char *p) {
+  switch (type) {
+    case QVA_TYP_BYTE: return static_cast<unsigned char>(*p);
+    case QVA_TYP_INT: { int16_t v; std::memcpy(&v, p, 2); return v; }
+    case QVA_TYP_LONG: { int32_t v; std::memcpy(&v, p, 4); return v; }
+    case QVA_TYP_LONG64: { int64_t v; std::memcpy(&v, p, 8); return v; }
+    case QVA_TYP_DOUBLE: {
+      double d;
+      std::memcpy(&d, p, 8);
+      if (!(d > -9.2e18 && d < 9.2e18)) return 0;
+      return static_cast<int64_t>(d);
+    }
+    default: return 0;
+  }
+}
+
+double get_d(int type, const char *p) {
+  if (type == QVA_TYP_DOUBLE) {
+    double d;
+    std::memcpy(&d, p, 8);
+    return d;
+  }
+  return static_cast<double>(get_i(type, p));
+}
+
+// Stores an integer, wrapping to the type's width.
+void put_i(int type, char *p, int64_t v) {
+  switch (type) {
+    case QVA_TYP_BYTE: *p = static_cast<char>(static_cast<uint8_t>(v)); break;
+    case QVA_TYP_INT: { int16_t x = static_cast<int16_t>(v); std::memcpy(p, &x, 2); break; }
+    case QVA_TYP_LONG: { int32_t x = static_cast<int32_t>(v); std::memcpy(p, &x, 4); break; }
+    case QVA_TYP_LONG64: std::memcpy(p, &v, 8); break;
+    case QVA_TYP_DOUBLE: { double d = static_cast<double>(v); std::memcpy(p, &d, 8); break; }
+    default: break;
+  }
+}
+
+void put_d(char *p, double d) { std::memcpy(p, &d, 8); }
+
+std::string str_of(const char *p) {
+  QVA_STRING s;
+  std::memcpy(&s, p, sizeof s);
+  return std::string(QVA_STRING_STR(&s), static_cast<size_t>(s.slen));
+}
+
+// A new result: a scalar temporary, or a zeroed array of n elements.
+struct Result {
+  Val val;
+  char *data = nullptr;
+};
+
+Result make_result(int type, bool array, QVA_MEMINT n) {
+  Result r;
+  if (array) {
+    QVA_VPTR t = nullptr;
+    r.data = QVA_MakeTempVector(type, n, 1, &t);
+    r.val = Val::temp(t);
+  } else {
+    r.val = Val::temp(QVA_Gettmp());
+    r.val->type = static_cast<QVA_UCHAR>(type);
+    std::memset(&r.val->value, 0, sizeof r.val->value);
+    r.data = reinterpret_cast<char *>(&r.val->value);
+  }
+  return r;
+}
+
+uint64_t u(int64_t v) { return static_cast<uint64_t>(v); }
+int64_t s(uint64_t v) { return static_cast<int64_t>(v); }
+
+int64_t int_pow(int64_t base, int64_t e) {
+  if (e < 0) return base == 1 ? 1 : base == -1 ? (e % 2 ? -1 : 1) : 0;
+  uint64_t r = 1, b = u(base);
+  while (e) {
+    if (e & 1) r *= b;
+    b *= b;
+    e >>= 1;
+  }
+  return s(r);
+}
+
+bool is_compare(const std::string &op) {
+  return op == "EQ" || op == "NE" || op == "LT" || op == "LE" || op == "GT" || op == "GE";
+}
+
+template <class T>
+bool compare(const std::string &op, const T &a, const T &b) {
+  if (op == "EQ") return a == b;
+  if (op == "NE") return !(a == b);
+  if (op == "LT") return a < b;
+  if (op == "LE") return !(b < a);
+  if (op == "GT") return b < a;
+  return !(a < b);
+}
+
+[[noreturn]] void bad_operands(const std::string &op, int ta, int tb) {
+  qvahost::raise_error(std::string("Operation ") + op + " is not defined for " + type_label(ta) +
+                       (ta == tb ? "" : std::string(" and ") + type_label(tb)) + ".");
+}
+
+std::string element_text(const View &w, QVA_MEMINT i) {
+  return format_element(w.type, w.sdef, w.data + static_cast<size_t>(i) * w.size);
+}
+
+}  // namespace
+
+std::string format_element(int type, QVA_SDEF sdef, const void *data) {
+  const char *p = static_cast<const char *>(data);
+  char buf[64];
+  switch (type) {
+    case QVA_TYP_BYTE: std::snprintf(buf, sizeof buf, "%4u", static_cast<unsigned>(get_i(type, p))); return buf;
+    case QVA_TYP_INT: std::snprintf(buf, sizeof buf, "%8" PRId64, get_i(type, p)); return buf;
+    case QVA_TYP_LONG: std::snprintf(buf, sizeof buf, "%12" PRId64, get_i(type, p)); return buf;
+    case QVA_TYP_LONG64: std::snprintf(buf, sizeof buf, "%22" PRId64, get_i(type, p)); return buf;
+    case QVA_TYP_DOUBLE: std::snprintf(buf, sizeof buf, "%#16.8g", get_d(type, p)); return buf;
+    case QVA_TYP_STRING: return str_of(p);
+    case QVA_TYP_PTR: {
+      QVA_HVID id;
+      std::memcpy(&id, p, sizeof id);
+      if (!id) return "<NullPointer>";
+      std::snprintf(buf, sizeof buf, "<PtrHeapVar%u>", id);
+      return buf;
+    }
+    case QVA_TYP_OBJREF: {
+      QVA_HVID id;
+      std::memcpy(&id, p, sizeof id);
+      if (!id) return "<NullObject>";
+      QVA_HVPTR hv = QVA_HeapVarHashFind(id);
+      std::string cls = hv && (hv->var.flags & QVA_V_STRUCT)
+                            ? qvahost::struct_name(hv->var.value.s.sdef) : std::string("?");
+      std::snprintf(buf, sizeof buf, "<ObjHeapVar%u(", id);
+      return buf + cls + ")>";
+    }
+    case QVA_TYP_STRUCT: {
+      std::string out = "{";
+      for (const qvahost::FieldInfo &f : qvahost::struct_field_info(sdef)) {
+        QVA_MEMINT n = 1;
+        for (QVA_MEMINT d : f.dims) n *= d;
+        size_t size = f.type == QVA_TYP_STRUCT ? static_cast<size_t>(qvahost::struct_length(f.sdef))
+                                               : elt_size(f.type);
+        for (QVA_MEMINT k = 0; k < n; ++k) {
+          std::string e = format_element(f.type, f.sdef, p + f.offset + k * size);
+          if (f.type == QVA_TYP_STRING || f.type == QVA_TYP_STRUCT || f.type == QVA_TYP_PTR ||
+              f.type == QVA_TYP_OBJREF)
+            e = " " + e;
+          out += e;
+        }
+      }
+      return out + "}";
+    }
+    default:
+      return "";
+  }
+}
+
+std::string format_value(QVA_VPTR v) {
+  if (v->type == QVA_TYP_UNDEF) return "!NULL";
+  View w = view_of(v);
+  std::string out;
+  for (QVA_MEMINT i = 0; i < w.n; ++i) {
+    if (i > 0 && (w.type == QVA_TYP_STRING || w.type == QVA_TYP_STRUCT ||
+                  w.type == QVA_TYP_PTR || w.type == QVA_TYP_OBJREF))
+      out += ' ';
+    out += element_text(w, i);
+  }
+  return out;
+}
+
+bool nonzero(QVA_VPTR v) {
+  if (v->type == QVA_TYP_UNDEF) return false;
+  View w = view_of(v);
+  if (w.array && w.n != 1)
+    qvahost::raise_error("Expression must be a scalar in this context.");
+  if (w.type == QVA_TYP_STRING) return !str_of(w.data).empty();
+  if (w.type == QVA_TYP_DOUBLE) return get_d(w.type, w.data) != 0;
+  if (w.type == QVA_TYP_PTR || w.type == QVA_TYP_OBJREF) {
+    QVA_HVID id;
+    std::memcpy(&id, w.data, sizeof id);
+    return id != 0;
+  }
+  if (w.type == QVA_TYP_STRUCT) qvahost::raise_error("Structure expression not allowed in this context.");
+  return get_i(w.type, w.data) != 0;
+}
+
+bool truth(QVA_VPTR v) {
+  if (v->type == QVA_TYP_UNDEF) view_of(v);  // raises: undefined
+  View w = view_of(v);
+  if (w.array && w.n != 1)
+    qvahost::raise_error("Expression must be a scalar in this context.");
+  if (rank(w.type) >= 1 && rank(w.type) <= 4) return (get_i(w.type, w.data) & 1) != 0;
+  return nonzero(v);
+}
+
+Val unary_op(const std::string &op, QVA_VPTR a) {
+  if (op == "~") {
+    Val r = Val::temp(QVA_Gettmp());
+    r->type = QVA_TYP_BYTE;
+    r->value.c = nonzero(a) ? 0 : 1;
+    return r;
+  }
+  View w = view_of(a);
+  if (!rank(w.type)) bad_operands(op, w.type, w.type);
+  if (op == "NOT" && w.type == QVA_TYP_DOUBLE) {
+    Result r = make_result(QVA_TYP_DOUBLE, w.array, w.n);
+    for (QVA_MEMINT i = 0; i < w.n; ++i)
+      put_d(r.data + i * 8, get_d(w.type, w.data + i * w.size) == 0 ? 1.0 : 0.0);
+    return std::move(r.val);
+  }
+  Result r = make_result(w.type, w.array, w.n);
+  for (QVA_MEMINT i = 0; i < w.n; ++i) {
+    const char *p = w.data + i * w.size;
+    char *q = r.data + i * w.size;
+    if (w.type == QVA_TYP_DOUBLE) put_d(q, -get_d(w.type, p));
+    else if (op == "-") put_i(w.type, q, s(0 - u(get_i(w.type, p))));
+    else put_i(w.type, q, ~get_i(w.type, p));
+  }
+  return std::move(r.val);
+}
+
+Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
+  View x = view_of(a), y = view_of(b);
+  bool array = x.array || y.array;
+  QVA_MEMINT n = x.array && y.array ? std::min(x.n, y.n) : x.array ? x.n : y.array ? y.n : 1;
+  auto xe = [&](QVA_MEMINT i) { return x.data + (x.array ? i : 0) * x.size; };
+  auto ye = [&](QVA_MEMINT i) { return y.data + (y.array ? i : 0) * y.size; };
+  bool cmp = is_compare(op);
+
+  // Strings: concatenation (a number is shown as PRINT shows it) and comparison.
+  if (x.type == QVA_TYP_STRING || y.type == QVA_TYP_STRING) {
+    if (op != "+" && !cmp) bad_operands(op, x.type, y.type);
+    if (x.type == QVA_TYP_STRUCT || y.type == QVA_TYP_STRUCT) bad_operands(op, x.type, y.type);
+    Result r = make_result(cmp ? QVA_TYP_BYTE : QVA_TYP_STRING, array, n);
+    for (QVA_MEMINT i = 0; i < n; ++i) {
+      std::string sa = format_element(x.type, x.sdef, xe(i));
+      std::string sb = format_element(y.type, y.sdef, ye(i));
+      if (cmp) {
+        r.data[i] = compare(op, sa, sb) ? 1 : 0;
+      } else {
+        QVA_STRING str{};
+        QVA_StrStore(&str, (sa + sb).c_str());
+        std::memcpy(r.data + i * sizeof(QVA_STRING), &str, sizeof str);
+      }
+    }
+    return std::move(r.val);
+  }
+  // References: equality only.
+  if (x.type == QVA_TYP_PTR || x.type == QVA_TYP_OBJREF || y.type == QVA_TYP_PTR ||
+      y.type == QVA_TYP_OBJREF) {
+    if (x.type != y.type || (op != "EQ" && op != "NE")) bad_operands(op, x.type, y.type);
+    Result r = make_result(QVA_TYP_BYTE, array, n);
+    for (QVA_MEMINT i = 0; i < n; ++i) {
+      QVA_HVID p, q;
+      std::memcpy(&p, xe(i), sizeof p);
+      std::memcpy(&q, ye(i), sizeof q);
+      r.data[i] = ((p == q) == (op == "EQ")) ? 1 : 0;
+    }
+    return std::move(r.val);
+  }
+  if (!rank(x.type) || !rank(y.type)) bad_operands(op, x.type, y.type);
+
+  int rt = rank(x.type) >= rank(y.type) ? x.type : y.type;
+  bool real = rt == QVA_TYP_DOUBLE;
+  if (cmp) {
+    Result r = make_result(QVA_TYP_BYTE, array, n);
+    for (QVA_MEMINT i = 0; i < n; ++i)
+      r.data[i] = (real ? compare(op, get_d(x.type, xe(i)), get_d(y.type, ye(i)))
+                        : compare(op, get_i(x.type, xe(i)), get_i(y.type, ye(i))))
+                      ? 1 : 0;
+    return std::move(r.val);
+  }
+  bool logic = op == "AND" || op == "OR" || op == "XOR";
+  Result r = make_result(rt, array, n);
+  size_t rs = elt_size(rt);
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    char *out = r.data + i * rs;
+    if (real) {
+      double p = get_d(x.type, xe(i)), q = get_d(y.type, ye(i)), v = 0;
+      if (op == "+") v = p + q;
+      else if (op == "-") v = p - q;
+      else if (op == "*") v = p * q;
+      else if (op == "/") v = p / q;
+      else if (op == "MOD") v = std::fmod(p, q);
+      else if (op == "^") v = std::pow(p, q);
+      else if (op == "AND") v = (p != 0 && q != 0) ? q : 0;
+      else if (op == "OR") v = p != 0 ? p : q;
+      else bad_operands(op, x.type, y.type);
+      put_d(out, v);
+      continue;
+    }
+    int64_t p = get_i(x.type, xe(i)), q = get_i(y.type, ye(i)), v = 0;
+    if (op == "+") v = s(u(p) + u(q));
+    else if (op == "-") v = s(u(p) - u(q));
+    else if (op == "*") v = s(u(p) * u(q));
+    else if (op == "/" || op == "MOD") {
+      if (q == 0) qvahost::raise_error("Program caused arithmetic error: Integer divide by 0.");
+      if (q == -1) v = op == "/" ? s(0 - u(p)) : 0;
+      else v = op == "/" ? p / q : p % q;
+    } else if (op == "^") v = int_pow(p, q);
+    else if (logic) v = op == "AND" ? (p & q) : op == "OR" ? (p | q) : (p ^ q);
+    else bad_operands(op, x.type, y.type);
+    put_i(rt, out, v);
+  }
+  return std::move(r.val);
+}
+
+}  // namespace qva

@@ -1,0 +1,15 @@
+# Runs one script through qva with the leak check and compares everything
+# it printed (standard output and error, in order) with the expected file.
+#   -DQVA=... -DSCRIPT=... -DEXPECTED=... -DEXPECT_RC=... -DWORKDIR=...
+file(MAKE_DIRECTORY ${WORKDIR})
+execute_process(COMMAND ${QVA} --check-leaks ${SCRIPT}
+                WORKING_DIRECTORY ${WORKDIR}
+                OUTPUT_VARIABLE out ERROR_VARIABLE out RESULT_VARIABLE rc)
+file(READ ${EXPECTED} expected)
+if(NOT "${rc}" STREQUAL "${EXPECT_RC}")
+  message(FATAL_ERROR "qva exited with ${rc}, expected ${EXPECT_RC}; output:\n${out}")
+endif()
+if(NOT "${out}" STREQUAL "${expected}")
+  file(WRITE ${WORKDIR}/actual.out "${out}")
+  message(FATAL_ERROR "output differs from ${EXPECTED} (actual in ${WORKDIR}/actual.out):\n${out}")
+endif()
