@@ -15,6 +15,10 @@ QVA_HVID fwIdent_get(const QVA_STRING *s);
 // This session's identifier for the text a (possibly stale) identifier
 // holds; 0 when it names nothing usable.  Counts one holder of the result.
 QVA_HVID fwIdent_rollover(QVA_HVID id);
+// What an identifier field holding `id` (and one reference to it) names
+// after a restore: as fwIdent_rollover, but the field's reference moves
+// with it, so an identifier that is already this session's gains no holder.
+QVA_HVID fwIdent_rolloverHeld(QVA_HVID id);
 void fwIdent_acquireHVID(QVA_HVID id);
 // 1 when `id` names an identifier heap variable (of this session or a
 // stale one from a restored session), else 0.

@@ -141,6 +141,13 @@ QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count) {
   return ids;
 }
 
+QVA_HVID messagehandler_nearestList(ClassPart handler, QVA_HVID ident) {
+  do {
+    if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) return list;
+  } while (climb(handler));
+  return 0;
+}
+
 void messagehandler_sendMessage(ClassPart handler, QVA_HVID ident, QVA_VPTR arg) {
   do {
     if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
@@ -239,7 +246,7 @@ void messagehandler_restore(ClassPart handler) {
   // Rolling a key over keeps its text, so the map's order still holds.
   for (QVA_HVID e = maphBegin(map); e != map; e = map_rbh_deref(e)->FLINK) {
     QVA_MAP_RBH_NODE *node = map_rbh_deref(e);
-    node->KEY = fwIdent_rollover(node->KEY);
+    node->KEY = fwIdent_rolloverHeld(node->KEY);
   }
 }
 
@@ -425,6 +432,8 @@ QVA_VPTR QVA_fwMessageHandler_ScopedMess(int, QVA_VPTR argv[]) {
   QVA_HVID map = messagehandler_map(MessageHandler_from_vptr(argv[0]));
   int n = maphSize(map);
   QVA_VPTR result = nullptr;
+  // Nothing scoped: the host answers a request for no elements with the
+  // undefined value, and there is nothing to fill in.
   auto *texts = reinterpret_cast<QVA_STRING *>(QVA_MakeTempVector(QVA_TYP_STRING, n, 1, &result));
   int i = 0;
   for (QVA_HVID e = maphBegin(map); e != map && i < n; e = map_rbh_deref(e)->FLINK, ++i) {

@@ -39,6 +39,10 @@ QVA_HVID messagehandler_behaviorList(ClassPart handler, QVA_HVID ident);
 // The behaviours of a list in list order, in a block from the host
 // allocator that the caller frees (QVA_MemFreeQuiet); null when empty.
 QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count);
+// The list a behaviour registering from `handler` for `ident` joins: the
+// nearest one up the chain, 0 when there is none (the top-level handler
+// would then scope the message).
+QVA_HVID messagehandler_nearestList(ClassPart handler, QVA_HVID ident);
 void messagehandler_sendMessage(ClassPart handler, QVA_HVID ident, QVA_VPTR arg);
 void messagehandler_execBehaviors(QVA_HVID list, QVA_VPTR arg);
 void messagehandler_addBehavior(ClassPart handler, ClassPart behavior);
