@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -229,6 +230,19 @@ size_t heap_leaf_pages();         // pages of the heap table in existence
 // ----------------------------------------------------------------- idents
 QVA_IDENT ident_of(const std::string &name);  // interns; raises M_BAD_IDENT when invalid
 bool ident_valid(const char *name, size_t len);
+
+// Whether `text` (any case) spells `upper`, a name the host keeps in upper
+// case.  ASCII only, like the language's names; no locale look-ups, since
+// class and tag checks run on every call of a module's methods.
+inline bool same_upper_name(std::string_view upper, std::string_view text) {
+  if (upper.size() != text.size()) return false;
+  for (size_t i = 0; i < upper.size(); ++i) {
+    char c = text[i];
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    if (c != upper[i]) return false;
+  }
+  return true;
+}
 const std::string &ident_name(QVA_IDENT id);   // upper case
 
 // ---------------------------------------------------------------- routines

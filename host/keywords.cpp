@@ -18,10 +18,10 @@ struct PendingState {
   size_t floor = 0;             // the current routine call owns texts[floor..]
 };
 
-PendingState &pending() {
-  static PendingState p;
-  return p;
-}
+// Constant-initialised: no first-use check on the path of every call.
+constinit PendingState g_pending;
+
+inline PendingState &pending() { return g_pending; }
 
 size_t release_above(size_t floor) {
   auto &texts = pending().texts;

@@ -17,10 +17,10 @@ std::function<void(const std::string &)> &output_sink() {
   return sink;
 }
 
-std::vector<const std::string *> &routine_stack() {
-  static std::vector<const std::string *> stack;
-  return stack;
-}
+// Constant-initialised: no first-use check on the path of every call.
+constinit std::vector<const std::string *> g_routine_stack;
+
+inline std::vector<const std::string *> &routine_stack() { return g_routine_stack; }
 
 // printf formats of the host's own message codes; the variadic arguments of
 // QVA_Message are applied to them.  QVA_M_GENERIC takes its format first.

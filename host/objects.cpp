@@ -33,15 +33,6 @@ std::unordered_map<MethodKey, Routine *, MethodKeyHash> &method_cache() {
   return cache;
 }
 
-bool same_name_nocase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (std::toupper(static_cast<unsigned char>(a[i])) !=
-        std::toupper(static_cast<unsigned char>(b[i])))
-      return false;
-  return true;
-}
-
 QVA_IDENT ident_init() {
   static const QVA_IDENT id = ident_of("INIT");
   return id;
@@ -99,7 +90,7 @@ QVA_SDEF object_class(const HeapVar *h) {
 
 bool class_chain_has(QVA_SDEF cls, std::string_view name) {
   for (QVA_SDEF c = cls; c; c = c->super)
-    if (same_name_nocase(c->name_str, name)) return true;
+    if (same_upper_name(c->name_str, name)) return true;
   return false;
 }
 
@@ -116,9 +107,24 @@ uint64_t method_cache_generation() { return g_method_generation; }
 
 Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
   if (!cls || !method) return nullptr;
+  // A dispatch calls the same method of objects of one class over and
+  // over: the last resolution answers without hashing.
+  static struct {
+    QVA_SDEF cls = nullptr;
+    QVA_IDENT method = 0;
+    bool is_function = false;
+    uint64_t generation = ~uint64_t{0};
+    Routine *routine = nullptr;
+  } last;
+  if (last.cls == cls && last.method == method && last.is_function == is_function &&
+      last.generation == g_method_generation)
+    return last.routine;
   MethodKey key{cls, method, is_function};
   auto &cache = method_cache();
-  if (auto it = cache.find(key); it != cache.end()) return it->second;
+  if (auto it = cache.find(key); it != cache.end()) {
+    last = {cls, method, is_function, g_method_generation, it->second};
+    return it->second;
+  }
   Routine *found = nullptr;
   const std::string &method_name = ident_name(method);
   for (QVA_SDEF c = cls; c && !found; c = c->super) {
@@ -126,6 +132,7 @@ Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
     found = routine_find_name(c->name_str + "::" + method_name, is_function);
   }
   cache.emplace(key, found);
+  last = {cls, method, is_function, g_method_generation, found};
   return found;
 }
 

@@ -336,7 +336,7 @@ void *QVA_StructGetTagAddress(QVA_VPTR sv, const char *tag, QVA_MEMINT *offset,
   // a check that the text there still names that tag) answers them.
   if (tag && sd->cache_name == tag) {
     const TagInfo &cached = sd->tags[sd->cache_index];
-    if (strcasecmp(cached.name_str.c_str(), tag) == 0) t = &cached;
+    if (same_upper_name(cached.name_str, tag)) t = &cached;
   }
   if (!t) {
     t = sdef_tag(sd, tag);

@@ -92,12 +92,41 @@ void *fw_locateData(QVA_HVID hvid, const char *first_field, const char *class_na
   return fw_dataOfHeapVar(hv, first_field, class_name);
 }
 
+namespace {
+
+// What a class check established about one class: that it is (or inherits)
+// `structure`, and where the framework data starts in its instances.  Class
+// definitions live as long as the process, so the answer stays true; no
+// instance address is kept.
+struct ClassCheck {
+  QVA_SDEF sdef = nullptr;
+  const char *structure = nullptr;
+  QVA_MEMINT offset = 0;
+};
+
+ClassCheck &checkSlot(QVA_SDEF sdef, const char *structure) {
+  static ClassCheck slots[64];
+  auto mix = reinterpret_cast<uintptr_t>(sdef) ^ (reinterpret_cast<uintptr_t>(structure) >> 3);
+  return slots[(mix ^ (mix >> 7)) & 63];
+}
+
+}  // namespace
+
 ClassPart fw_classPart(QVA_HVID hvid, const char *structure, const char *class_name) {
   QVA_HVPTR hv = QVA_ObjValidate(hvid, QVA_MSG_LONGJMP);
-  if (!(hv->var.flags & QVA_V_STRUCT) ||
-      !QVA_ObjContainsClassByStr(hv->var.value.s.sdef, structure, 0, 0, QVA_MSG_LONGJMP))
+  if (!(hv->var.flags & QVA_V_STRUCT))
     QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
-  return ClassPart{fw_dataOfHeapVar(hv, FW_SAVEABLE_TOP_FIELD, class_name), hvid};
+  QVA_SDEF sdef = hv->var.value.s.sdef;
+  ClassCheck &slot = checkSlot(sdef, structure);
+  if (slot.sdef != sdef || slot.structure != structure) {
+    if (!QVA_ObjContainsClassByStr(sdef, structure, 0, 0, QVA_MSG_LONGJMP))
+      QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
+    QVA_MEMINT offset = 0;
+    if (!QVA_StructGetTagAddress(&hv->var, FW_SAVEABLE_TOP_FIELD, &offset, nullptr, QVA_MSG_RET))
+      QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
+    slot = ClassCheck{sdef, structure, offset};
+  }
+  return ClassPart{hv->var.value.s.arr->data + slot.offset, hvid};
 }
 
 QVA_HVID fw_newObject(const char *structure) {

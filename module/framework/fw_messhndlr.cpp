@@ -6,6 +6,9 @@
 // scoping, may change links, lists and even delete the top-level handler.
 #include "framework/fw_messhndlr.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "containers/maph.h"
 #include "frame/qva_cobalt.h"
 #include "framework/fw_behavior.h"
@@ -131,13 +134,17 @@ QVA_HVID messagehandler_behaviorList(ClassPart handler, QVA_HVID ident) {
 }
 
 QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count) {
-  *count = maphSize(list);
+  // One walk gathers the keys (a count first would walk the list twice).
+  static thread_local std::vector<QVA_HVID> keys;
+  keys.clear();
+  if (list)
+    for (QVA_HVID e = maphBegin(list); e != list; e = map_rbh_deref(e)->FLINK)
+      keys.push_back(maphKey(e));
+  *count = static_cast<int>(keys.size());
   if (*count <= 0) return nullptr;
   auto *ids = static_cast<QVA_HVID *>(
-      QVA_MemAllocMSG_LONGJMP(sizeof(QVA_HVID) * static_cast<size_t>(*count), "QVafwBehaviorList"));
-  int i = 0;
-  for (QVA_HVID e = maphBegin(list); e != list && i < *count; e = map_rbh_deref(e)->FLINK)
-    ids[i++] = maphKey(e);
+      QVA_MemAllocMSG_LONGJMP(sizeof(QVA_HVID) * keys.size(), "QVafwBehaviorList"));
+  std::copy(keys.begin(), keys.end(), ids);
   return ids;
 }
 
