@@ -249,6 +249,7 @@ const std::string &ident_name(QVA_IDENT id);   // upper case
 struct Routine {
   QVA_IDENT name = 0;
   std::string name_str;         // upper case
+  size_t class_len = 0;         // CLASS of a method CLASS::NAME; 0 for a plain routine
   bool is_function = false;
   int arg_min = 0, arg_max = 0;
   uint32_t flags = 0;           // QVA_SYSFUN_KEYWORDS

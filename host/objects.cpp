@@ -138,7 +138,17 @@ Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
 
 QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[],
                        QVA_KW_ARGS *argk) {
-  TempGuard self_ref(make_objref(self));
+  // The object reference the method receives as argument 0: a variable of
+  // this call, like a temporary to the method, freed when the call ends
+  // (also of whatever the method stored in it).
+  QVA_VARIABLE self_var{};
+  self_var.type = QVA_TYP_OBJREF;
+  self_var.flags = QVA_V_TEMP;
+  self_var.value.hvid = self;
+  struct SelfRelease {
+    QVA_VARIABLE &v;
+    ~SelfRelease() { var_free_value(&v); }
+  } self_release{self_var};
   // Most calls have few arguments: no allocation for them.
   constexpr int kLocal = 8;
   QVA_VPTR local[kLocal + 1];
@@ -148,7 +158,7 @@ QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[],
     many.resize(static_cast<size_t>(argc) + 1);
     all = many.data();
   }
-  all[0] = self_ref.get();
+  all[0] = &self_var;
   for (int i = 0; i < argc; ++i) all[i + 1] = argv[i];
   return routine_invoke(r, argc + 1, all, argk);
 }

@@ -61,6 +61,7 @@ std::unique_ptr<Routine> make_routine(const std::string &name, bool is_function,
                                       int arg_max, uint32_t flags) {
   auto r = std::make_unique<Routine>();
   r->name_str = name;
+  r->class_len = method_class_of(r->name_str).size();
   r->name = ident_of(name);
   r->is_function = is_function;
   r->arg_min = arg_min;
@@ -167,7 +168,7 @@ QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk
     if (!argv[i]) raise_fmt(M_BAD_ARG, "Argument %d of the call is missing.", i);
   if (argk && !argk->items.empty() && !(r.flags & QVA_SYSFUN_KEYWORDS))
     raise(M_KW_NOT_ALLOWED, "Keyword parameters not allowed in call.");
-  std::string_view cls = method_class_of(r.name_str);
+  std::string_view cls(r.name_str.data(), r.class_len);
   if (!cls.empty()) check_self(r, cls, argc, argv);
 
   KeywordScope keywords;

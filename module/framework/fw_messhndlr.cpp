@@ -138,8 +138,11 @@ QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count) {
   static thread_local std::vector<QVA_HVID> keys;
   keys.clear();
   if (list)
-    for (QVA_HVID e = maphBegin(list); e != list; e = map_rbh_deref(e)->FLINK)
-      keys.push_back(maphKey(e));
+    for (QVA_HVID e = maphBegin(list); e != list;) {
+      const QVA_MAP_RBH_NODE *node = map_rbh_deref(e);
+      keys.push_back(node->KEY);
+      e = node->FLINK;
+    }
   *count = static_cast<int>(keys.size());
   if (*count <= 0) return nullptr;
   auto *ids = static_cast<QVA_HVID *>(

@@ -351,3 +351,25 @@ TEST_F(ObjectTest, ObjCallMethodFromANativeRoutine) {
 }
 
 }  // namespace
+
+namespace {
+
+// A method receives the object as argument 0; whatever it stores there
+// (here a string, as a method assigning to self would) is freed with the
+// call, and the object itself is untouched.
+TEST_F(ObjectTest, WhatAMethodStoresInItsSelfArgumentIsFreedWithTheCall) {
+  qvahost::define_routine("OT_ANIMAL::REBIND", false, 1, 1, false,
+                          [](int, QVA_VPTR argv[], QVA_KW_ARGS *) -> QVA_VPTR {
+                            EXPECT_EQ(argv[0]->type, QVA_TYP_OBJREF);
+                            EXPECT_TRUE(argv[0]->flags & QVA_V_TEMP);
+                            QVA_VPTR text = qvahost::make_string("no longer the object");
+                            QVA_VarCopy(text, argv[0]);
+                            QVA_Deltmp(text);
+                            return nullptr;
+                          });
+  Object dog(obj_new("OT_DOG"));
+  for (int i = 0; i < 3; ++i) qvahost::call_method_procedure(dog.ref(), "REBIND");
+  EXPECT_EQ(speak(dog.ref(), "SPEAK"), "woof");
+}
+
+}  // namespace
