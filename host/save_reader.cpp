@@ -371,11 +371,19 @@ std::vector<std::string> Restorer::commit() {
       }
       map_fields(sd);
     }
-    for (const SavedHeap &h : heap_) {
+    // New identifiers are handed out in the order of the saved ones, so
+    // whatever was ordered by heap identifier (lists kept in identifier
+    // order) is still in order after the remapping.
+    std::vector<const SavedHeap *> by_id;
+    by_id.reserve(heap_.size());
+    for (const SavedHeap &h : heap_) by_id.push_back(&h);
+    std::sort(by_id.begin(), by_id.end(),
+              [](const SavedHeap *a, const SavedHeap *b) { return a->id < b->id; });
+    for (const SavedHeap *h : by_id) {
       HeapVar *made = heap_new(false, nullptr, false, QVA_MSG_RET);
       if (!made) throw OutOfMemory{};
       made_heap_.push_back(made->hv.hash_id);
-      new_id_[h.id] = made->hv.hash_id;
+      new_id_[h->id] = made->hv.hash_id;
     }
     for (const SavedHeap &h : heap_) {
       HeapVar *made = heap_find(new_id_[h.id]);

@@ -348,3 +348,37 @@ TEST_F(SessionTest, RestoreUnderAllocationFailureUndoesEverything) {
 }
 
 }  // namespace
+
+namespace {
+
+// Lists kept in heap-identifier order (a handler's behaviours) must still
+// be in order after a restore renumbers their members, whatever order the
+// save file holds them in.
+TEST_F(SessionTest, RestoredHeapVariablesKeepTheOrderOfTheirIdentifiers) {
+  std::vector<QVA_HVID> made;
+  for (int i = 0; i < 6; ++i) made.push_back(NewPtr(qvahost::make_long(i)));
+  // Reached newest first: a file written in reachability order holds them
+  // in reverse.
+  QVA_VPTR refs = nullptr;
+  auto *ids = reinterpret_cast<QVA_HVID *>(QVA_MakeTempVector(QVA_TYP_PTR, 6, 1, &refs));
+  for (int i = 0; i < 6; ++i) ids[i] = made[5 - i];
+  Set("REFS", refs);
+  auto bytes = qvahost::save_variables_to_bytes({"REFS"});
+  qvahost::reset_session();
+  qvahost::restore_from_bytes(bytes.data(), bytes.size());
+
+  QVA_MEMINT n = 0;
+  char *data = nullptr;
+  QVA_VarGetData(Var("REFS"), &n, &data, 0);
+  ASSERT_EQ(n, 6);
+  const auto *back = reinterpret_cast<const QVA_HVID *>(data);
+  for (int i = 0; i < 6; ++i) {
+    // Element i names the one that held value 5 - i; the ids keep that order.
+    EXPECT_EQ(Deref(back[i]).value.l, 5 - i);
+    if (i > 0) {
+      EXPECT_LT(back[i], back[i - 1]);
+    }
+  }
+}
+
+}  // namespace
