@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <qva/qva.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "fw_recorder.h"
@@ -191,6 +192,33 @@ TEST_F(RestoreTest, OldVersionFieldsAreRaisedToOneAndNewerOnesKept) {
   EXPECT_EQ(Sent(r[kM1]), (std::vector<QVA_HVID>{r[kX], r[kY]}));
   EXPECT_EQ(Sent(r[kM2]), std::vector<QVA_HVID>{r[kZ]});
   EXPECT_EQ(fwtest::ScopedMessages(r[kB]), std::vector<std::string>{});
+}
+
+// RESTORE numbers heap variables afresh; the behaviour lists, keyed by
+// behaviour identifiers, must come back in the new numbers' order, so that
+// no behaviour runs twice and each can still leave.
+TEST_F(RestoreTest, AListRenumberedOutOfOrderIsSortedAgain) {
+  const QVA_HVID a = fwtest::NewHandler();
+  fwtest::Scope(a, "M");
+  std::vector<QVA_HVID> made;
+  for (int i = 0; i < 5; ++i) made.push_back(fwtest::NewBehavior("M", {.handler = a}));
+  const QVA_HVID m = fwtest::NewMessage("M", a);
+  // Kept newest first, so the restore meets them in reverse.
+  std::vector<QVA_HVID> ids(made.rbegin(), made.rend());
+  ids.push_back(a);
+  ids.push_back(m);
+  const std::vector<QVA_HVID> r = SaveResetRestore(ids);
+  ASSERT_LT(r[0], r[4]) << "the newest behaviour now has the lowest identifier";
+
+  // The handler first, then the behaviours in the order they were made.
+  RestoreArray({r[5], r[6], r[4], r[3], r[2], r[1], r[0]});
+  std::vector<QVA_HVID> sorted(r.begin(), r.begin() + 5);
+  std::sort(sorted.begin(), sorted.end());
+  EXPECT_EQ(fwtest::Behaviors(r[5], "M"), sorted);
+  EXPECT_EQ(Sent(r[6]), sorted) << "each once";
+  for (size_t i = 0; i < 5; ++i) fwtest::Proc(r[i], "UNREGISTER");
+  EXPECT_EQ(fwtest::Behaviors(r[5], "M"), std::vector<QVA_HVID>{});
+  EXPECT_EQ(fwtest::IsScoped(r[5], "M"), 1);
 }
 
 }  // namespace
