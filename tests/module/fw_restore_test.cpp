@@ -194,10 +194,10 @@ TEST_F(RestoreTest, OldVersionFieldsAreRaisedToOneAndNewerOnesKept) {
   EXPECT_EQ(fwtest::ScopedMessages(r[kB]), std::vector<std::string>{});
 }
 
-// RESTORE numbers heap variables afresh; the behaviour lists, keyed by
-// behaviour identifiers, must come back in the new numbers' order, so that
-// no behaviour runs twice and each can still leave.
-TEST_F(RestoreTest, AListRenumberedOutOfOrderIsSortedAgain) {
+// RESTORE numbers heap variables afresh, meeting them here in reverse; the
+// behaviour lists, kept in heap-identifier order, must come back in order,
+// so that no behaviour runs twice and each can still leave.
+TEST_F(RestoreTest, ARestoredListIsStillInIdentifierOrder) {
   const QVA_HVID a = fwtest::NewHandler();
   fwtest::Scope(a, "M");
   std::vector<QVA_HVID> made;
@@ -208,7 +208,7 @@ TEST_F(RestoreTest, AListRenumberedOutOfOrderIsSortedAgain) {
   ids.push_back(a);
   ids.push_back(m);
   const std::vector<QVA_HVID> r = SaveResetRestore(ids);
-  ASSERT_LT(r[0], r[4]) << "the newest behaviour now has the lowest identifier";
+  ASSERT_GT(r[0], r[4]) << "the newest behaviour still has the highest identifier";
 
   // The handler first, then the behaviours in the order they were made.
   RestoreArray({r[5], r[6], r[4], r[3], r[2], r[1], r[0]});
