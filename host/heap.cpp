@@ -9,6 +9,7 @@
 // goes away as soon as every identifier in its range has been issued and
 // deleted, and a middle page when its last record page goes, so memory
 // follows the live heap variables, not the identifiers ever issued.
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -40,8 +41,12 @@ struct Heap {
   Mid *root[size_t{1} << kRootBits];
   uint64_t next_id;   // 2^32 once every identifier has been issued
   size_t page_count;  // record pages in existence
+  // The last middle page given up, kept (all its entries null) for the
+  // next range instead of allocating and zeroing 32 KiB again: a map that
+  // is filled and emptied over and over would otherwise do so each time.
+  Mid *spare_mid;
 };
-constinit Heap g_heap{{}, 1, 0};
+constinit Heap g_heap{{}, 1, 0, nullptr};
 
 Heap &heap() { return g_heap; }
 
@@ -53,10 +58,20 @@ uint32_t page_index(uint32_t id) { return id & (kPageSize - 1); }
 // std::bad_alloc.
 Page &page_for(Heap &h, uint32_t id) {
   Mid *&mid = h.root[root_index(id)];
-  if (!mid) mid = new Mid;
+  if (!mid) {
+    if (h.spare_mid) {
+      mid = h.spare_mid;
+      h.spare_mid = nullptr;
+    } else {
+      mid = new Mid;
+    }
+  }
   auto &page = mid->pages[mid_index(id)];
   if (!page) {
-    page = std::make_unique<Page>();  // value-initialised: no record live
+    // Only the liveness marks are cleared: the rest of a record is written
+    // when it is made, so zeroing all 48 KiB is not needed.
+    page.reset(new Page);
+    for (HeapVar &rec : page->records) rec.live_id = 0;
     mid->page_count++;
     h.page_count++;
   }
@@ -72,7 +87,8 @@ void maybe_free_pages(Heap &h, uint32_t id) {
   page.reset();
   h.page_count--;
   if (--mid->page_count == 0) {
-    delete mid;
+    delete h.spare_mid;
+    h.spare_mid = mid;
     mid = nullptr;
   }
 }
@@ -85,10 +101,18 @@ void take_inline(HeapVar *rec) {
   QVA_ARRAY *&slot = (v.flags & QVA_V_STRUCT) ? v.value.s.arr : v.value.arr;
   QVA_ARRAY *a = slot;
   if (!a || a->arr_len > static_cast<QVA_MEMINT>(kInlineValueBytes)) return;
-  rec->inline_arr = *a;
-  rec->inline_arr.flags = kArrayInRecord;
-  rec->inline_arr.data = rec->inline_data;
-  std::memcpy(rec->inline_data, a->data, static_cast<size_t>(a->arr_len));
+  QVA_ARRAY &in = rec->inline_arr;
+  in.elt_len = a->elt_len;
+  in.arr_len = a->arr_len;
+  in.n_elts = a->n_elts;
+  in.n_dim = a->n_dim;
+  std::copy(a->dim, a->dim + a->n_dim, in.dim);
+  in.flags = kArrayInRecord;
+  in.data = rec->inline_data;
+  if (a->flags & kArrayInTemp)  // a temporary's inline buffer: all of it is readable
+    std::memcpy(rec->inline_data, a->data, kInlineValueBytes);
+  else
+    std::memcpy(rec->inline_data, a->data, static_cast<size_t>(a->arr_len));
   array_free(a);
   slot = &rec->inline_arr;
 }
@@ -135,7 +159,7 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
   // made above is freed with the next identifiers of its range).
   QVA_VARIABLE value{};
   if (src && move) {
-    var_move_value(src, &value);
+    var_move_value(src, &value, true);  // take_inline below copies a temporary's inline array
   } else if (src) {
     try {
       var_copy_value(src, &value);

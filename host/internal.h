@@ -122,15 +122,21 @@ void var_free_value(QVA_VPTR v);
 // Deep copy of src's value into dst, whose old value is freed first.
 void var_copy_value(const QVA_VARIABLE *src, QVA_VPTR dst);
 // Moves src's value into dst (freed first); src becomes undefined.
-void var_move_value(QVA_VPTR src, QVA_VPTR dst);
+// An array held inside a temporary's own record is copied to a block of
+// its own on the way, unless keep_embedded (the caller, making a heap
+// variable, copies it into the heap record at once).
+void var_move_value(QVA_VPTR src, QVA_VPTR dst, bool keep_embedded = false);
 
 // Array data: one block holding the QVA_ARRAY and its data.
 QVA_ARRAY *array_new(QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims, bool zero,
                      int action);
 // Frees an array block; an array held inline in a heap record (flags has
-// kArrayInRecord) belongs to the record and is left alone.
+// kArrayInRecord) or in a temporary's record (kArrayInTemp) belongs to
+// that record and is left alone.
 void array_free(QVA_ARRAY *a);
 constexpr QVA_LONG kArrayInRecord = 0x1;  // QVA_ARRAY::flags
+constexpr QVA_LONG kArrayInTemp = 0x2;
+constexpr QVA_LONG kArrayEmbedded = kArrayInRecord | kArrayInTemp;
 size_t type_size(int type);   // element size of a scalar type code, 0 if none
 const char *type_name(int type);
 

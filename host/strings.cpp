@@ -36,17 +36,22 @@ struct TextTable {
   uint32_t free_tail = 0;   // newest freed slot + 1
 };
 
-TextTable &table() {
-  static TextTable *t = new TextTable;  // lives as long as the process
-  return *t;
+// Built on first use and never destroyed (it lives as long as the
+// process); reading it is a plain load, with no initialisation check, as
+// every string comparison does twice.
+TextTable *g_table = nullptr;
+
+inline TextTable &table() {
+  if (__builtin_expect(!g_table, 0)) g_table = new TextTable;
+  return *g_table;
 }
 
-Slot &slot_at(TextTable &t, uint32_t index) {
+inline Slot &slot_at(TextTable &t, uint32_t index) {
   return t.pages[index >> kPageBits][index & (kPageSize - 1)];
 }
 
 // The live slot a reference names, or nullptr for a stale or foreign one.
-Slot *lookup(uint32_t ref) {
+[[gnu::always_inline]] inline Slot *lookup(uint32_t ref) {
   TextTable &t = table();
   uint32_t index = (ref & kIndexMask) - 1;
   if ((ref & kIndexMask) == 0 || index >= t.used) return nullptr;
@@ -90,7 +95,7 @@ const char *stale(uint32_t ref) {
 
 // The text of a descriptor and its length, limited to the text really
 // held, so that a damaged descriptor cannot make a reader overrun.
-const char *text_of(const QVA_STRING *d, size_t *len) {
+[[gnu::always_inline]] inline const char *text_of(const QVA_STRING *d, size_t *len) {
   *len = 0;
   if (!d || !d->s) return "";
   Slot *s = lookup(d->s);

@@ -26,6 +26,11 @@ struct TmpRec {
   uint64_t serial = 0;
   TmpRec *prev = nullptr;  // live list, or nothing while free
   TmpRec *next = nullptr;  // live list, or the free list
+  // A one-element structure of up to kInlineValueBytes is built here
+  // instead of in a block of its own (flags kArrayInTemp): making one and
+  // moving it into a heap variable then allocates and frees nothing.
+  QVA_ARRAY inline_arr;
+  alignas(16) QVA_UCHAR inline_data[kInlineValueBytes];
 };
 
 struct TmpPool {
@@ -251,7 +256,7 @@ QVA_ARRAY *array_new(QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims, bool
 }
 
 void array_free(QVA_ARRAY *a) {
-  if (!(a->flags & kArrayInRecord)) raw_free(a);
+  if (!(a->flags & kArrayEmbedded)) raw_free(a);
 }
 
 // ----------------------------------------------------------------- values
@@ -282,12 +287,23 @@ void var_copy_value(const QVA_VARIABLE *src, QVA_VPTR dst) {
   install(dst, copy);
 }
 
-void var_move_value(QVA_VPTR src, QVA_VPTR dst) {
+void var_move_value(QVA_VPTR src, QVA_VPTR dst, bool keep_embedded) {
   if (src == dst) return;
   QVA_VARIABLE moved{};
   moved.type = src->type;
   moved.flags = src->flags & kValueFlags;
   moved.value = src->value;
+  // An array inside the temporary's record cannot leave with the pointer:
+  // it goes to a block of its own first (texts in it move with the bytes).
+  QVA_ARRAY **slot = (moved.flags & QVA_V_STRUCT) ? &moved.value.s.arr
+                     : (moved.flags & QVA_V_ARR)  ? &moved.value.arr
+                                                  : nullptr;
+  if (!keep_embedded && slot && *slot && ((*slot)->flags & kArrayInTemp)) {
+    const QVA_ARRAY *from = *slot;
+    QVA_ARRAY *a = array_new(from->elt_len, from->n_dim, from->dim, false, QVA_MSG_LONGJMP);
+    std::memcpy(a->data, from->data, static_cast<size_t>(from->arr_len));
+    *slot = a;
+  }
   src->type = QVA_TYP_UNDEF;
   src->flags &= QVA_V_TEMP;
   src->value = QVA_ALLTYPES{};
@@ -360,10 +376,31 @@ char *QVA_MakeTempVector(int type, QVA_MEMINT n, int zero, QVA_VPTR *var) {
 
 char *QVA_MakeTempStructVector(QVA_SDEF sdef, QVA_MEMINT n, QVA_VPTR *var, int zero) {
   if (!sdef) raise(M_STRUCT_UNKNOWN, "Structure type not defined: <none>.");
+  (void)zero;
+  if (n == 1 && sdef->length > 0 && static_cast<size_t>(sdef->length) <= kInlineValueBytes) {
+    // Small enough for the temporary's own record (always zeroed, as below).
+    QVA_VPTR v = tmp_new();
+    TmpRec *r = reinterpret_cast<TmpRec *>(v);
+    // The descriptor's dimensions past the first are never read for a
+    // one-dimensional array (and were zeroed with the record's chunk).
+    QVA_ARRAY *a = &r->inline_arr;
+    a->elt_len = a->arr_len = static_cast<QVA_MEMINT>(sdef->length);
+    a->n_elts = 1;
+    a->data = r->inline_data;
+    a->n_dim = 1;
+    a->flags = kArrayInTemp;
+    a->dim[0] = 1;
+    std::memset(r->inline_data, 0, kInlineValueBytes);
+    v->type = QVA_TYP_STRUCT;
+    v->flags |= QVA_V_STRUCT | QVA_V_ARR;
+    v->value.s.arr = a;
+    v->value.s.sdef = sdef;
+    if (var) *var = v;
+    return reinterpret_cast<char *>(a->data);
+  }
   QVA_MEMINT dims[1] = {n};
   // Texts and heap references must never be read from uninitialised data.
   QVA_ARRAY *a = array_new(static_cast<QVA_MEMINT>(sdef->length), 1, dims, true, QVA_MSG_LONGJMP);
-  (void)zero;
   QVA_VPTR v;
   try {
     v = tmp_new();

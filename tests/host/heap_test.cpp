@@ -173,6 +173,62 @@ TEST_F(HeapTest, SmallStructureValuesBehaveAsAnyOther) {
   EXPECT_EQ(qvahost::accounting().texts, texts - 1);
 }
 
+TEST_F(HeapTest, ASmallStructureGoesFromItsTemporaryToTheRecordWithoutBlocks) {
+  // Built in the temporary's own record and copied into the heap record:
+  // the only allocation counted is the heap variable's.
+  qvahost::fail_allocation_after(0);
+  QVA_VPTR t = nullptr;
+  char *data = QVA_MakeTempStructVector(Point(), 1, &t, 1);
+  ASSERT_NE(data, nullptr);
+  EXPECT_EQ(qvahost::allocations_since_hook(), 0);
+  EXPECT_EQ(*reinterpret_cast<QVA_LONG *>(data), 0) << "zeroed";
+  EXPECT_EQ(reinterpret_cast<QVA_STRING *>(data + 4)->s, 0u) << "zeroed";
+  *reinterpret_cast<QVA_LONG *>(data) = 42;
+  QVA_StrStore(reinterpret_cast<QVA_STRING *>(data + 4), "inline");
+  int64_t texts = qvahost::accounting().texts;
+  qvahost::fail_allocation_after(0);
+  QVA_HVPTR hv = QVA_HeapVarNew(QVA_TYP_PTR, t, 1, QVA_MSG_LONGJMP);
+  EXPECT_EQ(qvahost::allocations_since_hook(), 1);
+  ASSERT_NE(hv, nullptr);
+  HeapGuard guard(hv);
+  EXPECT_EQ(t->type, QVA_TYP_UNDEF);
+  ExpectViolations(0, [&] { QVA_Deltmp(t); });
+  EXPECT_EQ(qvahost::accounting().texts, texts) << "the text moved with the bytes";
+
+  // The temporary's record is used again and again; the heap variable's
+  // value is its own.
+  for (int i = 0; i < 600; ++i) {
+    Tmp other(MakePoint(i, "other"));
+  }
+  const QVA_ARRAY *a = hv->var.value.s.arr;
+  EXPECT_EQ(a->n_elts, 1);
+  EXPECT_EQ(a->n_dim, 1);
+  EXPECT_EQ(a->dim[0], 1);
+  EXPECT_EQ(*reinterpret_cast<QVA_LONG *>(a->data), 42);
+  EXPECT_EQ(Text(*reinterpret_cast<QVA_STRING *>(a->data + 4)), "inline");
+}
+
+TEST_F(HeapTest, ASmallStructureMovedOutOfItsTemporaryKeepsItsValue) {
+  // A value taken from a temporary into a variable must not point into the
+  // temporary's record, which the next temporaries reuse.
+  {
+    qvahost::Variable kept("KEPT");
+    kept.take(MakePoint(9, "nine"));
+    for (int i = 0; i < 600; ++i) {
+      Tmp other(MakePoint(100 + i, "other"));
+    }
+    ASSERT_EQ(kept->type, QVA_TYP_STRUCT);
+    const QVA_ARRAY *a = kept->value.s.arr;
+    EXPECT_EQ(a->n_elts, 1);
+    EXPECT_EQ(*reinterpret_cast<QVA_LONG *>(a->data), 9);
+    EXPECT_EQ(Text(*reinterpret_cast<QVA_STRING *>(a->data + 4)), "nine");
+    Tmp copy(QVA_Gettmp());
+    QVA_VarCopy(kept.get(), copy.get());
+    EXPECT_EQ(*reinterpret_cast<QVA_LONG *>(copy->value.s.arr->data), 9);
+  }
+  // Its block and text went with the variable (TearDown checks the rest).
+}
+
 TEST_F(HeapTest, ValuesOfEverySizeSurviveNeighbouringRecords) {
   // Arrays just inside and just past the size kept in a record, among many
   // neighbours made and deleted around them.
