@@ -86,7 +86,7 @@ std::string pad(const std::string &s, size_t w) { return s.size() >= w ? s + " "
 
 // One line of HELP about a variable.
 std::string help_line(const std::string &name, QVA_VPTR v) {
-  std::string type = type_label(v->type);
+  std::string type = qvahost::type_name(v->type);
   std::string value;
   if (v->type == QVA_TYP_UNDEF) value = "<Undefined>";
   else if (v->flags & QVA_V_STRUCT) {
@@ -147,7 +147,7 @@ QVA_VPTR size_of(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   if (set(kw[1])) return qvahost::make_long(static_cast<QVA_LONG>(n));
   if (set(kw[2])) return qvahost::make_long(ndim);
   if (set(kw[3])) return qvahost::make_long(ndim ? static_cast<QVA_LONG>(n) : 0);
-  if (set(kw[4])) return qvahost::make_string(type_label(type));
+  if (set(kw[4])) return qvahost::make_string(qvahost::type_name(type));
   std::vector<QVA_LONG> out{ndim};
   if (ndim) out.push_back(static_cast<QVA_LONG>(n));
   out.push_back(type);
@@ -166,7 +166,7 @@ QVA_VPTR isa(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
     std::string name = upper(qvahost::string_value(argv[1]));
     if (QVA_SDEF cls = class_of(v)) ok = class_has(cls, name) || name == "OBJREF";
     else if (v->flags & QVA_V_STRUCT) ok = class_has(v->value.s.sdef, name) || name == "STRUCT";
-    else ok = name == type_label(v->type) || (name == "POINTER" && v->type == QVA_TYP_PTR);
+    else ok = name == qvahost::type_name(v->type) || (name == "POINTER" && v->type == QVA_TYP_PTR);
   }
   if (set(kw[0])) ok = ok && !is_scalar(v);
   if (set(kw[1])) ok = ok && is_numeric_type(v->type);

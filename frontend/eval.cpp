@@ -176,7 +176,7 @@ Val Interp::eval_array(Frame &f, const Expr &e) {
       if (array_rank(t) > array_rank(type)) type = t;
     } else if (type != t || (t == QVA_TYP_STRUCT && v->value.s.sdef != sdef)) {
       qvahost::raise_error(std::string("Unable to concatenate variables of type ") +
-                           type_label(type) + " and " + type_label(t) + ".");
+                           qvahost::type_name(type) + " and " + qvahost::type_name(t) + ".");
     }
     total += qvahost::element_count(v.get());
     parts.push_back(std::move(v));

@@ -51,22 +51,6 @@ bool is_numeric_type(int t) {
          t == QVA_TYP_DOUBLE;
 }
 
-const char *type_label(int type) {
-  switch (type) {
-    case QVA_TYP_UNDEF: return "UNDEFINED";
-    case QVA_TYP_BYTE: return "BYTE";
-    case QVA_TYP_INT: return "INT";
-    case QVA_TYP_LONG: return "LONG";
-    case QVA_TYP_DOUBLE: return "DOUBLE";
-    case QVA_TYP_STRING: return "STRING";
-    case QVA_TYP_STRUCT: return "STRUCT";
-    case QVA_TYP_PTR: return "POINTER";
-    case QVA_TYP_OBJREF: return "OBJREF";
-    case QVA_TYP_LONG64: return "LONG64";
-    default: return "UNKNOWN";
-  }
-}
-
 namespace {
 
 // Where a value's elements are.
@@ -217,8 +201,8 @@ bool compare(const std::string &op, const T &a, const T &b) {
 }
 
 [[noreturn]] void bad_operands(const std::string &op, int ta, int tb) {
-  qvahost::raise_error(std::string("Operation ") + op + " is not defined for " + type_label(ta) +
-                       (ta == tb ? "" : std::string(" and ") + type_label(tb)) + ".");
+  qvahost::raise_error(std::string("Operation ") + op + " is not defined for " + qvahost::type_name(ta) +
+                       (ta == tb ? "" : std::string(" and ") + qvahost::type_name(tb)) + ".");
 }
 
 std::string element_text(const View &w, QVA_MEMINT i) {

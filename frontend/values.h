@@ -44,7 +44,6 @@ Val undefined_value();
 
 bool is_scalar(QVA_VPTR v);
 bool is_numeric_type(int type);
-const char *type_label(int type);  // "LONG", "STRING", ...
 
 // The value of an IF/WHILE test: integers are true when odd, reals when
 // not zero, strings when not empty, references when not null.  Must be a

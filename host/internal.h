@@ -138,7 +138,6 @@ constexpr QVA_LONG kArrayInRecord = 0x1;  // QVA_ARRAY::flags
 constexpr QVA_LONG kArrayInTemp = 0x2;
 constexpr QVA_LONG kArrayEmbedded = kArrayInRecord | kArrayInTemp;
 size_t type_size(int type);   // element size of a scalar type code, 0 if none
-const char *type_name(int type);
 
 // Scalar conversion of one element of type `from` at `src` to type `to`
 // written at `dst`.  Numbers convert among themselves (to integers by

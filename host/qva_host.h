@@ -79,6 +79,9 @@ QVA_VPTR make_ptr(QVA_HVID h);
 QVA_VPTR make_long_array(const std::vector<QVA_LONG> &v);
 QVA_VPTR make_string_array(const std::vector<std::string> &v);
 
+// The language's name of a type code: "LONG", "STRING", "OBJREF"...
+const char *type_name(int type);
+
 // Readers; they refuse (throw HostError) a variable of another type.
 std::string string_value(QVA_VPTR v);
 QVA_LONG64 integer_value(QVA_VPTR v);   // BYTE, INT, LONG, LONG64
