@@ -50,6 +50,25 @@ bool same_fields(QVA_SDEF sd, const std::vector<qvahost::FieldSpec> &specs) {
   return true;
 }
 
+// The element positions a subscript value names in an array of n
+// elements: each element of the value as an integer; a scalar counts from
+// the end when negative.
+std::vector<QVA_MEMINT> subscripts_of(QVA_VPTR v, QVA_MEMINT n, bool *scalar) {
+  Val l = Val::temp(qvahost::convert_value(v, QVA_TYP_LONG64));
+  QVA_MEMINT count = qvahost::element_count(l.get());
+  char *data = nullptr;
+  QVA_VarGetData(l.get(), nullptr, &data, 1);
+  std::vector<QVA_MEMINT> out;
+  for (QVA_MEMINT i = 0; i < count; ++i) {
+    int64_t k;
+    std::memcpy(&k, data + i * 8, 8);
+    if (is_scalar(v) && k < 0) k += n;
+    out.push_back(k);
+  }
+  *scalar = is_scalar(v);
+  return out;
+}
+
 int array_rank(int type) {
   switch (type) {
     case QVA_TYP_BYTE: return 1;
@@ -299,18 +318,7 @@ std::vector<QVA_MEMINT> Interp::indices(Frame &f, const std::vector<Index> &ix, 
     return out;
   }
   Val v = eval(f, *x.lo);
-  Val l = Val::temp(qvahost::convert_value(v.get(), QVA_TYP_LONG64));
-  QVA_MEMINT count = qvahost::element_count(l.get());
-  char *data = nullptr;
-  QVA_VarGetData(l.get(), nullptr, &data, 1);
-  for (QVA_MEMINT i = 0; i < count; ++i) {
-    int64_t k;
-    std::memcpy(&k, data + i * 8, 8);
-    if (is_scalar(v.get()) && k < 0) k += n;
-    out.push_back(k);
-  }
-  *scalar = is_scalar(v.get());
-  return out;
+  return subscripts_of(v.get(), n, scalar);
 }
 
 std::vector<QVA_MEMINT> Interp::call_indices(Frame &f, const std::vector<Arg> &args, QVA_MEMINT n,
@@ -320,19 +328,7 @@ std::vector<QVA_MEMINT> Interp::call_indices(Frame &f, const std::vector<Arg> &a
   // The argument expression is borrowed for the moment: Index owns its
   // expressions, so evaluate directly instead.
   Val v = eval(f, *args[0].value);
-  Val l = Val::temp(qvahost::convert_value(v.get(), QVA_TYP_LONG64));
-  QVA_MEMINT count = qvahost::element_count(l.get());
-  char *data = nullptr;
-  QVA_VarGetData(l.get(), nullptr, &data, 1);
-  std::vector<QVA_MEMINT> out;
-  for (QVA_MEMINT i = 0; i < count; ++i) {
-    int64_t k;
-    std::memcpy(&k, data + i * 8, 8);
-    if (is_scalar(v.get()) && k < 0) k += n;
-    out.push_back(k);
-  }
-  *scalar = is_scalar(v.get());
-  return out;
+  return subscripts_of(v.get(), n, scalar);
 }
 
 // ------------------------------------------------------------ assignment

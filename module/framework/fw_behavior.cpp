@@ -126,8 +126,8 @@ void behavior_reregister(ClassPart behavior) {
   // Already in the list it would join: it stays, so that a top-level
   // handler keeping it is not retired and replaced on the way.
   QVA_HVID handler = hasahandler_handler(HasAHandler_from_Behavior(behavior));
-  QVA_HVID list = messagehandler_nearestList(MessageHandler_from_hvid(handler),
-                                             behavior_messIdent(behavior));
+  QVA_HVID list =
+      messagehandler_nearestList(MessageHandler_from_hvid(handler), behavior_messIdent(behavior));
   if (list && maphFind(list, behavior.hvid, behavior_compare)) return;
   behavior_unregister(behavior);
   behavior_register(behavior);
@@ -159,11 +159,7 @@ void QVA_fwBehavior_Cleanup(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
 
 QVA_VPTR QVA_fwBehavior_MessageString(int, QVA_VPTR argv[]) {
   IdentText text = behavior_messString(Behavior_from_vptr(argv[0]));
-  QVA_VPTR result = QVA_Gettmp();
-  result->type = QVA_TYP_STRING;
-  result->value.str = text.get();
-  QVA_StrDup(&result->value.str, 1);
-  return result;
+  return fw_stringTemp(text.get());
 }
 
 void QVA_fwBehavior_SetMessageString(int, QVA_VPTR argv[]) {

@@ -118,11 +118,7 @@ QVA_VPTR QVA_fwHasAHandler_Init(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 }
 
 QVA_VPTR QVA_fwHasAHandler_Handler(int, QVA_VPTR argv[]) {
-  QVA_HVID h = hasahandler_handler(HasAHandler_from_vptr(argv[0]));
-  QVA_VPTR result = QVA_Gettmp();
-  result->type = QVA_TYP_OBJREF;
-  result->value.hvid = h;
-  return result;
+  return fw_objrefTemp(hasahandler_handler(HasAHandler_from_vptr(argv[0])));
 }
 
 void QVA_fwHasAHandler_SetHandler(int, QVA_VPTR argv[]) {

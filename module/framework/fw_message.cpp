@@ -140,11 +140,7 @@ void QVA_fwMessage_Cleanup(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
 
 QVA_VPTR QVA_fwMessage_MessageString(int, QVA_VPTR argv[]) {
   IdentText text = message_string(Message_from_vptr(argv[0]));
-  QVA_VPTR result = QVA_Gettmp();
-  result->type = QVA_TYP_STRING;
-  result->value.str = text.get();
-  QVA_StrDup(&result->value.str, 1);
-  return result;
+  return fw_stringTemp(text.get());
 }
 
 void QVA_fwMessage_SetMessageString(int, QVA_VPTR argv[]) {

@@ -360,13 +360,6 @@ class MessageDesignator {
   bool owned_ = false;
 };
 
-QVA_VPTR objrefResult(QVA_HVID h) {
-  QVA_VPTR result = QVA_Gettmp();
-  result->type = QVA_TYP_OBJREF;
-  result->value.hvid = h;
-  return result;
-}
-
 }  // namespace
 
 // ------------------------------------------------- registered routines
@@ -403,7 +396,7 @@ QVA_VPTR QVA_fwMessageHandler_Behaviors(int, QVA_VPTR argv[]) {
     list = messagehandler_behaviorList(MessageHandler_from_vptr(argv[0]), message.ident());
   }
   int n = list ? maphSize(list) : 0;
-  if (n <= 0) return objrefResult(0);
+  if (n <= 0) return fw_objrefTemp(0);
   QVA_VPTR result = nullptr;
   auto *ids = reinterpret_cast<QVA_HVID *>(QVA_MakeTempVector(QVA_TYP_OBJREF, n, 1, &result));
   int i = 0;
