@@ -311,6 +311,35 @@ class IdentText {
   bool owned_ = false;
 };
 
+// ------------------------------------------------------ scoped holders
+
+// A host string holding a constant text for the length of one call.
+class HostString {
+ public:
+  explicit HostString(const char *text) { QVA_StrStore(&s_, text); }
+  ~HostString() { QVA_StrDelete(&s_, 1); }
+  HostString(const HostString &) = delete;
+  HostString &operator=(const HostString &) = delete;
+  const QVA_STRING *get() const { return &s_; }
+
+ private:
+  QVA_STRING s_{};
+};
+
+// A temporary the module made, released at the end of the scope, also when
+// an error unwinds through it.
+class ScopedTemp {
+ public:
+  explicit ScopedTemp(QVA_VPTR v) : v_(v) {}
+  ~ScopedTemp() { QVA_Deltmp(v_); }
+  ScopedTemp(const ScopedTemp &) = delete;
+  ScopedTemp &operator=(const ScopedTemp &) = delete;
+  QVA_VPTR get() const { return v_; }
+
+ private:
+  QVA_VPTR v_;
+};
+
 // ------------------------------------------------------ routine helpers
 
 // Results as the routines return them: a STRING temporary owning a copy of

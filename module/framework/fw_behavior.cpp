@@ -42,15 +42,7 @@ int behavior_init(ClassPart behavior, FwKeywordFields *kw) {
   BehaviorData *d = behavior_data(behavior);
   d->version = 1;
   d->is_registered = 0;
-  {
-    QVA_STRING generic{};
-    QVA_StrStore(&generic, "Generic Message");
-    struct Release {
-      QVA_STRING *s;
-      ~Release() { QVA_StrDelete(s, 1); }
-    } release{&generic};
-    d->messident = fwIdent_get(&generic);
-  }
+  d->messident = fwIdent_get(HostString("Generic Message").get());
   if (!kw) return 1;
   // The string is final before scoping, and the scope exists before the
   // behaviour registers, so it lands in the list just made.
@@ -77,10 +69,7 @@ IdentText behavior_messString(ClassPart behavior) {
 void behavior_setMessString(ClassPart behavior, QVA_STRING s) {
   bool registered = behavior_isRegistered(behavior);
   if (registered) behavior_unregister(behavior);
-  BehaviorData *d = behavior_data(behavior);
-  if (d->messident) fwIdent_releaseHVID(d->messident);
-  d->messident = 0;
-  d->messident = fwIdent_get(&s);
+  fwIdent_setField(&behavior_data(behavior)->messident, &s);
   if (registered) behavior_register(behavior);
 }
 

@@ -51,10 +51,7 @@ void delayargbehav_execute(ClassPart b, QVA_LONG value) {
 
 void delayargbehav_delayexecute(ClassPart b) {
   QVA_VPTR arg = QVA_GettmpLong(delayargbehav_data(b)->arg);
-  struct Release {
-    QVA_VPTR v;
-    ~Release() { QVA_Deltmp(v); }
-  } release{arg};
+  ScopedTemp release(arg);
   delaybehav_delayexecute(DelayBehav_from_DelayArgBehav(b), arg);
   // The deferred call may have run any code: the object is located afresh.
   if (QVA_ObjValidate(b.hvid, QVA_MSG_RET)) delayargbehav_resetArg(DelayArgBehav_from_hvid(b.hvid));

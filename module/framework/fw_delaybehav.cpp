@@ -39,27 +39,11 @@ ClassPart Behavior_from_DelayBehav(ClassPart part) { return part; }
 
 // ------------------------------------------------- internal operations
 
-namespace {
-
-// A host string holding a constant text for the length of one call.
-struct ConstantString {
-  QVA_STRING s{};
-  explicit ConstantString(const char *text) { QVA_StrStore(&s, text); }
-  ~ConstantString() { QVA_StrDelete(&s, 1); }
-  ConstantString(const ConstantString &) = delete;
-  ConstantString &operator=(const ConstantString &) = delete;
-};
-
-}  // namespace
-
 int delaybehav_init(ClassPart b, FwKeywordFields *kw) {
   if (!behavior_init(Behavior_from_DelayBehav(b), kw)) return 0;
   DelayBehavData *d = delaybehav_data(b);
   d->version = 1;
-  {
-    ConstantString name("UnitializedMethod");
-    delaybehav_setMeth(b, &name.s);
-  }
+  delaybehav_setMeth(b, HostString("UnitializedMethod").get());
   d->object = 0;
   delaybehav_createSubBehav(b);
   if (kw->handler_given)
@@ -80,16 +64,12 @@ void delaybehav_createSubBehav(ClassPart b) {
   delaybehav_data(b)->sub_behavior = sub;
   ClassPart trigger = ObjBehav_from_hvid(sub);
   objbehav_setObj(trigger, b.hvid);
-  ConstantString method("DELAYEXECUTE");
-  objbehav_setMeth(trigger, method.s);
+  objbehav_setMeth(trigger, *HostString("DELAYEXECUTE").get());
 }
 
 void delaybehav_destroySubBehav(ClassPart b) {
   QVA_VPTR ref = fw_objrefTemp(delaybehav_data(b)->sub_behavior);
-  struct Release {
-    QVA_VPTR v;
-    ~Release() { QVA_Deltmp(v); }
-  } release{ref};
+  ScopedTemp release(ref);
   QVA_VPTR args[2] = {ref, nullptr};
   QVA_ObjDestroy(1, args, nullptr);
 }
@@ -113,10 +93,7 @@ void delaybehav_delayexecute(ClassPart b, QVA_VPTR arg) {
 }
 
 void delaybehav_setMeth(ClassPart b, const QVA_STRING *name) {
-  DelayBehavData *d = delaybehav_data(b);
-  if (d->meth_ident) fwIdent_releaseHVID(d->meth_ident);
-  d->meth_ident = 0;
-  d->meth_ident = fwIdent_get(name);
+  fwIdent_setField(&delaybehav_data(b)->meth_ident, name);
 }
 
 void delaybehav_setObj(ClassPart b, QVA_HVID object) { delaybehav_data(b)->object = object; }

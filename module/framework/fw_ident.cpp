@@ -157,6 +157,12 @@ void fwIdent_acquireHVID(QVA_HVID id) {
   if (FW_IDENT_RECORD *r = text ? record_of_text(text) : nullptr) fwIdent_acquire(r);
 }
 
+void fwIdent_setField(QVA_HVID *field, const QVA_STRING *s) {
+  if (*field) fwIdent_releaseHVID(*field);
+  *field = 0;  // holds nothing if the interning below fails
+  *field = fwIdent_get(s);
+}
+
 int fwIdent_isIdentifier(QVA_HVID id) {
   QVA_HVPTR h = QVA_HeapVarHashFind(id);
   return h && !(h->flags & QVA_HV_OBJECT) && (h->flags & QVA_HV_HELD) && held_text(id) ? 1 : 0;

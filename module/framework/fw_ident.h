@@ -20,6 +20,9 @@ QVA_HVID fwIdent_rollover(QVA_HVID id);
 // with it, so an identifier that is already this session's gains no holder.
 QVA_HVID fwIdent_rolloverHeld(QVA_HVID id);
 void fwIdent_acquireHVID(QVA_HVID id);
+// Makes an identifier field name the text `s`: the reference the field
+// held (if any) is given back and one is taken on the new identifier.
+void fwIdent_setField(QVA_HVID *field, const QVA_STRING *s);
 // 1 when `id` names an identifier heap variable (of this session or a
 // stale one from a restored session), else 0.
 int fwIdent_isIdentifier(QVA_HVID id);

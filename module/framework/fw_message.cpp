@@ -35,31 +35,11 @@ ClassPart HasAHandler_from_Message(ClassPart part) { return part; }
 
 // ------------------------------------------------- internal operations
 
-namespace {
-
-// A host string holding `text` for the length of one call.
-class LocalString {
- public:
-  explicit LocalString(const char *text) { QVA_StrStore(&s_, text); }
-  ~LocalString() { QVA_StrDelete(&s_, 1); }
-  LocalString(const LocalString &) = delete;
-  LocalString &operator=(const LocalString &) = delete;
-  const QVA_STRING *get() const { return &s_; }
-
- private:
-  QVA_STRING s_{};
-};
-
-}  // namespace
-
 int message_init(ClassPart message, FwKeywordFields *kw) {
   if (!hasahandler_init(HasAHandler_from_Message(message), kw)) return 0;
   MessageData *d = message_data(message);
   d->version = 1;
-  {
-    LocalString generic("Generic Message");
-    d->mess_ident = fwIdent_get(generic.get());
-  }
+  d->mess_ident = fwIdent_get(HostString("Generic Message").get());
   if (kw) {
     if (kw->messagestring_given) message_setString(message, kw->messagestring);
     if (kw->scope) {
@@ -74,10 +54,7 @@ int message_init(ClassPart message, FwKeywordFields *kw) {
 void message_cleanup(ClassPart message) { fwIdent_releaseHVID(message_data(message)->mess_ident); }
 
 void message_setString(ClassPart message, QVA_STRING s) {
-  MessageData *d = message_data(message);
-  if (d->mess_ident) fwIdent_releaseHVID(d->mess_ident);
-  d->mess_ident = 0;
-  d->mess_ident = fwIdent_get(&s);
+  fwIdent_setField(&message_data(message)->mess_ident, &s);
 }
 
 IdentText message_string(ClassPart message) { return IdentText(message_data(message)->mess_ident); }

@@ -37,30 +37,11 @@ ClassPart Behavior_from_ObjBehav(ClassPart part) { return part; }
 
 // ------------------------------------------------- internal operations
 
-namespace {
-
-// A name stored as an identifier: one reference while the field holds it.
-void setIdentField(QVA_HVID *field, const QVA_STRING &name) {
-  if (*field) fwIdent_releaseHVID(*field);
-  *field = 0;
-  *field = fwIdent_get(&name);
-}
-
-}  // namespace
-
 int objbehav_init(ClassPart b, FwKeywordFields *kw) {
   if (!behavior_init(Behavior_from_ObjBehav(b), kw)) return 0;
   ObjBehavData *d = objbehav_data(b);
   d->version = 1;
-  {
-    QVA_STRING name{};
-    QVA_StrStore(&name, "UnitializedMethod");
-    struct Release {
-      QVA_STRING *s;
-      ~Release() { QVA_StrDelete(s, 1); }
-    } release{&name};
-    d->meth_ident = fwIdent_get(&name);
-  }
+  d->meth_ident = fwIdent_get(HostString("UnitializedMethod").get());
   d->object = 0;
   if (kw->method_given) objbehav_setMeth(b, kw->method);
   if (kw->object_given) objbehav_setObj(b, kw->object);
@@ -99,7 +80,7 @@ void objbehav_execute(ClassPart b, QVA_VPTR arg) {
 IdentText objbehav_meth(ClassPart b) { return IdentText(objbehav_data(b)->meth_ident); }
 
 void objbehav_setMeth(ClassPart b, QVA_STRING name) {
-  setIdentField(&objbehav_data(b)->meth_ident, name);
+  fwIdent_setField(&objbehav_data(b)->meth_ident, &name);
 }
 
 QVA_HVID objbehav_obj(ClassPart b) { return objbehav_data(b)->object; }

@@ -53,10 +53,7 @@ void querybehav_execute(ClassPart b, QVA_VPTR query) {
   // stored into another kind of object.
   ClassPart q = Query_from_vptr(query);
   QVA_VPTR response = querybehav_response(b);
-  struct Release {
-    QVA_VPTR v;
-    ~Release() { QVA_Deltmp(v); }
-  } release{response};
+  ScopedTemp release(response);
   query_setResult(q, response);
 }
 

@@ -17,7 +17,18 @@ using qvatest::TargetCalls;
 
 class ObjBehavTest : public qvatest::BehaviourTest {};
 class NamedRoutineBehavTest : public qvatest::BehaviourTest {};
-class DelayBehavTest : public qvatest::BehaviourTest {};
+class DelayBehavTest : public qvatest::BehaviourTest {
+ protected:
+  // A registered delayed behaviour of class `cls`: `message` arms it, IDLE
+  // runs target->PING.
+  QVA_HVID NewDelayed(const std::string &cls, const std::string &message, QVA_HVID target) {
+    return New(cls, {{"MESSAGESTRING", Str(message)},
+                     {"DELAYMESSAGESTRING", Str("IDLE")},
+                     {"OBJECT", Obj(target)},
+                     {"METHOD", Str("PING")},
+                     {"REGISTER", Long(1)}});
+  }
+};
 class QueryTest : public qvatest::BehaviourTest {};
 
 // ------------------------------------------------------------ object
@@ -139,11 +150,7 @@ TEST_F(NamedRoutineBehavTest, AnUnknownRoutineEndsTheDispatch) {
 
 TEST_F(DelayBehavTest, ManySendsBeforeTheDelayMessageRunTheMethodOnce) {
   QVA_HVID target = New("BTEST_TARGET");
-  QVA_HVID d = New("QVAfwDelayBehav", {{"MESSAGESTRING", Str("CHANGED")},
-                                       {"DELAYMESSAGESTRING", Str("IDLE")},
-                                       {"OBJECT", Obj(target)},
-                                       {"METHOD", Str("PING")},
-                                       {"REGISTER", Long(1)}});
+  QVA_HVID d = NewDelayed("QVAfwDelayBehav", "CHANGED", target);
   QVA_HVID changed = New("QVAfwMessage", {{"MESSAGESTRING", Str("CHANGED")}});
   QVA_HVID idle = New("QVAfwMessage", {{"MESSAGESTRING", Str("IDLE")}});
 
@@ -163,11 +170,7 @@ TEST_F(DelayBehavTest, ManySendsBeforeTheDelayMessageRunTheMethodOnce) {
 
 TEST_F(DelayBehavTest, ASendOfItsOwnMessageFromTheDeferredCallIsDisarmedAfterwards) {
   QVA_HVID target = New("BTEST_TARGET");
-  New("QVAfwDelayBehav", {{"MESSAGESTRING", Str("CHANGED")},
-                          {"DELAYMESSAGESTRING", Str("IDLE")},
-                          {"OBJECT", Obj(target)},
-                          {"METHOD", Str("PING")},
-                          {"REGISTER", Long(1)}});
+  NewDelayed("QVAfwDelayBehav", "CHANGED", target);
   QVA_HVID changed = New("QVAfwMessage", {{"MESSAGESTRING", Str("CHANGED")}});
   QVA_HVID idle = New("QVAfwMessage", {{"MESSAGESTRING", Str("IDLE")}});
   Proc(changed, "SEND");
@@ -199,11 +202,7 @@ TEST_F(DelayBehavTest, CleanupWhileArmedLeavesNothingAndTheTriggerKeepsItsHandle
 
 TEST_F(DelayBehavTest, ArgumentKeepsTheLargestValueAndResets) {
   QVA_HVID target = New("BTEST_TARGET");
-  QVA_HVID d = New("QVAfwDelayArgBehav", {{"MESSAGESTRING", Str("N")},
-                                          {"DELAYMESSAGESTRING", Str("IDLE")},
-                                          {"OBJECT", Obj(target)},
-                                          {"METHOD", Str("PING")},
-                                          {"REGISTER", Long(1)}});
+  QVA_HVID d = NewDelayed("QVAfwDelayArgBehav", "N", target);
   QVA_HVID n = New("QVAfwMessage", {{"MESSAGESTRING", Str("N")}});
   QVA_HVID idle = New("QVAfwMessage", {{"MESSAGESTRING", Str("IDLE")}});
   for (QVA_LONG v : {3, 7, 5}) Proc(n, "SEND", {Long(v)});
@@ -230,11 +229,7 @@ TEST_F(DelayBehavTest, ArgumentKeepsTheLargestValueAndResets) {
 TEST_F(DelayBehavTest, ArmedStateAndPendingArgumentSurviveSaveAndRestore) {
   {
     QVA_HVID target = New("BTEST_TARGET");
-    QVA_HVID d = New("QVAfwDelayArgBehav", {{"MESSAGESTRING", Str("N")},
-                                            {"DELAYMESSAGESTRING", Str("IDLE")},
-                                            {"OBJECT", Obj(target)},
-                                            {"METHOD", Str("PING")},
-                                            {"REGISTER", Long(1)}});
+    QVA_HVID d = NewDelayed("QVAfwDelayArgBehav", "N", target);
     QVA_HVID n = New("QVAfwMessage", {{"MESSAGESTRING", Str("N")}});
     Proc(n, "SEND", {Long(12)});
     for (auto [name, id] : {std::pair{"T", target}, {"D", d}}) {
