@@ -104,7 +104,7 @@ const std::string &current_routine();  // "" at top level
 // text; a released reference is detected when read again.
 uint32_t text_new(const char *s, size_t len);  // nullptr-safe; 0 when len == 0
 void text_release(uint32_t ref);
-const char *text_get(uint32_t ref);           // "" for 0; violation when stale
+const char *text_get(uint32_t ref);  // "" for 0; violation when stale
 // Sets *out to an owned copy of [s, s+len).
 void string_set(QVA_STRING *out, const char *s, size_t len);
 
@@ -113,7 +113,7 @@ void string_set(QVA_STRING *out, const char *s, size_t len);
 // creation so that an abandoned call can release everything it made.
 QVA_VPTR tmp_new();
 bool is_pool_temp(QVA_VPTR v);
-uint64_t tmp_mark();                  // serial of the next temporary
+uint64_t tmp_mark();                    // serial of the next temporary
 void tmp_release_since(uint64_t mark);  // releases live temporaries made at or after mark
 
 // Frees a value (texts, array data) and makes the variable undefined,
@@ -128,8 +128,7 @@ void var_copy_value(const QVA_VARIABLE *src, QVA_VPTR dst);
 void var_move_value(QVA_VPTR src, QVA_VPTR dst, bool keep_embedded = false);
 
 // Array data: one block holding the QVA_ARRAY and its data.
-QVA_ARRAY *array_new(QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims, bool zero,
-                     int action);
+QVA_ARRAY *array_new(QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims, bool zero, int action);
 // Frees an array block; an array held inline in a heap record (flags has
 // kArrayInRecord) or in a temporary's record (kArrayInTemp) belongs to
 // that record and is left alone.
@@ -137,7 +136,7 @@ void array_free(QVA_ARRAY *a);
 constexpr QVA_LONG kArrayInRecord = 0x1;  // QVA_ARRAY::flags
 constexpr QVA_LONG kArrayInTemp = 0x2;
 constexpr QVA_LONG kArrayEmbedded = kArrayInRecord | kArrayInTemp;
-size_t type_size(int type);   // element size of a scalar type code, 0 if none
+size_t type_size(int type);  // element size of a scalar type code, 0 if none
 
 // Scalar conversion of one element of type `from` at `src` to type `to`
 // written at `dst`.  Numbers convert among themselves (to integers by
@@ -164,22 +163,21 @@ struct TagInfo {
   size_t offset = 0;
 };
 
-
 }  // namespace qvahost
 
 // The structure definition.  Inherited tags come first, flattened: a
 // subclass lays its own tags out after the last inherited one, with natural
 // alignment, so the superclass's fields keep their positions.
 struct QVA_STRUCTDEF {
-  QVA_IDENT name = 0;          // 0: anonymous
-  std::string name_str;        // upper case; "" when anonymous
-  QVA_SDEF super = nullptr;    // the inherited structure (single inheritance)
+  QVA_IDENT name = 0;        // 0: anonymous
+  std::string name_str;      // upper case; "" when anonymous
+  QVA_SDEF super = nullptr;  // the inherited structure (single inheritance)
   std::vector<qvahost::TagInfo> tags;
   std::unordered_map<QVA_IDENT, size_t> index;  // tag name -> position in tags
-  size_t length = 0;           // bytes per element, a multiple of align
+  size_t length = 0;                            // bytes per element, a multiple of align
   size_t align = 1;
-  bool hidden = false;         // host-internal structure, not a class
-  bool has_texts = false;      // some tag (at any depth) holds strings
+  bool hidden = false;     // host-internal structure, not a class
+  bool has_texts = false;  // some tag (at any depth) holds strings
   // A one-entry cache for the tag look-up by text address (modules pass
   // the same literal every time).
   const char *cache_name = nullptr;
@@ -190,8 +188,8 @@ namespace qvahost {
 
 // Defines (or hands back an identical) structure.  Raises or returns
 // nullptr according to action.
-QVA_SDEF sdef_define(const std::string &name, QVA_SDEF super,
-                     const std::vector<FieldSpec> &fields, bool hidden, int action);
+QVA_SDEF sdef_define(const std::string &name, QVA_SDEF super, const std::vector<FieldSpec> &fields,
+                     bool hidden, int action);
 QVA_SDEF sdef_find(QVA_IDENT name);
 const TagInfo *sdef_tag(QVA_SDEF sdef, const char *name);  // nullptr when absent
 // Texts inside n elements of a structure: duplicate (after a byte copy) or
@@ -212,10 +210,10 @@ const std::vector<QVA_SDEF> &sdef_all();
 // structure through its heap variable touches the record's own lines only.
 constexpr size_t kInlineValueBytes = 48;
 struct alignas(64) HeapVar {
-  QVA_HEAP_VAR hv;          // must stay first
-  QVA_ARRAY inline_arr;     // descriptor of an array kept inline
-  uint32_t state;           // HV_* below
-  QVA_HVID live_id;         // the identifier while the record is live, else 0
+  QVA_HEAP_VAR hv;       // must stay first
+  QVA_ARRAY inline_arr;  // descriptor of an array kept inline
+  uint32_t state;        // HV_* below
+  QVA_HVID live_id;      // the identifier while the record is live, else 0
   alignas(16) QVA_UCHAR inline_data[kInlineValueBytes];
 };
 static_assert(sizeof(HeapVar) == 192, "a heap record is three cache lines");
@@ -228,9 +226,9 @@ HeapVar *heap_find(QVA_HVID id);  // nullptr when none
 // copied; src may be nullptr (undefined value).  Raises or returns nullptr
 // according to action.
 HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action);
-void heap_delete(QVA_HVID id);   // frees value and record; no CLEANUP
+void heap_delete(QVA_HVID id);  // frees value and record; no CLEANUP
 std::vector<QVA_HVID> heap_all();
-size_t heap_leaf_pages();         // pages of the heap table in existence
+size_t heap_leaf_pages();  // pages of the heap table in existence
 
 // ----------------------------------------------------------------- idents
 QVA_IDENT ident_of(const std::string &name);  // interns; raises M_BAD_IDENT when invalid
@@ -248,18 +246,18 @@ inline bool same_upper_name(std::string_view upper, std::string_view text) {
   }
   return true;
 }
-const std::string &ident_name(QVA_IDENT id);   // upper case
+const std::string &ident_name(QVA_IDENT id);  // upper case
 
 // ---------------------------------------------------------------- routines
 struct Routine {
   QVA_IDENT name = 0;
-  std::string name_str;         // upper case
-  size_t class_len = 0;         // CLASS of a method CLASS::NAME; 0 for a plain routine
+  std::string name_str;  // upper case
+  size_t class_len = 0;  // CLASS of a method CLASS::NAME; 0 for a plain routine
   bool is_function = false;
   int arg_min = 0, arg_max = 0;
-  uint32_t flags = 0;           // QVA_SYSFUN_KEYWORDS
+  uint32_t flags = 0;  // QVA_SYSFUN_KEYWORDS
   QVA_SYSRTN_GENERIC native = nullptr;
-  UserRoutine user;             // when not native
+  UserRoutine user;  // when not native
   // A method: the last class of self found to be (or to inherit from) the
   // method's class.  Definitions never change or go away, so the check
   // need not be repeated for further objects of that class.
@@ -267,14 +265,17 @@ struct Routine {
 };
 Routine *routine_find(QVA_IDENT name, bool is_function);
 // Calls a routine with the argument checks the language makes.  Returns a
-// function's result temporary, nullptr for a procedure.
-QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk);
+// function's result temporary, nullptr for a procedure.  `self_checked`
+// says argument 0 is already known to be a live object of the method's
+// class (the method was resolved from that object's class chain).
+QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk,
+                        bool self_checked = false);
 
 // Method resolution through the class chain; cached.
 Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function);
-// Calls a method with self given as an object reference.
-QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[],
-                       QVA_KW_ARGS *argk);
+// Calls a method with self given as an object reference.  `r` must have
+// been resolved from the class chain of the live object `self`.
+QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk);
 
 // Calls QVA_ResetSession of every loaded module (used by reset_session()).
 void modules_reset_session();

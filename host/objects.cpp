@@ -136,8 +136,7 @@ Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
   return found;
 }
 
-QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[],
-                       QVA_KW_ARGS *argk) {
+QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   // The object reference the method receives as argument 0: a variable of
   // this call, like a temporary to the method, freed when the call ends
   // (also of whatever the method stored in it).
@@ -147,7 +146,11 @@ QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[],
   self_var.value.hvid = self;
   struct SelfRelease {
     QVA_VARIABLE &v;
-    ~SelfRelease() { var_free_value(&v); }
+    ~SelfRelease() {
+      // Only arrays, structures and texts own storage; the plain reference
+      // it usually still holds owns none.
+      if ((v.flags & (QVA_V_ARR | QVA_V_STRUCT)) || v.type == QVA_TYP_STRING) var_free_value(&v);
+    }
   } self_release{self_var};
   // Most calls have few arguments: no allocation for them.
   constexpr int kLocal = 8;
@@ -160,7 +163,7 @@ QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[],
   }
   all[0] = &self_var;
   for (int i = 0; i < argc; ++i) all[i + 1] = argv[i];
-  return routine_invoke(r, argc + 1, all, argk);
+  return routine_invoke(r, argc + 1, all, argk, true);
 }
 
 void object_destroy(QVA_HVID id, QVA_KW_ARGS *argk) {
@@ -220,8 +223,7 @@ QVA_SDEF QVA_ObjRuntimeDefine(QVA_IDENT cls) {
 }
 
 QVA_VPTR QVA_ObjNew(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-  if (argc < 1 || !argv || !argv[0])
-    raise(M_WRONG_ARG_COUNT, "Incorrect number of arguments.");
+  if (argc < 1 || !argv || !argv[0]) raise(M_WRONG_ARG_COUNT, "Incorrect number of arguments.");
   QVA_VPTR name_var = argv[0];
   if (name_var->type != QVA_TYP_STRING)
     raise_fmt(M_REQSTR, "String expression required in this context: %s.",
@@ -276,8 +278,8 @@ void QVA_ObjDestroy(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   for (QVA_HVID id : ids) object_destroy(id, argk);
 }
 
-int QVA_ObjCallMethod(int action, QVA_IDENT method, QVA_HVPTR self, int, int argc,
-                      QVA_VPTR argv[], QVA_KW_ARGS *argk, QVA_VPTR *result, int) {
+int QVA_ObjCallMethod(int action, QVA_IDENT method, QVA_HVPTR self, int, int argc, QVA_VPTR argv[],
+                      QVA_KW_ARGS *argk, QVA_VPTR *result, int) {
   HeapVar *h = self ? live_object(self->hash_id) : nullptr;
   if (!h || &h->hv != self) {
     message(M_INVALID_OBJ, action,

@@ -85,8 +85,7 @@ void install(std::unique_ptr<Routine> r) {
 // A method runs only on a live object of its class or of a subclass.
 void check_self(Routine &r, std::string_view cls, int argc, QVA_VPTR argv[]) {
   QVA_VPTR self = argc > 0 ? argv[0] : nullptr;
-  if (!self)
-    raise_fmt(M_BAD_ARG, "Method %s called without an object.", r.name_str.c_str());
+  if (!self) raise_fmt(M_BAD_ARG, "Method %s called without an object.", r.name_str.c_str());
   if (self->type != QVA_TYP_OBJREF || (self->flags & QVA_V_NOT_SCALAR))
     raise_fmt(M_REQOBJREF, "Object reference type required in this context: %s.",
               var_label(self).c_str());
@@ -160,7 +159,8 @@ Routine *routine_find(QVA_IDENT name, bool is_function) {
   return routine_find_name(ident_name(name), is_function);
 }
 
-QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk,
+                        bool self_checked) {
   RoutineFrame frame(&r.name_str);
   if (argc < r.arg_min || argc > r.arg_max)
     raise(M_WRONG_ARG_COUNT, "Incorrect number of arguments.");
@@ -169,7 +169,7 @@ QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk
   if (argk && !argk->items.empty() && !(r.flags & QVA_SYSFUN_KEYWORDS))
     raise(M_KW_NOT_ALLOWED, "Keyword parameters not allowed in call.");
   std::string_view cls(r.name_str.data(), r.class_len);
-  if (!cls.empty()) check_self(r, cls, argc, argv);
+  if (!cls.empty() && !self_checked) check_self(r, cls, argc, argv);
 
   KeywordScope keywords;
   QVA_VPTR result = run_body(r, argc, argv, argk);
@@ -191,8 +191,7 @@ void define_routine(const std::string &name, bool is_function, int arg_min, int 
   std::string upper = upper_name(name);
   if (!routine_name_ok(upper)) raise_fmt(M_BAD_IDENT, "Invalid identifier: '%s'.", name.c_str());
   if (arg_min < 0 || arg_min > arg_max)
-    raise_fmt(M_BAD_ARG, "Routine %s: bad argument range %d..%d.", upper.c_str(), arg_min,
-              arg_max);
+    raise_fmt(M_BAD_ARG, "Routine %s: bad argument range %d..%d.", upper.c_str(), arg_min, arg_max);
   if (!body) raise_fmt(M_BAD_ARG, "Routine %s has no body.", upper.c_str());
   auto r = make_routine(upper, is_function, arg_min, arg_max, keywords ? QVA_SYSFUN_KEYWORDS : 0);
   r->user = std::move(body);

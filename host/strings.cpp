@@ -21,19 +21,25 @@ constexpr unsigned kPageBits = 12;
 constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
 constexpr QVA_INT kOwnsText = 1;  // stype of a descriptor holding a text
 
-struct Slot {
-  char *text = nullptr;
+// One cache line.  A short text is kept in the slot itself, so that reading
+// it (a key compared on every level of a tree walk, say) touches the slot's
+// line only; a longer one gets a block of its own.
+constexpr size_t kSlotTextBytes = 46;
+struct alignas(64) Slot {
+  char *text = nullptr;  // `small` or a block of its own
   uint32_t len = 0;
   uint32_t next_free = 0;  // slot number + 1 of the next free slot; 0 = none
   uint8_t gen = 0;
   bool live = false;
+  char small[kSlotTextBytes];
 };
+static_assert(sizeof(Slot) == 64, "a text slot is one cache line");
 
 struct TextTable {
   std::vector<std::unique_ptr<Slot[]>> pages;
-  uint32_t used = 0;        // slots handed out at least once
-  uint32_t free_head = 0;   // oldest freed slot + 1; 0 = none
-  uint32_t free_tail = 0;   // newest freed slot + 1
+  uint32_t used = 0;       // slots handed out at least once
+  uint32_t free_head = 0;  // oldest freed slot + 1; 0 = none
+  uint32_t free_tail = 0;  // newest freed slot + 1
 };
 
 // Built on first use and never destroyed (it lives as long as the
@@ -138,22 +144,28 @@ int compare_bytes(const char *a, const char *b, size_t n) {
 uint32_t text_new(const char *s, size_t len) {
   if (len == 0) return 0;
   if (len > INT32_MAX) raise(M_BAD_ARG, "String is too long.");
-  auto *text = static_cast<char *>(raw_alloc(len + 1, true));
-  if (!text) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
+  // A text kept in its slot still counts as an allocation where failures
+  // are injected, so that every caller's recovery from a text that cannot
+  // be made stays exercised whatever the text's length.
+  const bool in_slot = len < kSlotTextBytes;
+  char *block = in_slot ? nullptr : static_cast<char *>(raw_alloc(len + 1, true));
+  if (in_slot ? allocation_fails() : !block)
+    raise(M_NOMEM, "Unable to allocate memory: to make a string.");
   TextTable &t = table();
   uint32_t index;
   try {
     index = take_slot(t);
   } catch (...) {
-    raw_free(text);
+    raw_free(block);
     throw;
   }
+  Slot &slot = slot_at(t, index);
+  char *text = in_slot ? slot.small : block;
   if (s)
     std::memcpy(text, s, len);
   else
     std::memset(text, ' ', len);
   text[len] = '\0';
-  Slot &slot = slot_at(t, index);
   slot.text = text;
   slot.len = static_cast<uint32_t>(len);
   slot.live = true;
@@ -168,7 +180,7 @@ void text_release(uint32_t ref) {
     stale(ref);
     return;
   }
-  raw_free(s->text);
+  if (s->text != s->small) raw_free(s->text);
   s->text = nullptr;
   s->live = false;
   s->gen++;

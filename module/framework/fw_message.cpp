@@ -99,10 +99,12 @@ QVA_HVID message_ident(ClassPart message) { return message_data(message)->mess_i
 
 int messageIdentCompare(QVA_HVID searched, QVA_HVID stored) {
   QVA_HVPTR a = QVA_HeapVarHashFind(searched);
-  QVA_HVPTR b = QVA_HeapVarHashFind(stored);
+  // Interned texts: a look-up that finds its message ends on the very same
+  // identifier, which needs no text comparison (only the check below).
+  QVA_HVPTR b = stored == searched ? a : QVA_HeapVarHashFind(stored);
   if (!a || !b || a->var.type != QVA_TYP_STRING || b->var.type != QVA_TYP_STRING)
     QVA_MessageFromBlock(qva_cobalt_msg_block, QVA_M_COBALT_FWMSG_IDCORRUPT, QVA_MSG_LONGJMP);
-  return QVA_StrCmp(&a->var.value.str, &b->var.value.str);
+  return a == b ? 0 : QVA_StrCmp(&a->var.value.str, &b->var.value.str);
 }
 
 // ------------------------------------------------- registered routines
