@@ -71,7 +71,7 @@ Page &page_for(Heap &h, uint32_t id) {
     // Only the liveness marks are cleared: the rest of a record is written
     // when it is made, so zeroing all 48 KiB is not needed.
     page.reset(new Page);
-    for (HeapVar &rec : page->records) rec.live_id = 0;
+    for (HeapVar &rec : page->records) rec.hv.hash_id = 0;
     mid->page_count++;
     h.page_count++;
   }
@@ -134,7 +134,7 @@ HeapVar *heap_find(QVA_HVID id) {
   Page *page = mid->pages[mid_index(id)].get();
   if (!page) return nullptr;
   HeapVar *rec = &page->records[page_index(id)];
-  return rec->live_id == id && id != 0 ? rec : nullptr;
+  return rec->hv.hash_id == id && id != 0 ? rec : nullptr;
 }
 
 HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
@@ -174,7 +174,6 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
   rec->hv.hash_id = id;
   rec->hv.flags = object ? QVA_HV_OBJECT : 0;
   rec->hv.var = value;
-  rec->live_id = id;
   take_inline(rec);
   page->live++;
   counters().heap_vars++;
@@ -190,7 +189,7 @@ void heap_delete(QVA_HVID id) {
   counters().heap_vars--;
   if (rec->hv.flags & QVA_HV_OBJECT) counters().objects--;
   var_free_value(&rec->hv.var);
-  rec->live_id = 0;
+  rec->hv.hash_id = 0;
   page.live--;
   maybe_free_pages(h, id);
 }
@@ -205,7 +204,7 @@ std::vector<QVA_HVID> heap_all() {
       const Page *page = mid->pages[m].get();
       if (!page || page->live == 0) continue;
       for (uint32_t l = 0; l < kPageSize; ++l)
-        if (page->records[l].live_id) ids.push_back(page->records[l].live_id);
+        if (page->records[l].hv.hash_id) ids.push_back(page->records[l].hv.hash_id);
     }
   }
   return ids;

@@ -205,6 +205,8 @@ const std::vector<QVA_SDEF> &sdef_all();
 // identifiers (heap.cpp), three cache lines each:
 //   line 0   the public record and the descriptor of an array held inline
 //   line 2   private state and up to kInlineValueBytes of inline array data
+// A record is live while its public hash_id holds its identifier (0 when
+// dead), so a look-up of a scalar heap variable reads line 0 only.
 // An array value (a structure included) that small is kept inside the
 // record instead of in a block of its own, so that reading a small
 // structure through its heap variable touches the record's own lines only.
@@ -213,7 +215,6 @@ struct alignas(64) HeapVar {
   QVA_HEAP_VAR hv;       // must stay first
   QVA_ARRAY inline_arr;  // descriptor of an array kept inline
   uint32_t state;        // HV_* below
-  QVA_HVID live_id;      // the identifier while the record is live, else 0
   alignas(16) QVA_UCHAR inline_data[kInlineValueBytes];
 };
 static_assert(sizeof(HeapVar) == 192, "a heap record is three cache lines");
