@@ -4,28 +4,27 @@
 #include <functional>
 #include <vector>
 
-#include "core_fixture.h"
+#include "host_fixture.h"
 
 namespace {
 
-using coretest::CoreTest;
-using coretest::Text;
+using hosttest::CoreTest;
+using hosttest::Text;
 
 using FailingAllocTest = CoreTest;
 
 QVA_SDEF Record() {
-  if (QVA_SDEF s = qvahost::find_struct("FA_RECORD")) return s;
-  return qvahost::define_struct("FA_RECORD", "",
-                                {{"ID", QVA_TYP_LONG, nullptr, {}},
+  return hosttest::ensure_class("FA_RECORD", "",
+                                {hosttest::field("ID", QVA_TYP_LONG),
                                  {"NAMES", QVA_TYP_STRING, nullptr, {3}},
-                                 {"REF", QVA_TYP_PTR, nullptr, {}}});
+                                 hosttest::field("REF", QVA_TYP_PTR)});
 }
 
 // Runs `op` with the n-th allocation failing, for n = 1, 2, ... until a run
 // meets no failure.  Temporaries `op` made are released as an abandoned
 // call's would be; `cleanup` undoes what else it made.  After every run the
 // accounting must be back at the start.  Returns how many runs failed.
-int Sweep(CoreTest *t, const std::function<void()> &op, const std::function<void()> &cleanup) {
+int Sweep(const std::function<void()> &op, const std::function<void()> &cleanup) {
   const qvahost::Accounting start = qvahost::accounting();
   int failures = 0;
   for (int64_t n = 1; n < 1000; ++n) {
@@ -43,8 +42,8 @@ int Sweep(CoreTest *t, const std::function<void()> &op, const std::function<void
     qvahost::fail_allocation_after(0);
     qvahost::tmp_release_since(mark);
     cleanup();
-    EXPECT_EQ(qvahost::accounting(), start) << "run " << n << "\n  now: "
-                                            << qvahost::to_string(qvahost::accounting());
+    EXPECT_EQ(qvahost::accounting(), start)
+        << "run " << n << "\n  now: " << qvahost::to_string(qvahost::accounting());
     if (failed) ++failures;
     if (!reached) {
       EXPECT_FALSE(failed) << "run " << n << " failed without the hook";
@@ -52,11 +51,10 @@ int Sweep(CoreTest *t, const std::function<void()> &op, const std::function<void
     }
   }
   ADD_FAILURE() << "the operation never completed";
-  (void)t;
   return failures;
 }
 
-TEST_F(FailingAllocTest, StructureCopiesIntoHeapVariables) {
+TEST_F(FailingAllocTest, StructureCopiesStringArraysAndConversions) {
   std::vector<QVA_HVID> made;
   auto op = [&] {
     QVA_VPTR rec = nullptr;
@@ -67,32 +65,22 @@ TEST_F(FailingAllocTest, StructureCopiesIntoHeapVariables) {
     }
     QVA_HVPTR copy = QVA_HeapVarNew(QVA_TYP_PTR, rec, 0, QVA_MSG_LONGJMP);
     made.push_back(copy->hash_id);
-    QVA_HVPTR moved = QVA_HeapVarNew(QVA_TYP_PTR, rec, 1, QVA_MSG_LONGJMP);
-    made.push_back(moved->hash_id);
+    made.push_back(QVA_HeapVarNew(QVA_TYP_PTR, rec, 1, QVA_MSG_LONGJMP)->hash_id);
     qvahost::Variable local("FA_LOCAL");
     QVA_VarCopy(&copy->var, local.get());
-    auto *names = reinterpret_cast<QVA_STRING *>(local->value.s.arr->data + 4);
-    EXPECT_EQ(Text(names[2]), "name");
+    EXPECT_EQ(Text(reinterpret_cast<QVA_STRING *>(local->value.s.arr->data + 4)[2]), "name");
+
+    QVA_VPTR arr = qvahost::make_string_array({"1", "22", "333", " 4 "});
+    QVA_VarCopy(arr, QVA_Gettmp());
+    QVA_VPTR longs = QVA_CvtLng(1, &arr);
+    EXPECT_EQ(reinterpret_cast<QVA_LONG *>(longs->value.arr->data)[2], 333);
+    QVA_StrToSTRING("made");
   };
   auto cleanup = [&] {
     for (QVA_HVID id : made) QVA_HeapVarDelete(id, 0, 0);
     made.clear();
   };
-  EXPECT_GE(Sweep(this, op, cleanup), 10);
-}
-
-TEST_F(FailingAllocTest, StringArraysAndConversions) {
-  auto op = [] {
-    QVA_VPTR arr = qvahost::make_string_array({"1", "22", "333", " 4 "});
-    QVA_VPTR copy = QVA_Gettmp();
-    QVA_VarCopy(arr, copy);
-    QVA_VPTR longs = QVA_CvtLng(1, &arr);
-    EXPECT_EQ(reinterpret_cast<QVA_LONG *>(longs->value.arr->data)[2], 333);
-    QVA_VPTR text = qvahost::make_string("made");
-    QVA_VPTR dup = QVA_StrToSTRING(QVA_STRING_STR(&text->value.str));
-    (void)dup;
-  };
-  EXPECT_GE(Sweep(this, op, [] {}), 8);
+  EXPECT_GE(Sweep(op, cleanup), 18);
 }
 
 TEST_F(FailingAllocTest, ModuleStyleNodeCreationWithActionZero) {
@@ -123,7 +111,7 @@ TEST_F(FailingAllocTest, ModuleStyleNodeCreationWithActionZero) {
     for (QVA_HVID id : made) QVA_HeapVarDelete(id, 0, 0);
     made.clear();
   };
-  Sweep(this, op, cleanup);
+  Sweep(op, cleanup);
   EXPECT_EQ(nulls, 3);  // each heap record allocation failed once, quietly
 }
 

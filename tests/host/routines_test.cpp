@@ -1,188 +1,117 @@
-// The routine registry: table registration and its refusal of bad rows,
-// argument checks, calling conventions, calls by name from a module.
+// The routine registry (table registration and its refusal of bad rows,
+// argument checks, calls by name), messages and their actions, and module
+// loading.
 #include <algorithm>
 
-#include "object_helpers.h"
-#include "test_support.h"
+#include "host_fixture.h"
 
 namespace {
 
-using hosttest::Temp;
-using qvatest::ExpectHostError;
+using hosttest::ExpectHostError;
+using hosttest::Tmp;
+using qvatest::OutputCapture;
 
-// What the last native routine call saw.
-struct Seen {
-  int calls = 0;
-  int argc = -1;
-  QVA_VPTR first = nullptr;
-  bool had_keywords = false;
-} g_seen;
-
-QVA_VPTR native_fun(int argc, QVA_VPTR argv[]) {
-  ++g_seen.calls;
-  g_seen.argc = argc;
-  g_seen.first = argc ? argv[0] : nullptr;
+int g_calls = 0, g_argc = -1;
+QVA_VPTR native_fun(int argc, QVA_VPTR[]) {
+  ++g_calls;
+  g_argc = argc;
   return QVA_GettmpLong(argc * 10);
 }
-
 QVA_VPTR native_fun_kw(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-  ++g_seen.calls;
-  g_seen.argc = argc;
-  g_seen.first = argc ? argv[0] : nullptr;
-  g_seen.had_keywords = !qvahost::keywords_of(argk).empty();
+  QVA_Deltmp(native_fun(argc, argv));
   return QVA_GettmpLong(static_cast<QVA_LONG>(qvahost::keywords_of(argk).size()));
 }
-
-void native_pro(int argc, QVA_VPTR argv[]) {
-  ++g_seen.calls;
-  g_seen.argc = argc;
-  g_seen.first = argc ? argv[0] : nullptr;
-}
-
+void native_pro(int argc, QVA_VPTR argv[]) { QVA_Deltmp(native_fun(argc, argv)); }
 QVA_VPTR other_fun(int, QVA_VPTR[]) { return QVA_GettmpLong(-1); }
 
-class RoutineTest : public qvatest::HostTest {
+class RoutineTest : public hosttest::CoreTest {
  protected:
   void SetUp() override {
-    HostTest::SetUp();
-    g_seen = {};
+    CoreTest::SetUp();
+    g_calls = 0;
   }
 };
 
-TEST_F(RoutineTest, TablesRegisterFunctionsAndProceduresSeparately) {
-  QVA_SYSFUN_DEF funs[] = {
-      {QVA_RTN(native_fun), "RT_SAME", 0, 2, 0, 0},
-      {QVA_RTN(native_fun_kw), "RT_KW", 1, 3, QVA_SYSFUN_KEYWORDS, 0},
-  };
+TEST_F(RoutineTest, TablesRegisterFunctionsAndProceduresAndCheckTheirArguments) {
+  QVA_SYSFUN_DEF funs[] = {{QVA_RTN(native_fun), "RT_SAME", 2, 3, 0, 0},
+                           {QVA_RTN(native_fun_kw), "RT_KW", 0, 1, QVA_SYSFUN_KEYWORDS, 0}};
   QVA_SYSFUN_DEF pros[] = {{QVA_RTN(native_pro), "RT_SAME", 1, 1, 0, 0}};
   ASSERT_EQ(QVA_SysRtnAdd(funs, 1, 2), 1);
   ASSERT_EQ(QVA_SysRtnAdd(pros, 0, 1), 1);
-
   auto rows = qvahost::routine_rows(true);
   auto kw = std::find_if(rows.begin(), rows.end(), [](auto &r) { return r.name == "RT_KW"; });
   ASSERT_NE(kw, rows.end());
-  EXPECT_EQ(kw->arg_min, 1);
-  EXPECT_EQ(kw->arg_max, 3);
+  EXPECT_EQ(kw->arg_max, 1);
   EXPECT_EQ(kw->flags, static_cast<uint32_t>(QVA_SYSFUN_KEYWORDS));
   auto names = qvahost::routine_names(true);
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
-  EXPECT_TRUE(qvahost::routine_exists("rt_same", false));
-
   // The same name: a function returns, the procedure does not.
-  Temp a(qvahost::make_long(4));
-  Temp r(qvahost::call_function("RT_SAME", {a.get()}));
-  EXPECT_EQ(qvahost::integer_value(r.get()), 10);
-  qvahost::call_procedure("RT_SAME", {a.get()});
-  EXPECT_EQ(g_seen.calls, 2);
-  EXPECT_EQ(g_seen.first, a.get()) << "arguments are the caller's variables";
+  Tmp a(qvahost::make_long(4));
+  Tmp r(qvahost::call_function("RT_SAME", {a.get(), a.get()}));
+  EXPECT_EQ(qvahost::integer_value(r.get()), 20);
+  qvahost::call_procedure("rt_same", {a.get()});
+  EXPECT_EQ(g_calls, 2);
+  qvahost::HostError e = ExpectHostError([&] { qvahost::call_function("RT_SAME", {a.get()}); });
+  EXPECT_EQ(e.code, qvahost::M_WRONG_ARG_COUNT);
+  EXPECT_EQ(e.report(), "% RT_SAME: Incorrect number of arguments.");
+  e = ExpectHostError([&] { qvahost::call_procedure("RT_SAME", {a.get(), a.get()}); });
+  EXPECT_EQ(e.code, qvahost::M_WRONG_ARG_COUNT);
+  e = ExpectHostError([&] {
+    qvahost::call_function("RT_SAME", {a.get(), a.get()}, {{"X", a.get()}});
+  });
+  EXPECT_EQ(e.text, "Keyword parameters not allowed in call.");
+  EXPECT_EQ(g_calls, 2) << "a refused call never reaches the routine";
+  Tmp n(qvahost::call_function("RT_KW", {}, {{"X", a.get()}, {"Y", a.get()}}));
+  EXPECT_EQ(qvahost::integer_value(n.get()), 2);
+  EXPECT_EQ(ExpectHostError([] { qvahost::call_function("RT_NOWHERE"); }).code,
+            qvahost::M_UNDEF_FUNC);
+  EXPECT_EQ(ExpectHostError([] { qvahost::call_procedure("RT_NOWHERE"); }).code,
+            qvahost::M_UNDEF_PROC);
+
+  // A later registration replaces the routine.
+  QVA_SYSFUN_DEF second[] = {{QVA_RTN(other_fun), "RT_SAME", 0, 1, 0, 0}};
+  ASSERT_EQ(QVA_SysRtnAdd(second, 1, 1), 1);
+  Tmp replaced(qvahost::call_function("RT_SAME"));
+  EXPECT_EQ(qvahost::integer_value(replaced.get()), -1);
+  names = qvahost::routine_names(true);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "RT_SAME"), 1);
 }
 
 TEST_F(RoutineTest, BadRowRefusesTheWholeTable) {
   struct Case {
     const char *why;
     QVA_SYSFUN_DEF row;
-  } cases[] = {
-      {"no routine", {nullptr, "RT_BAD_A", 0, 0, 0, 0}},
-      {"no name", {QVA_RTN(native_fun), nullptr, 0, 0, 0, 0}},
-      {"lower case", {QVA_RTN(native_fun), "Rt_bad_b", 0, 0, 0, 0}},
-      {"not an identifier", {QVA_RTN(native_fun), "1RT_BAD", 0, 0, 0, 0}},
-      {"empty method part", {QVA_RTN(native_fun), "RT_CLASS::", 1, 1, 0, 0}},
-      {"three parts", {QVA_RTN(native_fun), "A::B::C", 1, 1, 0, 0}},
-      {"min above max", {QVA_RTN(native_fun), "RT_BAD_C", 2, 1, 0, 0}},
-      {"unknown flag", {QVA_RTN(native_fun), "RT_BAD_D", 0, 0, 1, 0}},
-      {"extra not 0", {QVA_RTN(native_fun), "RT_BAD_E", 0, 0, 0, 3}},
-  };
-  qvatest::OutputCapture out;
+  } cases[] = {{"no routine", {nullptr, "RT_BAD_A", 0, 0, 0, 0}},
+               {"no name", {QVA_RTN(native_fun), nullptr, 0, 0, 0, 0}},
+               {"lower case", {QVA_RTN(native_fun), "Rt_bad_b", 0, 0, 0, 0}},
+               {"not an identifier", {QVA_RTN(native_fun), "1RT_BAD", 0, 0, 0, 0}},
+               {"empty method part", {QVA_RTN(native_fun), "RT_CLASS::", 1, 1, 0, 0}},
+               {"three parts", {QVA_RTN(native_fun), "A::B::C", 1, 1, 0, 0}},
+               {"min above max", {QVA_RTN(native_fun), "RT_BAD_C", 2, 1, 0, 0}},
+               {"unknown flag", {QVA_RTN(native_fun), "RT_BAD_D", 0, 0, 1, 0}},
+               {"extra not 0", {QVA_RTN(native_fun), "RT_BAD_E", 0, 0, 0, 3}}};
+  OutputCapture out;
   for (const Case &c : cases) {
-    QVA_SYSFUN_DEF table[] = {{QVA_RTN(native_fun), "RT_GOOD_BEFORE", 0, 0, 0, 0}, c.row,
-                              {QVA_RTN(native_fun), "RT_GOOD_AFTER", 0, 0, 0, 0}};
-    EXPECT_EQ(QVA_SysRtnAdd(table, 1, 3), 0) << c.why;
+    QVA_SYSFUN_DEF table[] = {{QVA_RTN(native_fun), "RT_GOOD_BEFORE", 0, 0, 0, 0}, c.row};
+    EXPECT_EQ(QVA_SysRtnAdd(table, 1, 2), 0) << c.why;
     EXPECT_FALSE(qvahost::routine_exists("RT_GOOD_BEFORE", true)) << c.why;
-    EXPECT_FALSE(qvahost::routine_exists("RT_GOOD_AFTER", true)) << c.why;
   }
-  EXPECT_FALSE(out.lines().empty()) << "a refused table is reported";
-}
-
-TEST_F(RoutineTest, ALaterRegistrationReplacesTheRoutine) {
-  QVA_SYSFUN_DEF first[] = {{QVA_RTN(native_fun), "RT_REPLACED", 0, 0, 0, 0}};
-  QVA_SYSFUN_DEF second[] = {{QVA_RTN(other_fun), "RT_REPLACED", 0, 1, 0, 0}};
-  ASSERT_EQ(QVA_SysRtnAdd(first, 1, 1), 1);
-  ASSERT_EQ(QVA_SysRtnAdd(second, 1, 1), 1);
-  Temp r(qvahost::call_function("RT_REPLACED"));
-  EXPECT_EQ(qvahost::integer_value(r.get()), -1);
-  EXPECT_EQ(g_seen.calls, 0);
-  auto names = qvahost::routine_names(true);
-  EXPECT_EQ(std::count(names.begin(), names.end(), "RT_REPLACED"), 1);
-}
-
-TEST_F(RoutineTest, ArgumentCountsAndKeywordsAreChecked) {
-  QVA_SYSFUN_DEF funs[] = {
-      {QVA_RTN(native_fun), "RT_TWO_TO_THREE", 2, 3, 0, 0},
-      {QVA_RTN(native_fun_kw), "RT_WITH_KW", 0, 1, QVA_SYSFUN_KEYWORDS, 0},
-  };
-  ASSERT_EQ(QVA_SysRtnAdd(funs, 1, 2), 1);
-  Temp a(qvahost::make_long(1));
-
-  qvahost::HostError e = ExpectHostError([&] { qvahost::call_function("RT_TWO_TO_THREE", {a.get()}); });
-  EXPECT_EQ(e.code, qvahost::M_WRONG_ARG_COUNT);
-  EXPECT_EQ(e.text, "Incorrect number of arguments.");
-  EXPECT_EQ(e.routine, "RT_TWO_TO_THREE");
-  e = ExpectHostError([&] {
-    qvahost::call_function("RT_TWO_TO_THREE", {a.get(), a.get(), a.get(), a.get()});
-  });
-  EXPECT_EQ(e.code, qvahost::M_WRONG_ARG_COUNT);
-  e = ExpectHostError(
-      [&] { qvahost::call_function("RT_TWO_TO_THREE", {a.get(), a.get()}, {{"X", a.get()}}); });
-  EXPECT_EQ(e.code, qvahost::M_KW_NOT_ALLOWED);
-  EXPECT_EQ(e.text, "Keyword parameters not allowed in call.");
-  EXPECT_EQ(g_seen.calls, 0) << "a refused call never reaches the routine";
-
-  Temp two(qvahost::call_function("RT_TWO_TO_THREE", {a.get(), a.get()}));
-  EXPECT_EQ(qvahost::integer_value(two.get()), 20);
-
-  // The keyword routine is called with the keyword block.
-  Temp n(qvahost::call_function("RT_WITH_KW", {}, {{"X", a.get()}, {"Y", a.get()}}));
-  EXPECT_EQ(qvahost::integer_value(n.get()), 2);
-  EXPECT_TRUE(g_seen.had_keywords);
-  Temp none(qvahost::call_function("RT_WITH_KW"));
-  EXPECT_EQ(qvahost::integer_value(none.get()), 0);
-}
-
-TEST_F(RoutineTest, UnknownRoutinesAreErrors) {
-  qvahost::HostError e = ExpectHostError([] { qvahost::call_function("RT_NOWHERE"); });
-  EXPECT_EQ(e.code, qvahost::M_UNDEF_FUNC);
-  EXPECT_NE(e.text.find("RT_NOWHERE"), std::string::npos);
-  e = ExpectHostError([] { qvahost::call_procedure("RT_NOWHERE"); });
-  EXPECT_EQ(e.code, qvahost::M_UNDEF_PROC);
-}
-
-TEST_F(RoutineTest, DefinedRoutinesTakeUpperCaseNamesAndRefuseBadOnes) {
-  int calls = 0;
-  qvahost::define_routine("rt_user", false, 0, 0, false,
-                          [&](int, QVA_VPTR[], QVA_KW_ARGS *) -> QVA_VPTR {
-                            ++calls;
-                            return nullptr;
-                          });
-  EXPECT_TRUE(qvahost::routine_exists("RT_USER", false));
-  EXPECT_FALSE(qvahost::routine_exists("RT_USER", true));
-  qvahost::call_procedure("Rt_User");
-  EXPECT_EQ(calls, 1);
-
+  EXPECT_EQ(out.lines().size(), std::size(cases)) << "a refused table is reported";
+  // Routines defined later take upper-case names and refuse bad ones.
   auto body = [](int, QVA_VPTR[], QVA_KW_ARGS *) { return QVA_GettmpLong(0); };
-  EXPECT_EQ(ExpectHostError([&] { qvahost::define_routine("9LIVES", true, 0, 0, false, body); }).code,
-            qvahost::M_BAD_IDENT);
+  qvahost::define_routine("rt_user", true, 0, 0, false, body);
+  EXPECT_TRUE(qvahost::routine_exists("RT_USER", true));
+  EXPECT_FALSE(qvahost::routine_exists("RT_USER", false));
+  EXPECT_EQ(
+      ExpectHostError([&] { qvahost::define_routine("9LIVES", true, 0, 0, false, body); }).code,
+      qvahost::M_BAD_IDENT);
   ExpectHostError([&] { qvahost::define_routine("RT_RANGE", true, 2, 1, false, body); });
   ExpectHostError([&] { qvahost::define_routine("RT_EMPTY", true, 0, 0, false, nullptr); });
   EXPECT_FALSE(qvahost::routine_exists("RT_RANGE", true));
-}
-
-TEST_F(RoutineTest, AFunctionThatReturnsNothingIsAContractViolation) {
+  // A function that returns nothing is a contract violation.
   qvahost::define_routine("RT_NO_RESULT", true, 0, 0, false,
                           [](int, QVA_VPTR[], QVA_KW_ARGS *) -> QVA_VPTR { return nullptr; });
-  qvatest::OutputCapture out;
-  ExpectHostError([] { qvahost::call_function("RT_NO_RESULT"); });
-  EXPECT_EQ(qvahost::accounting().violations, baseline_.violations + 1);
-  baseline_.violations += 1;  // expected here; TearDown checks the rest
+  ExpectViolations(1, [] { ExpectHostError([] { qvahost::call_function("RT_NO_RESULT"); }); });
 }
 
 TEST_F(RoutineTest, InterpCallFromSysprocCallsByName) {
@@ -190,38 +119,159 @@ TEST_F(RoutineTest, InterpCallFromSysprocCallsByName) {
   QVA_SYSFUN_DEF funs[] = {{QVA_RTN(native_fun), "RT_BYNAME_F", 0, 2, 0, 0}};
   ASSERT_EQ(QVA_SysRtnAdd(pros, 0, 1), 1);
   ASSERT_EQ(QVA_SysRtnAdd(funs, 1, 1), 1);
-  Temp arg(qvahost::make_long(3));
-
   // As a module calls by name from inside one of its routines.
   qvahost::define_routine(
       "RT_CALLER", false, 1, 1, false, [](int, QVA_VPTR argv[], QVA_KW_ARGS *) -> QVA_VPTR {
         QVA_VPTR args[] = {argv[0], nullptr};
-        QVA_CALL_RECORD rec{0, 1, {0, 0}, QVA_IdentHash("rt_byname", 0, 0, QVA_MSG_LONGJMP, 0), 0,
-                            args, 0};
+        QVA_CALL_RECORD rec{0, 1, {0, 0}, QVA_IdentHash("rt_byname", 0, 0, 2, 0), 0, args, 0};
         EXPECT_EQ(QVA_InterpCallFromSysproc(&rec), 1);
-        // A function: its result is the host's to release.
-        rec.kind = 1;
-        rec.name = QVA_IdentHash("RT_BYNAME_F", 0, 0, QVA_MSG_LONGJMP, 0);
+        EXPECT_EQ(g_argc, 1);
+        rec.kind = 1;  // a function: its result is the host's to release
+        rec.name = QVA_IdentHash("RT_BYNAME_F", 0, 0, 2, 0);
         EXPECT_EQ(QVA_InterpCallFromSysproc(&rec), 1);
-        // No argument: just the terminator.
-        QVA_VPTR none[] = {nullptr};
+        QVA_VPTR none[] = {nullptr};  // no argument: just the terminator
         rec.args = none;
         EXPECT_EQ(QVA_InterpCallFromSysproc(&rec), 1);
         return nullptr;
       });
-  int64_t temps = qvahost::accounting().temporaries;
+  Tmp arg(qvahost::make_long(3));
   qvahost::call_procedure("RT_CALLER", {arg.get()});
-  EXPECT_EQ(qvahost::accounting().temporaries, temps) << "the function's result was released";
-  EXPECT_EQ(g_seen.calls, 3);
-  EXPECT_EQ(g_seen.argc, 0);
-
+  EXPECT_EQ(qvahost::accounting().temporaries, baseline_.temporaries + 1);
+  EXPECT_EQ(g_calls, 3);
+  EXPECT_EQ(g_argc, 0);
   QVA_VPTR args[] = {nullptr};
-  QVA_CALL_RECORD rec{0, 1, {0, 0}, QVA_IdentHash("RT_NOT_THERE", 0, 0, QVA_MSG_LONGJMP, 0), 0,
-                      args, 0};
-  EXPECT_EQ(ExpectHostError([&] { QVA_InterpCallFromSysproc(&rec); }).code,
-            qvahost::M_UNDEF_PROC);
+  QVA_CALL_RECORD rec{0, 1, {0, 0}, QVA_IdentHash("RT_NOT_THERE", 0, 0, 2, 0), 0, args, 0};
+  EXPECT_EQ(ExpectHostError([&] { QVA_InterpCallFromSysproc(&rec); }).code, qvahost::M_UNDEF_PROC);
   rec.kind = 1;
   EXPECT_EQ(ExpectHostError([&] { QVA_InterpCallFromSysproc(&rec); }).code, qvahost::M_UNDEF_FUNC);
+}
+
+TEST_F(RoutineTest, MessagesCarryTheirArgumentsAndActionZeroReturns) {
+  struct Case {
+    std::function<void()> raise;
+    int code;
+    std::string text;
+  } cases[] = {{[] { QVA_Message(QVA_M_GENERIC, 2, "Cannot delete the head: 0x%x", 0x2au); },
+                QVA_M_GENERIC, "Cannot delete the head: 0x2a"},
+               {[] { QVA_Message(QVA_M_WRONG_TYPE, 2, "QVAfwBehavior::SetMessageString"); },
+                QVA_M_WRONG_TYPE, "QVAfwBehavior::SetMessageString"},
+               {[] { QVA_Message(QVA_M_NOT_OF_CLASS, 2, "message", "QVAfwMessage"); },
+                QVA_M_NOT_OF_CLASS, "Argument message must be an object of class QVAfwMessage."},
+               {[] { QVA_Message(QVA_M_OBJREF_REQUIRED, 2, "QVAfwHasAHandler::SetHandler"); },
+                QVA_M_OBJREF_REQUIRED, "Object reference"},
+               {[] { QVA_Message(QVA_M_GENERIC, 2, "[%s]", std::string(2000, 'x').c_str()); },
+                QVA_M_GENERIC, "[" + std::string(2000, 'x') + "]"}};  // long texts are not cut
+  for (const Case &c : cases) {
+    qvahost::HostError e = ExpectHostError(c.raise);
+    EXPECT_EQ(e.code, c.code);
+    EXPECT_NE(e.text.find(c.text), std::string::npos) << e.text;
+  }
+  OutputCapture out;
+  QVA_Message(QVA_M_GENERIC, QVA_MSG_RET, "plain %d", 1);
+  const std::string routine = "SOME_ROUTINE";
+  qvahost::push_routine(&routine);
+  QVA_Message(QVA_M_GENERIC, QVA_MSG_INFO, "inside %s", "it");
+  qvahost::HostError e = ExpectHostError([] { QVA_Message(QVA_M_GENERIC, 2, "abandoned"); });
+  qvahost::pop_routine();
+  EXPECT_EQ(e.report(), "% SOME_ROUTINE: abandoned");
+  EXPECT_EQ(qvahost::current_routine(), "");
+  ExpectViolations(1, [] { QVA_Message(-9999, QVA_MSG_RET); });  // a misuse, still reported
+  ASSERT_EQ(out.lines().size(), 3u);
+  EXPECT_EQ(out.lines()[0], "% plain 1");
+  EXPECT_EQ(out.lines()[1], "% SOME_ROUTINE: inside it");
+  EXPECT_NE(out.lines()[2].find("-9999"), std::string::npos);
+}
+
+TEST_F(RoutineTest, VariableErrorsNameTheVariable) {
+  qvahost::Variable named("MT_VALUE");
+  Tmp expr(QVA_GettmpLong(1));
+  struct Case {
+    void (*fn)(QVA_VPTR, int);
+    int code;
+    const char *start;
+  } cases[] = {{QVA_MessageVE_REQSTR, qvahost::M_REQSTR, "String expression required"},
+               {QVA_MessageVE_REQPTR, qvahost::M_REQPTR, "Pointer type required"},
+               {QVA_MessageVE_REQOBJREF, qvahost::M_REQOBJREF, "Object reference type required"},
+               {QVA_MessageVE_NOTSCALAR, qvahost::M_NOTSCALAR, "Expression must be a scalar"}};
+  for (const Case &c : cases) {
+    auto e = ExpectHostError([&] { c.fn(named.get(), 2); });
+    EXPECT_EQ(e.code, c.code);
+    EXPECT_EQ(e.text.rfind(c.start, 0), 0u) << e.text;
+    EXPECT_NE(e.text.find("MT_VALUE"), std::string::npos) << e.text;
+    e = ExpectHostError([&] { c.fn(expr.get(), 2); });
+    EXPECT_NE(e.text.find("<Expression>"), std::string::npos) << e.text;
+  }
+  OutputCapture out;
+  QVA_MessageVE_REQSTR(named.get(), QVA_MSG_RET);
+  EXPECT_EQ(out.lines(),
+            std::vector<std::string>{"% String expression required in this context: MT_VALUE."});
+}
+
+TEST_F(RoutineTest, MessageBlockRowsAreRaisedByNegativeIndex) {
+  QVA_MSG_DEF defs[] = {{"MT_FIRST", "First problem: %s"}, {"MT_SECOND", "Second, code %d"}};
+  QVA_MSG_BLOCK block = QVA_MessageDefineBlock("MT_BLOCK_ROWS", 2, defs);
+  ASSERT_NE(block, nullptr);
+  defs[0].format = "changed after definition";  // the block keeps its own copy
+  auto e = ExpectHostError([&] { QVA_MessageFromBlock(block, 0, 2, "heap dereference"); });
+  EXPECT_EQ(e.text, "First problem: heap dereference");
+  EXPECT_EQ(e.code, 0);
+  e = ExpectHostError([&] { QVA_MessageFromBlock(block, -1, 2, 17); });
+  EXPECT_EQ(e.text, "Second, code 17");
+  EXPECT_EQ(e.code, -1);
+  OutputCapture out;
+  QVA_MessageFromBlock(block, -1, QVA_MSG_RET, 3);
+  EXPECT_EQ(out.lines(), std::vector<std::string>{"% Second, code 3"});
+  ExpectViolations(1, [&] { QVA_MessageFromBlock(block, -2, QVA_MSG_RET); });  // outside the block
+  ExpectViolations(1, [&] { QVA_MessageFromBlock(block, 1, QVA_MSG_RET); });
+  // Bad blocks define nothing; a refused name stays free, a defined one
+  // cannot be defined again.
+  QVA_MSG_DEF good[] = {{"MT_OK", "ok"}};
+  QVA_MSG_DEF no_format[] = {{"MT_A", "a"}, {"MT_B", nullptr}};
+  QVA_MSG_DEF no_name[] = {{nullptr, "x"}};
+  EXPECT_EQ(QVA_MessageDefineBlock("MT_EMPTY", 0, good), nullptr);
+  EXPECT_EQ(QVA_MessageDefineBlock("MT_NULL", 1, nullptr), nullptr);
+  EXPECT_EQ(QVA_MessageDefineBlock("MT_NOFORMAT", 2, no_format), nullptr);
+  EXPECT_EQ(QVA_MessageDefineBlock("MT_NONAME", 1, no_name), nullptr);
+  EXPECT_EQ(QVA_MessageDefineBlock(nullptr, 1, good), nullptr);
+  EXPECT_NE(QVA_MessageDefineBlock("MT_NOFORMAT", 1, good), nullptr);
+  EXPECT_EQ(QVA_MessageDefineBlock("MT_NOFORMAT", 1, good), nullptr);
+}
+
+int g_loads = 0, g_resets = 0;
+QVA_VPTR md_answer(int, QVA_VPTR[]) { return QVA_GettmpLong(42); }
+int md_load() {
+  ++g_loads;
+  static QVA_SYSFUN_DEF funs[] = {{QVA_RTN(md_answer), "MD_ANSWER", 0, 0, 0, 0}};
+  return QVA_SysRtnAdd(funs, 1, 1);
+}
+void md_reset() { ++g_resets; }
+int md_failing_load() { return ++g_loads, 0; }
+int md_raising_load() {
+  QVA_GettmpLong(1);
+  QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "load went wrong");
+  return 1;
+}
+
+TEST_F(RoutineTest, ModulesLoadOnceAndSessionResetsReachThem) {
+  ASSERT_EQ(qvahost::load_module(&md_load, &md_reset), 1);
+  Tmp r(qvahost::call_function("MD_ANSWER"));
+  EXPECT_EQ(qvahost::integer_value(r.get()), 42);
+  EXPECT_EQ(qvahost::load_module(&md_load, &md_reset), 0) << "already loaded";
+  EXPECT_EQ(qvahost::load_module(&md_failing_load, &md_reset), 0);
+  EXPECT_EQ(qvahost::load_module(&md_failing_load, &md_reset), 0);
+  EXPECT_EQ(g_loads, 3) << "loaded once; a failed load may be tried again";
+  qvahost::reset_session();
+  qvahost::reset_session();
+  EXPECT_EQ(g_resets, 2) << "a module that failed to load is not reset";
+  OutputCapture out;
+  EXPECT_EQ(qvahost::load_module(&md_raising_load, nullptr), 0);
+  EXPECT_EQ(out.lines(), std::vector<std::string>{"% load went wrong"});
+  EXPECT_EQ(qvahost::load_module(nullptr, nullptr), 0);
+  std::string error;
+  EXPECT_EQ(qvahost::load_module_file("/nonexistent/qva_module.so", &error), 0);
+  EXPECT_FALSE(error.empty());
+  EXPECT_EQ(qvahost::load_module_file("libm.so.6", &error), 0);  // no module entry points
+  EXPECT_NE(error.find("QVA_Load"), std::string::npos) << error;
 }
 
 }  // namespace
