@@ -28,12 +28,10 @@ QVA_VPTR MakePoint(QVA_LONG x, const char *label) {
   QVA_StrStore(reinterpret_cast<QVA_STRING *>(data + 4), label);
   return v;
 }
-
 QVA_LONG X(const QVA_VARIABLE &v) { return *reinterpret_cast<QVA_LONG *>(v.value.s.arr->data); }
 QVA_STRING *Label(const QVA_VARIABLE &v) {
   return reinterpret_cast<QVA_STRING *>(v.value.s.arr->data + 4);
 }
-
 QVA_HVID NewPtr(QVA_LONG value) {
   Tmp t(QVA_GettmpLong(value));
   return QVA_HeapVarNew(QVA_TYP_PTR, t.get(), 0, QVA_MSG_LONGJMP)->hash_id;
@@ -42,10 +40,10 @@ QVA_HVID NewPtr(QVA_LONG value) {
 TEST_F(HeapTest, IdentifiersAreNeverReusedAndDeadOnesFindNothing) {
   std::vector<QVA_HVID> made;
   for (int i = 0; i < 5; ++i) made.push_back(NewPtr(i));
-  EXPECT_TRUE(std::is_sorted(made.begin(), made.end()));
   QVA_HeapVarDelete(made[4], 0, 0);
   QVA_HeapVarDelete(made[2], 0, 0);
   made.push_back(NewPtr(5));
+  EXPECT_TRUE(std::is_sorted(made.begin(), made.end()));
   EXPECT_GT(made[5], made[4]);
   EXPECT_EQ(QVA_HeapVarHashFind(made[5])->var.value.l, 5);
   for (QVA_HVID dead : {made[2], made[4], QVA_HVID{0}, QVA_HVID{0xFFFFFF00u}})
@@ -60,11 +58,11 @@ TEST_F(HeapTest, IdentifiersAreNeverReusedAndDeadOnesFindNothing) {
 
 TEST_F(HeapTest, PointerVariablesCopyOrStealAndObjectsAreOneElementStructures) {
   Tmp point(MakePoint(5, "copied"));
-  HeapGuard copy(QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 0, 2));
+  HeapGuard copy{QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 0, 2)->hash_id};
   EXPECT_EQ(point->type, QVA_TYP_STRUCT);  // copied: the source keeps its value
-  EXPECT_EQ(QVA_HeapVarHashFind(copy.id())->var.flags & QVA_V_TEMP, 0);
+  EXPECT_EQ(QVA_HeapVarHashFind(copy.id)->var.flags & QVA_V_TEMP, 0);
   QVA_HVPTR obj = QVA_HeapVarNew(QVA_TYP_OBJREF, point.get(), 1, 2);
-  HeapGuard obj_guard(obj);
+  HeapGuard obj_guard{obj->hash_id};
   EXPECT_EQ(point->type, QVA_TYP_UNDEF);  // moved: the temporary stays, undefined
   EXPECT_TRUE(point->flags & QVA_V_TEMP);
   EXPECT_EQ(obj->flags, QVA_HV_OBJECT);
@@ -72,19 +70,16 @@ TEST_F(HeapTest, PointerVariablesCopyOrStealAndObjectsAreOneElementStructures) {
   EXPECT_EQ(Text(*Label(obj->var)), "copied");
   EXPECT_EQ(qvahost::accounting().texts, baseline_.texts + 2);
   EXPECT_EQ(qvahost::accounting().objects, baseline_.objects + 1);
-  // Stealing from a variable that is not a temporary copies instead.
-  qvahost::Variable named("HT_NAMED");
+  qvahost::Variable named("HT_NAMED");  // stealing from a non-temporary copies
   named.take(qvahost::make_string("kept"));
-  HeapGuard g3(QVA_HeapVarNew(QVA_TYP_PTR, named.get(), 1, 2));
+  HeapGuard g3{QVA_HeapVarNew(QVA_TYP_PTR, named.get(), 1, 2)->hash_id};
   EXPECT_EQ(qvahost::string_value(named.get()), "kept");
-  EXPECT_EQ(qvahost::string_value(&QVA_HeapVarHashFind(g3.id())->var), "kept");
-
+  EXPECT_EQ(qvahost::string_value(&QVA_HeapVarHashFind(g3.id)->var), "kept");
   // Anything but one structure element is refused as an object; a failed
   // allocation of the record is null or an error, and takes nothing.
-  Tmp number(QVA_GettmpLong(1)), small(MakePoint(1, "x"));
   QVA_VPTR two = nullptr;
   QVA_MakeTempStructVector(Point(), 2, &two, 1);
-  Tmp two_guard(two);
+  Tmp number(QVA_GettmpLong(1)), small(MakePoint(1, "x")), two_guard(two);
   qvatest::OutputCapture out;
   EXPECT_EQ(QVA_HeapVarNew(QVA_TYP_OBJREF, number.get(), 0, QVA_MSG_RET), nullptr);
   EXPECT_EQ(QVA_HeapVarNew(QVA_TYP_OBJREF, two, 0, QVA_MSG_RET), nullptr);
@@ -106,14 +101,13 @@ TEST_F(HeapTest, PointerVariablesCopyOrStealAndObjectsAreOneElementStructures) {
 TEST_F(HeapTest, SmallStructureValuesBehaveAsAnyOther) {
   Tmp source(MakePoint(5, "kept"));
   QVA_HVPTR copied = QVA_HeapVarNew(QVA_TYP_PTR, source.get(), 0, 2);
-  HeapGuard copied_guard(copied);
   QVA_StrDelete(Label(copied->var), 1);  // its own copy of "kept"
   QVA_StrStore(Label(copied->var), "own text");
-  EXPECT_EQ(Text(*Label(*source.get())), "kept");
+  EXPECT_EQ(Text(*Label(*source)), "kept");
   {
     Tmp moved_source(MakePoint(7, "moved"));
     QVA_HVPTR moved = QVA_HeapVarNew(QVA_TYP_PTR, moved_source.get(), 1, 2);
-    HeapGuard moved_guard(moved);
+    HeapGuard moved_guard{moved->hash_id};
     EXPECT_EQ(moved_source->type, QVA_TYP_UNDEF);
     EXPECT_EQ(moved->var.value.s.arr->elt_len, static_cast<QVA_MEMINT>(Point()->length));
     EXPECT_EQ(X(moved->var), 7);
@@ -131,7 +125,7 @@ TEST_F(HeapTest, SmallStructureValuesBehaveAsAnyOther) {
     EXPECT_EQ(moved->var.type, QVA_TYP_UNDEF);
   }
   int64_t texts = qvahost::accounting().texts;
-  ExpectViolations(0, [&] { QVA_HeapVarDelete(copied_guard.id(), 0, 0); });
+  ExpectViolations(0, [&] { QVA_HeapVarDelete(copied->hash_id, 0, 0); });
   EXPECT_EQ(qvahost::accounting().texts, texts - 1) << "the record's own text is released";
 }
 
@@ -148,7 +142,7 @@ TEST_F(HeapTest, ASmallStructureLeavesItsTemporaryWithoutBlocksAndKeepsItsValue)
   QVA_StrStore(reinterpret_cast<QVA_STRING *>(data + 4), "inline");
   int64_t texts = qvahost::accounting().texts;
   qvahost::fail_allocation_after(0);
-  HeapGuard guard(QVA_HeapVarNew(QVA_TYP_PTR, t, 1, QVA_MSG_LONGJMP));
+  HeapGuard guard{QVA_HeapVarNew(QVA_TYP_PTR, t, 1, QVA_MSG_LONGJMP)->hash_id};
   EXPECT_EQ(qvahost::allocations_since_hook(), 1);
   ExpectViolations(0, [&] { QVA_Deltmp(t); });
   EXPECT_EQ(qvahost::accounting().texts, texts) << "the text moved with the bytes";
@@ -157,8 +151,7 @@ TEST_F(HeapTest, ASmallStructureLeavesItsTemporaryWithoutBlocksAndKeepsItsValue)
   qvahost::Variable kept("KEPT");
   kept.take(MakePoint(9, "nine"));
   for (int i = 0; i < 600; ++i) Tmp other(MakePoint(100 + i, "other"));
-  const QVA_VARIABLE &hv = QVA_HeapVarHashFind(guard.id())->var;
-  EXPECT_EQ(hv.value.s.arr->n_elts, 1);
+  const QVA_VARIABLE &hv = QVA_HeapVarHashFind(guard.id)->var;
   EXPECT_EQ(hv.value.s.arr->dim[0], 1);
   EXPECT_EQ(X(hv), 42);
   EXPECT_EQ(Text(*Label(hv)), "inline");
@@ -171,7 +164,7 @@ TEST_F(HeapTest, ValuesOfEverySizeSurviveNeighbouringRecords) {
   // structure, among many neighbours made and deleted around them.
   Tmp point(MakePoint(7, "node"));
   QVA_HVPTR held = QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 1, 2);
-  HeapGuard held_guard(held);
+  HeapGuard held_guard{held->hash_id};
   held->flags |= QVA_HV_HELD;
   QVA_UCHAR *held_data = held->var.value.s.arr->data;
   const std::vector<QVA_MEMINT> sizes = {1, 11, 12, 13, 100};
@@ -192,7 +185,7 @@ TEST_F(HeapTest, ValuesOfEverySizeSurviveNeighbouringRecords) {
     for (QVA_MEMINT i = 0; i < sizes[k]; ++i) ASSERT_EQ(data[i], sizes[k] * 1000 + i);
     ExpectViolations(0, [&] { QVA_HeapVarDelete(ids[k], 0, 0); });
   }
-  EXPECT_EQ(QVA_HeapVarHashFind(held_guard.id()), held);
+  EXPECT_EQ(QVA_HeapVarHashFind(held_guard.id), held);
   EXPECT_EQ(held->var.value.s.arr->data, held_data);
   EXPECT_EQ(held->flags, QVA_HV_HELD);
   for (QVA_HVID id : others) QVA_HeapVarDelete(id, 0, 0);

@@ -1,13 +1,13 @@
 // Fixture and helpers of the host runtime tests: the leak check of HostTest,
-// contract violations provoked on purpose, scope guards for temporaries and
-// heap variables, and classes and objects made through OBJ_NEW and
-// OBJ_DESTROY as the language calls them (so that an abandoned creation is
-// cleaned up at the call boundary).
+// contract violations provoked on purpose, scope guards, and objects made
+// and destroyed through OBJ_NEW and OBJ_DESTROY as the language calls them
+// (so that an abandoned creation is cleaned up at the call boundary).
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,40 +36,23 @@ class CoreTest : public qvatest::HostTest {
   }
 };
 
-// Releases a temporary at scope exit.
-class Tmp {
- public:
-  explicit Tmp(QVA_VPTR v = nullptr) : v_(v) {}
-  ~Tmp() {
-    if (v_) QVA_Deltmp(v_);
-  }
-  Tmp(const Tmp &) = delete;
-  Tmp &operator=(const Tmp &) = delete;
-  QVA_VPTR get() const { return v_; }
-  QVA_VPTR operator->() const { return v_; }
-
- private:
-  QVA_VPTR v_;
+// A temporary released at scope exit.
+struct TmpRelease {
+  void operator()(QVA_VPTR v) const { QVA_Deltmp(v); }
 };
+using Tmp = std::unique_ptr<QVA_VARIABLE, TmpRelease>;
 
-// Deletes a heap variable at scope exit.
-class HeapGuard {
- public:
-  explicit HeapGuard(QVA_HVPTR h) : id_(h ? h->hash_id : 0) {}
-  ~HeapGuard() { QVA_HeapVarDelete(id_, 0, 0); }
-  HeapGuard(const HeapGuard &) = delete;
-  HeapGuard &operator=(const HeapGuard &) = delete;
-  QVA_HVID id() const { return id_; }
-
- private:
-  QVA_HVID id_;
+// A heap variable deleted at scope exit.
+struct HeapGuard {
+  QVA_HVID id;
+  ~HeapGuard() { QVA_HeapVarDelete(id, 0, 0); }
 };
 
 inline std::string Text(const QVA_STRING &s) {
   return std::string(QVA_STRING_STR(&s), static_cast<size_t>(s.slen));
 }
 
-// A scalar field of a test class.
+// A scalar field of a test structure.
 inline qvahost::FieldSpec field(const std::string &name, int type) {
   return qvahost::FieldSpec{name, type, nullptr, {}};
 }
@@ -101,24 +84,15 @@ inline void obj_destroy(std::vector<QVA_VPTR> refs, const qvahost::Keywords &kw 
   qvahost::call_procedure("OBJ_DESTROY", refs, kw);
 }
 
-// Destroys an object and releases its reference temporary at scope exit.
-class Object {
- public:
-  explicit Object(QVA_VPTR ref) : ref_(ref) {}
-  ~Object() {
-    if (!ref_) return;
-    if (QVA_ObjValidate(ref_->value.hvid, QVA_MSG_RET)) obj_destroy({ref_});
-    QVA_Deltmp(ref_);
+// An object reference whose object is destroyed, if still alive, and whose
+// temporary is released at scope exit.
+struct ObjectRelease {
+  void operator()(QVA_VPTR ref) const {
+    if (QVA_ObjValidate(ref->value.hvid, QVA_MSG_RET)) obj_destroy({ref});
+    QVA_Deltmp(ref);
   }
-  Object(const Object &) = delete;
-  Object &operator=(const Object &) = delete;
-  QVA_VPTR ref() const { return ref_; }
-  QVA_HVID id() const { return ref_->value.hvid; }
-  QVA_HVPTR hv() const { return QVA_ObjValidate(id(), QVA_MSG_LONGJMP); }
-
- private:
-  QVA_VPTR ref_;
 };
+using Object = std::unique_ptr<QVA_VARIABLE, ObjectRelease>;
 
 // Address of a LONG field of a live object.
 inline QVA_LONG *long_field(QVA_HVID obj, const char *tag) {
