@@ -1,41 +1,34 @@
-// The host allocator (alignment, misuse detection, exhaustion, the
-// failing-allocation hook) and the accounting every test ends with.
+// The host allocator, the failing-allocation hook (and sweeps of it over
+// composite operations) and the accounting every test ends with.
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "host_fixture.h"
 
 namespace {
 
-using hosttest::CoreTest;
 using hosttest::ExpectHostError;
 
-using MemoryTest = CoreTest;
+using MemoryTest = hosttest::CoreTest;
 
 TEST_F(MemoryTest, EachKindOfPlantedLeakShowsInTheBalance) {
-  const qvahost::Accounting start = qvahost::accounting();
   QVA_VPTR tmp = QVA_Gettmp();
-  qvahost::Accounting now = qvahost::accounting();
-  EXPECT_EQ(now.temporaries, start.temporaries + 1);
-  EXPECT_NE(qvahost::to_string(now).find("temporaries=" + std::to_string(now.temporaries)),
-            std::string::npos);
-  QVA_Deltmp(tmp);
   QVA_STRING s{};
   QVA_StrStore(&s, "leak");
-  EXPECT_EQ(qvahost::accounting().texts, start.texts + 1);
-  QVA_StrDelete(&s, 1);
   void *block = QVA_MemAllocQuiet(10);
-  EXPECT_EQ(qvahost::accounting().allocations, start.allocations + 1);
-  QVA_MemFreeQuiet(block);
   QVA_HVPTR h = QVA_HeapVarNew(QVA_TYP_PTR, nullptr, 0, 2);
-  EXPECT_EQ(qvahost::accounting().heap_vars, start.heap_vars + 1);
+  qvahost::Accounting now = qvahost::accounting(), expected = baseline_;
+  expected.temporaries++, expected.texts++, expected.allocations++, expected.heap_vars++;
+  EXPECT_EQ(now, expected);
+  EXPECT_NE(qvahost::to_string(now).find("texts=" + std::to_string(now.texts)), std::string::npos);
+  QVA_Deltmp(tmp);
+  QVA_StrDelete(&s, 1);
+  QVA_MemFreeQuiet(block);
   QVA_HeapVarDelete(h->hash_id, 0, 0);
-  EXPECT_EQ(qvahost::accounting(), start);
-
   std::string err = ExpectViolations(1, [] { qvahost::contract_violation("planted misuse"); });
   EXPECT_NE(err.find("QVA host contract violation: planted misuse"), std::string::npos) << err;
-  EXPECT_NE(qvahost::accounting(), start);
 }
 
 TEST_F(MemoryTest, BlocksAreAlignedCountedAndSurviveChurn) {
@@ -55,7 +48,6 @@ TEST_F(MemoryTest, BlocksAreAlignedCountedAndSurviveChurn) {
     } else {
       size_t n = i % 500 == 0 ? 100000 + i : 1 + (seed >> 4) % 1100;
       auto *p = static_cast<unsigned char *>(QVA_MemAllocQuiet(n));
-      ASSERT_NE(p, nullptr);
       ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u) << n;
       std::memset(p, static_cast<unsigned char>(n), n);
       live.emplace_back(p, n);
@@ -70,41 +62,129 @@ TEST_F(MemoryTest, MisusedFreesAreViolationsNotCorruption) {
   for (size_t size : {size_t{32}, size_t{50000}}) {  // pooled and large blocks
     void *p = QVA_MemAllocMSG_LONGJMP(size, "twice");
     QVA_MemFreeMSG_RET(p, "first");
-    std::string err = ExpectViolations(1, [&] { QVA_MemFreeMSG_RET(p, "second"); });
-    EXPECT_NE(err.find("second"), std::string::npos) << err;
-    EXPECT_EQ(qvahost::accounting().allocations, baseline_.allocations) << "not counted twice";
+    EXPECT_NE(ExpectViolations(1, [&] { QVA_MemFreeMSG_RET(p, "second"); }).find("second"),
+              std::string::npos);
   }
   char stack_buffer[64];
-  int *heap_int = new int(5);
   auto *block = static_cast<char *>(QVA_MemAllocQuiet(256));
   void *record = qvahost::raw_alloc(64, false);  // a host record is not a block either
-  for (void *foreign : {static_cast<void *>(stack_buffer + 16), static_cast<void *>(heap_int),
-                        static_cast<void *>(block + 32), static_cast<void *>(block + 3), record})
+  for (void *foreign : {static_cast<void *>(stack_buffer), static_cast<void *>(block + 32),
+                        static_cast<void *>(block + 3), record})
     ExpectViolations(1, [&] { QVA_MemFreeQuiet(foreign); });
   qvahost::raw_free(record);
-  EXPECT_EQ(*heap_int, 5);
   QVA_MemFreeQuiet(block);
-  delete heap_int;
   QVA_MemFreeQuiet(nullptr);  // harmless, like free(NULL)
 }
 
 TEST_F(MemoryTest, TheHookFailsExactlyTheNthAllocationWithTheLabel) {
   qvahost::fail_allocation_after(3);
-  void *a = QVA_MemAllocQuiet(8), *b = QVA_MemAllocQuiet(8);
-  EXPECT_EQ(QVA_MemAllocQuiet(8), nullptr);
-  void *d = QVA_MemAllocQuiet(8);  // only the third one fails
+  std::vector<void *> blocks;
+  for (int i = 0; i < 4; ++i) blocks.push_back(QVA_MemAllocQuiet(8));
+  EXPECT_EQ(blocks[2], nullptr) << "only the third one fails";
   EXPECT_EQ(qvahost::allocations_since_hook(), 4);
-  for (void *p : {a, b, d}) {
+  for (void *p : {blocks[0], blocks[1], blocks[3]}) {
     EXPECT_NE(p, nullptr);
     QVA_MemFreeQuiet(p);
   }
   qvahost::fail_allocation_after(1);
   auto e = ExpectHostError([] { QVA_MemAllocMSG_LONGJMP(24, "FW_Ident key"); });
-  EXPECT_EQ(e.text, "Unable to allocate memory: to make FW_Ident key.");
   EXPECT_EQ(e.code, qvahost::M_NOMEM);
+  EXPECT_EQ(e.text, "Unable to allocate memory: to make FW_Ident key.");
   EXPECT_EQ(QVA_MemAllocQuiet(SIZE_MAX / 2), nullptr);  // the system refuses it
-  auto big = ExpectHostError([] { QVA_MemAllocMSG_LONGJMP(SIZE_MAX / 2, "huge"); });
-  EXPECT_NE(big.text.find("huge"), std::string::npos);
+  EXPECT_NE(
+      ExpectHostError([] { QVA_MemAllocMSG_LONGJMP(SIZE_MAX / 2, "huge"); }).text.find("huge"),
+      std::string::npos);
+}
+
+// Runs `op` with the n-th allocation failing, for n = 1, 2, ... until a run
+// meets no failure.  Temporaries `op` made are released as an abandoned
+// call's would be; `cleanup` undoes what else it made.  After every run the
+// accounting must be back at the start.  Returns how many runs failed.
+int Sweep(const std::function<void()> &op, const std::function<void()> &cleanup) {
+  const qvahost::Accounting start = qvahost::accounting();
+  int failures = 0;
+  for (int64_t n = 1; n < 1000; ++n) {
+    uint64_t mark = qvahost::tmp_mark();
+    qvahost::fail_allocation_after(n);
+    bool failed = false;
+    try {
+      op();
+    } catch (const qvahost::HostError &e) {
+      failed = true;
+      EXPECT_EQ(e.code, qvahost::M_NOMEM) << "run " << n << ": " << e.text;
+    }
+    bool reached = qvahost::allocations_since_hook() >= n;
+    qvahost::fail_allocation_after(0);
+    qvahost::tmp_release_since(mark);
+    cleanup();
+    EXPECT_EQ(qvahost::accounting(), start) << "run " << n;
+    failures += failed;
+    if (!reached) {
+      EXPECT_FALSE(failed) << "run " << n << " failed without the hook";
+      return failures;
+    }
+  }
+  ADD_FAILURE() << "the operation never completed";
+  return failures;
+}
+
+TEST_F(MemoryTest, SweepStructureCopiesStringArraysAndConversions) {
+  QVA_SDEF rec_def = hosttest::ensure_class("FA_RECORD", "",
+                                            {hosttest::field("ID", QVA_TYP_LONG),
+                                             {"NAMES", QVA_TYP_STRING, nullptr, {3}},
+                                             hosttest::field("REF", QVA_TYP_PTR)});
+  std::vector<QVA_HVID> made;
+  auto op = [&] {
+    QVA_VPTR rec = nullptr;
+    auto *data = QVA_MakeTempStructVector(rec_def, 2, &rec, 1);
+    for (int i = 0; i < 6; ++i)
+      QVA_StrStore(reinterpret_cast<QVA_STRING *>(data + (i / 3) * rec_def->length + 4) + i % 3,
+                   i % 3 == 1 ? "" : "name");
+    QVA_HVPTR copy = QVA_HeapVarNew(QVA_TYP_PTR, rec, 0, QVA_MSG_LONGJMP);
+    made.push_back(copy->hash_id);
+    made.push_back(QVA_HeapVarNew(QVA_TYP_PTR, rec, 1, QVA_MSG_LONGJMP)->hash_id);
+    qvahost::Variable local("FA_LOCAL");
+    QVA_VarCopy(&copy->var, local.get());
+    EXPECT_EQ(hosttest::Text(reinterpret_cast<QVA_STRING *>(local->value.s.arr->data + 4)[2]),
+              "name");
+    QVA_VPTR arr = qvahost::make_string_array({"1", "22", "333", " 4 "});
+    QVA_VarCopy(arr, QVA_Gettmp());
+    QVA_VPTR longs = QVA_CvtLng(1, &arr);
+    EXPECT_EQ(reinterpret_cast<QVA_LONG *>(longs->value.arr->data)[2], 333);
+    QVA_StrToSTRING("made");
+  };
+  auto cleanup = [&] {
+    for (QVA_HVID id : made) QVA_HeapVarDelete(id, 0, 0);
+    made.clear();
+  };
+  EXPECT_GE(Sweep(op, cleanup), 18);
+}
+
+TEST_F(MemoryTest, SweepModuleStyleNodeCreationWithActionZero) {
+  // As a heap tree makes its nodes: define (handed back), temporary, heap
+  // variable with action 0, release the temporary if still temporary.
+  static QVA_STRUCT_TAG_DEF node[] = {{"FLINK", nullptr, QVA_TYP_PTR, 0},
+                                      {"STATUS0", nullptr, QVA_TYP_BYTE, 0},
+                                      {nullptr, nullptr, 0, 0}};
+  std::vector<QVA_HVID> made;
+  int nulls = 0;
+  qvatest::OutputCapture quiet;
+  auto op = [&] {
+    for (int i = 0; i < 3; ++i) {
+      QVA_SDEF sd = QVA_MakeStructInternal("FA_NODE", 0x30, node, 2);
+      QVA_VPTR tmp = nullptr;
+      QVA_MakeTempStructVector(sd, 1, &tmp, 1);
+      QVA_HVPTR h = QVA_HeapVarNew(QVA_TYP_PTR, tmp, 1, QVA_MSG_RET);
+      if (tmp->flags & QVA_V_TEMP) QVA_Deltmp(tmp);
+      if (!h) return void(++nulls);
+      made.push_back(h->hash_id);
+    }
+  };
+  Sweep(op, [&] {
+    for (QVA_HVID id : made) QVA_HeapVarDelete(id, 0, 0);
+    made.clear();
+  });
+  EXPECT_EQ(nulls, 3);  // each heap record allocation failed once, quietly
 }
 
 }  // namespace
