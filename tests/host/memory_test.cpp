@@ -160,31 +160,4 @@ TEST_F(MemoryTest, SweepStructureCopiesStringArraysAndConversions) {
   EXPECT_GE(Sweep(op, cleanup), 18);
 }
 
-TEST_F(MemoryTest, SweepModuleStyleNodeCreationWithActionZero) {
-  // As a heap tree makes its nodes: define (handed back), temporary, heap
-  // variable with action 0, release the temporary if still temporary.
-  static QVA_STRUCT_TAG_DEF node[] = {{"FLINK", nullptr, QVA_TYP_PTR, 0},
-                                      {"STATUS0", nullptr, QVA_TYP_BYTE, 0},
-                                      {nullptr, nullptr, 0, 0}};
-  std::vector<QVA_HVID> made;
-  int nulls = 0;
-  qvatest::OutputCapture quiet;
-  auto op = [&] {
-    for (int i = 0; i < 3; ++i) {
-      QVA_SDEF sd = QVA_MakeStructInternal("FA_NODE", 0x30, node, 2);
-      QVA_VPTR tmp = nullptr;
-      QVA_MakeTempStructVector(sd, 1, &tmp, 1);
-      QVA_HVPTR h = QVA_HeapVarNew(QVA_TYP_PTR, tmp, 1, QVA_MSG_RET);
-      if (tmp->flags & QVA_V_TEMP) QVA_Deltmp(tmp);
-      if (!h) return void(++nulls);
-      made.push_back(h->hash_id);
-    }
-  };
-  Sweep(op, [&] {
-    for (QVA_HVID id : made) QVA_HeapVarDelete(id, 0, 0);
-    made.clear();
-  });
-  EXPECT_EQ(nulls, 3);  // each heap record allocation failed once, quietly
-}
-
 }  // namespace
