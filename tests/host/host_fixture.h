@@ -36,6 +36,9 @@ class CoreTest : public qvatest::HostTest {
   }
 };
 
+// The code of the host error that `body` raises.
+inline int Code(const std::function<void()> &body) { return ExpectHostError(body).code; }
+
 // A temporary released at scope exit.
 struct TmpRelease {
   void operator()(QVA_VPTR v) const { QVA_Deltmp(v); }

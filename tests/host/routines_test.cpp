@@ -6,6 +6,7 @@
 
 namespace {
 
+using hosttest::Code;
 using hosttest::ExpectHostError;
 using hosttest::Tmp;
 using qvatest::OutputCapture;
@@ -62,10 +63,8 @@ TEST_F(RoutineTest, TablesRegisterFunctionsAndProceduresAndCheckTheirArguments) 
   EXPECT_EQ(g_calls, 2) << "a refused call never reaches the routine";
   Tmp n(qvahost::call_function("RT_KW", {}, {{"X", a.get()}, {"Y", a.get()}}));
   EXPECT_EQ(qvahost::integer_value(n.get()), 2);
-  EXPECT_EQ(ExpectHostError([] { qvahost::call_function("RT_NOWHERE"); }).code,
-            qvahost::M_UNDEF_FUNC);
-  EXPECT_EQ(ExpectHostError([] { qvahost::call_procedure("RT_NOWHERE"); }).code,
-            qvahost::M_UNDEF_PROC);
+  EXPECT_EQ(Code([] { qvahost::call_function("RT_NOWHERE"); }), qvahost::M_UNDEF_FUNC);
+  EXPECT_EQ(Code([] { qvahost::call_procedure("RT_NOWHERE"); }), qvahost::M_UNDEF_PROC);
 
   // A later registration replaces the routine.
   QVA_SYSFUN_DEF second[] = {{QVA_RTN(other_fun), "RT_SAME", 0, 1, 0, 0}};
@@ -126,9 +125,9 @@ TEST_F(RoutineTest, InterpCallFromSysprocCallsByName) {
   EXPECT_EQ(g_argc, 0);
   QVA_VPTR args[] = {nullptr};
   QVA_CALL_RECORD rec{0, 1, {0, 0}, QVA_IdentHash("RT_NOT_THERE", 0, 0, 2, 0), 0, args, 0};
-  EXPECT_EQ(ExpectHostError([&] { QVA_InterpCallFromSysproc(&rec); }).code, qvahost::M_UNDEF_PROC);
+  EXPECT_EQ(Code([&] { QVA_InterpCallFromSysproc(&rec); }), qvahost::M_UNDEF_PROC);
   rec.kind = 1;
-  EXPECT_EQ(ExpectHostError([&] { QVA_InterpCallFromSysproc(&rec); }).code, qvahost::M_UNDEF_FUNC);
+  EXPECT_EQ(Code([&] { QVA_InterpCallFromSysproc(&rec); }), qvahost::M_UNDEF_FUNC);
 }
 
 TEST_F(RoutineTest, MessagesCarryTheirArgumentsAndActionZeroReturns) {
@@ -182,30 +181,6 @@ TEST_F(RoutineTest, VariableErrorsNameTheVariable) {
     e = ExpectHostError([&] { c.fn(expr.get(), 2); });
     EXPECT_NE(e.text.find("<Expression>"), std::string::npos) << e.text;
   }
-}
-
-TEST_F(RoutineTest, MessageBlockRowsAreRaisedByNegativeIndex) {
-  QVA_MSG_DEF defs[] = {{"MT_FIRST", "First problem: %s"}, {"MT_SECOND", "Second, code %d"}};
-  QVA_MSG_BLOCK block = QVA_MessageDefineBlock("MT_BLOCK_ROWS", 2, defs);
-  ASSERT_NE(block, nullptr);
-  defs[0].format = "changed after definition";  // the block keeps its own copy
-  auto e = ExpectHostError([&] { QVA_MessageFromBlock(block, 0, 2, "heap dereference"); });
-  EXPECT_EQ(e.text, "First problem: heap dereference");
-  EXPECT_EQ(e.code, 0);
-  e = ExpectHostError([&] { QVA_MessageFromBlock(block, -1, 2, 17); });
-  EXPECT_EQ(e.text, "Second, code 17");
-  EXPECT_EQ(e.code, -1);
-  OutputCapture out;
-  QVA_MessageFromBlock(block, -1, QVA_MSG_RET, 3);
-  EXPECT_EQ(out.lines(), std::vector<std::string>{"% Second, code 3"});
-  ExpectViolations(1, [&] { QVA_MessageFromBlock(block, -2, QVA_MSG_RET); });  // outside the block
-  ExpectViolations(1, [&] { QVA_MessageFromBlock(block, 1, QVA_MSG_RET); });
-  // A bad block defines nothing and leaves its name free; a defined name
-  // cannot be defined again.
-  QVA_MSG_DEF no_format[] = {{"MT_A", "a"}, {"MT_B", nullptr}};
-  EXPECT_EQ(QVA_MessageDefineBlock("MT_NOFORMAT", 2, no_format), nullptr);
-  EXPECT_NE(QVA_MessageDefineBlock("MT_NOFORMAT", 1, no_format), nullptr);
-  EXPECT_EQ(QVA_MessageDefineBlock("MT_NOFORMAT", 1, no_format), nullptr);
 }
 
 }  // namespace

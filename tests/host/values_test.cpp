@@ -8,6 +8,7 @@
 
 namespace {
 
+using hosttest::Code;
 using hosttest::CoreTest;
 using hosttest::ExpectHostError;
 using hosttest::Text;
@@ -107,8 +108,7 @@ TEST_F(ValuesTest, StringDescriptorsAndTempVectors) {
   EXPECT_EQ(Text(*QVA_VarGet1EltStringDesc(str.get(), &conv, 1)), "only");
   EXPECT_EQ(conv, nullptr);
   EXPECT_EQ(Text(*QVA_VarGet1EltStringDesc(two.get(), nullptr, 0)), "x");
-  EXPECT_EQ(ExpectHostError([&] { QVA_VarGet1EltStringDesc(two.get(), nullptr, 1); }).code,
-            qvahost::M_NOTSCALAR);
+  EXPECT_EQ(Code([&] { QVA_VarGet1EltStringDesc(two.get(), nullptr, 1); }), qvahost::M_NOTSCALAR);
   QVA_VPTR v = nullptr;
   auto *d = reinterpret_cast<double *>(QVA_MakeTempVector(QVA_TYP_DOUBLE, 5, 1, &v));
   Tmp guard(v);
@@ -142,9 +142,9 @@ TEST_F(ValuesTest, ConversionToLongTruncatesTowardZeroIntoANewTemporary) {
       wide(qvahost::make_long64(1LL << 31)), ptr(qvahost::make_ptr(5)),
       text(qvahost::make_string("12abc")), undefined(QVA_Gettmp());
   for (QVA_VPTR v : {big.get(), nan.get(), wide.get(), ptr.get(), text.get()})
-    EXPECT_EQ(ExpectHostError([&] { QVA_CvtLng(1, &v); }).code, qvahost::M_CONVERSION);
+    EXPECT_EQ(Code([&] { QVA_CvtLng(1, &v); }), qvahost::M_CONVERSION);
   QVA_VPTR u = undefined.get();
-  EXPECT_EQ(ExpectHostError([&] { QVA_CvtLng(1, &u); }).code, qvahost::M_UNDEFVAR);
+  EXPECT_EQ(Code([&] { QVA_CvtLng(1, &u); }), qvahost::M_UNDEFVAR);
   // Arrays convert element-wise, or leave nothing behind.
   Tmp strings(qvahost::make_string_array({"1", " 22 ", "three"}));
   QVA_VPTR sv = strings.get();
