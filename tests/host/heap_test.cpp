@@ -48,10 +48,6 @@ TEST_F(HeapTest, IdentifiersAreNeverReusedAndDeadOnesFindNothing) {
   EXPECT_EQ(QVA_HeapVarHashFind(made[5])->var.value.l, 5);
   for (QVA_HVID dead : {made[2], made[4], QVA_HVID{0}, QVA_HVID{0xFFFFFF00u}})
     EXPECT_EQ(QVA_HeapVarHashFind(dead), nullptr) << dead;
-  std::vector<QVA_HVID> ids = qvahost::heap_ids();
-  EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
-  for (int i : {0, 1, 3, 5}) EXPECT_TRUE(std::binary_search(ids.begin(), ids.end(), made[i]));
-  EXPECT_FALSE(std::binary_search(ids.begin(), ids.end(), made[2]));
   for (QVA_HVID id : made) QVA_HeapVarDelete(id, 0, 0);  // dead ones are ignored
   QVA_HeapVarDelete(0xFFFFFF00u, 0, 0);                  // never issued: ignored
 }
@@ -89,9 +85,6 @@ TEST_F(HeapTest, PointerVariablesCopyOrStealAndObjectsAreOneElementStructures) {
   EXPECT_EQ(QVA_HeapVarNew(QVA_TYP_PTR, small.get(), 1, QVA_MSG_RET), nullptr);
   EXPECT_EQ(out.lines().size(), 4u);
   EXPECT_EQ(small->type, QVA_TYP_STRUCT);
-  qvahost::fail_allocation_after(1);
-  auto e = ExpectHostError([&] { QVA_HeapVarNew(QVA_TYP_OBJREF, small.get(), 1, 2); });
-  EXPECT_EQ(e.code, qvahost::M_NOMEM);
   EXPECT_EQ(qvahost::accounting().heap_vars, baseline_.heap_vars + 3);
 }
 
