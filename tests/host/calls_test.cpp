@@ -20,10 +20,9 @@ using qvahost::call_method_procedure;
 using qvahost::call_procedure;
 using qvatest::OutputCapture;
 
-int g_calls = 0, g_argc = -1;
+int g_calls = 0;
 QVA_VPTR native_fun(int argc, QVA_VPTR[]) {
   ++g_calls;
-  g_argc = argc;
   return QVA_GettmpLong(argc * 10);
 }
 QVA_VPTR native_fun_kw(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
@@ -103,38 +102,6 @@ TEST_F(RoutineTest, BadRowRefusesTheWholeTable) {
   qvahost::define_routine("RT_NO_RESULT", true, 0, 0, false,
                           [](int, QVA_VPTR[], QVA_KW_ARGS *) -> QVA_VPTR { return nullptr; });
   ExpectViolations(1, [] { ExpectHostError([] { call_function("RT_NO_RESULT"); }); });
-}
-
-TEST_F(RoutineTest, InterpCallFromSysprocCallsByName) {
-  QVA_SYSFUN_DEF pros[] = {{QVA_RTN(native_pro), "RT_BYNAME", 0, 2, 0, 0}};
-  QVA_SYSFUN_DEF funs[] = {{QVA_RTN(native_fun), "RT_BYNAME_F", 0, 2, 0, 0}};
-  ASSERT_EQ(QVA_SysRtnAdd(pros, 0, 1), 1);
-  ASSERT_EQ(QVA_SysRtnAdd(funs, 1, 1), 1);
-  // As a module calls by name from inside one of its routines.
-  qvahost::define_routine(
-      "RT_CALLER", false, 1, 1, false, [](int, QVA_VPTR argv[], QVA_KW_ARGS *) -> QVA_VPTR {
-        QVA_VPTR args[] = {argv[0], nullptr};
-        QVA_CALL_RECORD rec{0, 1, {0, 0}, QVA_IdentHash("rt_byname", 0, 0, 2, 0), 0, args, 0};
-        EXPECT_EQ(QVA_InterpCallFromSysproc(&rec), 1);
-        EXPECT_EQ(g_argc, 1);
-        rec.kind = 1;  // a function: its result is the host's to release
-        rec.name = QVA_IdentHash("RT_BYNAME_F", 0, 0, 2, 0);
-        EXPECT_EQ(QVA_InterpCallFromSysproc(&rec), 1);
-        QVA_VPTR none[] = {nullptr};  // no argument: just the terminator
-        rec.args = none;
-        EXPECT_EQ(QVA_InterpCallFromSysproc(&rec), 1);
-        return nullptr;
-      });
-  Tmp arg(qvahost::make_long(3));
-  call_procedure("RT_CALLER", {arg.get()});
-  EXPECT_EQ(qvahost::accounting().temporaries, baseline_.temporaries + 1);
-  EXPECT_EQ(g_calls, 3);
-  EXPECT_EQ(g_argc, 0);
-  QVA_VPTR args[] = {nullptr};
-  QVA_CALL_RECORD rec{0, 1, {0, 0}, QVA_IdentHash("RT_NOT_THERE", 0, 0, 2, 0), 0, args, 0};
-  EXPECT_EQ(Code([&] { QVA_InterpCallFromSysproc(&rec); }), qvahost::M_UNDEF_PROC);
-  rec.kind = 1;
-  EXPECT_EQ(Code([&] { QVA_InterpCallFromSysproc(&rec); }), qvahost::M_UNDEF_FUNC);
 }
 
 TEST_F(RoutineTest, MessagesCarryTheirArgumentsAndActionZeroReturns) {

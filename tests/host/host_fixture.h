@@ -30,7 +30,9 @@ class CoreTest : public qvatest::HostTest {
     std::string err = testing::internal::GetCapturedStderr();
     int64_t reported = qvahost::accounting().violations - before;
     EXPECT_EQ(reported, expected) << err;
-    if (expected > 0) EXPECT_NE(err.find("QVA host contract violation:"), std::string::npos);
+    if (expected > 0) {
+      EXPECT_NE(err.find("QVA host contract violation:"), std::string::npos);
+    }
     baseline_.violations += reported;
     return err;
   }

@@ -152,7 +152,9 @@ TEST_F(SessionTest, RestoredHeapVariablesKeepTheOrderOfTheirIdentifiers) {
   ASSERT_EQ(back.size(), 6u);
   for (int i = 0; i < 6; ++i) {
     EXPECT_EQ(Deref(back[i]).value.l, 5 - i);
-    if (i > 0) EXPECT_LT(back[i], back[i - 1]);
+    if (i > 0) {
+      EXPECT_LT(back[i], back[i - 1]);
+    }
   }
 }
 

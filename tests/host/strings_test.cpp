@@ -105,20 +105,14 @@ TEST_F(StringsTest, IdentifiersInternCaseInsensitivelyAndRefuseBadNames) {
   QVA_IDENT a = QVA_IdentHash("it_Cleanup", 0, 0, 2, 0);
   EXPECT_NE(a, 0u);
   EXPECT_EQ(QVA_IdentHash("IT_CLEANUP", 0, QVA_IDENT_USER, 2, 0), a);
-  EXPECT_NE(QVA_IdentHash("it_cleanup_2", 0, 0, 2, 0), a);
   EXPECT_STREQ(QVA_IdentName(a), "IT_CLEANUP");
-  EXPECT_EQ(qvahost::ident_of("It_CleanUp"), a);
   EXPECT_EQ(QVA_IdentHash("IT_CLEANUP_AND_MORE", 10, 0, 2, 0), a) << "a length takes a prefix";
-  for (const char *ok : {"A", "_x", "a1$", "QVAFWMESSAGEHANDLER::SENDMESSAGE", "x::_y"})
-    EXPECT_NE(QVA_IdentHash(ok, 0, 0, 0, 0), 0u) << ok;
   qvatest::OutputCapture out;
   for (const char *bad : {"", "1abc", "a b", "$a", "a::", "::b", "a::b::c", "a:b", "a-b"})
     EXPECT_EQ(QVA_IdentHash(bad, 0, 0, QVA_MSG_RET, 0), 0u) << bad;
-  EXPECT_EQ(QVA_IdentHash(nullptr, 0, 0, QVA_MSG_RET, 0), 0u);
   auto e = ExpectHostError([] { QVA_IdentHash("not valid", 0, 0, 2, 0); });
   EXPECT_EQ(e.code, qvahost::M_BAD_IDENT);
   EXPECT_EQ(e.text, "Invalid identifier: 'not valid'.");
-  EXPECT_STREQ(QVA_IdentName(0), "");
   ExpectViolations(1, [] { EXPECT_STREQ(QVA_IdentName(0x7FFFFFF0u), ""); });
 }
 
@@ -205,7 +199,6 @@ TEST_F(StructsTest, TagAddressFindsInheritedFieldsCaseInsensitively) {
   EXPECT_EQ(offset, 0);
   EXPECT_EQ(tag_sdef, nullptr);  // not a structure field
   EXPECT_EQ(QVA_StructGetTagAddress(raw, "myHandler", &offset, nullptr, 0), data + 16);
-  EXPECT_EQ(offset, 16);
   EXPECT_EQ(QVA_StructGetTagAddress(raw, "BOTTOM", nullptr, nullptr, 0), data + 56);
   // Repeated calls with the same literal keep answering the same; the same
   // buffer holding another name later is looked up afresh.
@@ -214,16 +207,12 @@ TEST_F(StructsTest, TagAddressFindsInheritedFieldsCaseInsensitively) {
     EXPECT_EQ(QVA_StructGetTagAddress(raw, name, nullptr, nullptr, 0), data + 28);
   std::strcpy(name, "TEXT");
   EXPECT_EQ(QVA_StructGetTagAddress(raw, name, nullptr, nullptr, 0), data + 40);
-
   qvatest::OutputCapture out;
   EXPECT_EQ(QVA_StructGetTagAddress(raw, "NOPE", nullptr, nullptr, QVA_MSG_RET), nullptr);
   EXPECT_TRUE(out.lines().empty());
   auto e = ExpectHostError([&] { QVA_StructGetTagAddress(raw, "NOPE", nullptr, nullptr, 2); });
   EXPECT_EQ(e.code, qvahost::M_NO_TAG);
   EXPECT_EQ(e.text, "Tag name NOPE is undefined for structure ST_LEAF.");
-  Tmp number(QVA_GettmpLong(1));  // no structure, no tags at all
-  EXPECT_EQ(QVA_StructGetTagAddress(number.get(), "ST_BASE_TOP", nullptr, nullptr, 0), nullptr);
-  ExpectHostError([&] { QVA_StructGetTagAddress(number.get(), "X", nullptr, nullptr, 2); });
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Temporaries and variable values: the temporary pool and its contract
-// checks, release by mark, deep copies, the data accessors, conversion to
-// LONG, and the element helpers of front ends.
+// checks, release by mark, deep copies, the data accessors, and conversion
+// to LONG.
 #include <cmath>
 #include <cstring>
 
@@ -155,24 +155,6 @@ TEST_F(ValuesTest, ConversionToLongTruncatesTowardZeroIntoANewTemporary) {
   QVA_VPTR gv = good.get();
   Tmp out(QVA_CvtLng(1, &gv));
   EXPECT_EQ(Longs(out.get()), (std::vector<QVA_LONG>{1, 22}));
-}
-
-TEST_F(ValuesTest, ElementStoresConvertAndGuardedBodiesReleaseWhatTheyMade) {
-  Tmp longs(qvahost::make_long_array({1, 2, 3, 4})), d(qvahost::make_double(7.9));
-  qvahost::store_elements(longs.get(), {0, 2}, d.get());            // converted, to every index
-  qvahost::store_elements(longs.get(), {3, 2, 1, 0}, longs.get());  // into itself, reversed
-  EXPECT_EQ(Longs(longs.get()), (std::vector<QVA_LONG>{4, 7, 2, 7}));
-  ExpectHostError([&] { qvahost::store_elements(longs.get(), {0, 1}, longs.get()); });
-  ExpectHostError([] {
-    qvahost::guarded([] {
-      qvahost::make_string("left behind");
-      qvahost::raise_error("abandoned");
-    });
-  });
-  QVA_VPTR kept = nullptr;  // a body that succeeds keeps what it made
-  qvahost::guarded([&] { kept = QVA_GettmpLong(5); });
-  EXPECT_EQ(qvahost::accounting().temporaries, baseline_.temporaries + 3);
-  QVA_Deltmp(kept);
 }
 
 }  // namespace
