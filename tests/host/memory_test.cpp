@@ -1,106 +1,39 @@
-// The host allocator: alignment, misuse detection, exhaustion reports and
-// the failing-allocation hook.
+// The host allocator, the failing-allocation hook (and sweeps of it over
+// composite operations) and the accounting every test ends with.
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <vector>
 
-#include "core_fixture.h"
+#include "host_fixture.h"
 
 namespace {
 
-using coretest::CoreTest;
-using qvatest::ExpectHostError;
+using hosttest::ExpectHostError;
 
-using MemoryTest = CoreTest;
+using MemoryTest = hosttest::CoreTest;
 
-TEST_F(MemoryTest, BlocksOfEverySizeAreAlignedWritableAndCounted) {
-  const size_t sizes[] = {0, 1, 15, 16, 17, 48, 100, 1000, 1024, 1025, 4096, 100000};
-  std::vector<void *> blocks;
-  for (size_t size : sizes) {
-    void *p = QVA_MemAllocQuiet(size);
-    ASSERT_NE(p, nullptr) << size;
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u) << size;
-    std::memset(p, 0xAB, size);
-    blocks.push_back(p);
-  }
-  // Distinct blocks, none overlapping its neighbour's data.
-  for (size_t i = 0; i < blocks.size(); ++i)
-    for (size_t k = 0; k < sizes[i]; ++k)
-      ASSERT_EQ(static_cast<unsigned char *>(blocks[i])[k], 0xAB);
-  EXPECT_EQ(qvahost::accounting().allocations - baseline_.allocations,
-            static_cast<int64_t>(blocks.size()));
-  for (void *p : blocks) QVA_MemFreeMSG_INFO(p, "test");
-  EXPECT_EQ(qvahost::accounting().allocations, baseline_.allocations);
-}
-
-TEST_F(MemoryTest, FreeingTwiceIsAViolationNotACorruption) {
-  for (size_t size : {size_t{32}, size_t{50000}}) {  // pooled and large blocks
-    void *p = QVA_MemAllocMSG_LONGJMP(size, "twice");
-    QVA_MemFreeMSG_RET(p, "first");
-    std::string err = ExpectViolations(1, [&] { QVA_MemFreeMSG_RET(p, "second"); });
-    EXPECT_NE(err.find("second"), std::string::npos) << err;
-    // The allocator still works and the count was not decremented twice.
-    EXPECT_EQ(qvahost::accounting().allocations, baseline_.allocations);
-    void *q = QVA_MemAllocQuiet(size);
-    ASSERT_NE(q, nullptr);
-    QVA_MemFreeQuiet(q);
-  }
-}
-
-TEST_F(MemoryTest, ForeignPointersAreRefused) {
-  char stack_buffer[64];
-  int *heap_int = new int(5);
-  void *block = QVA_MemAllocQuiet(256);
-  ExpectViolations(1, [&] { QVA_MemFreeQuiet(stack_buffer + 16); });
-  ExpectViolations(1, [&] { QVA_MemFreeQuiet(heap_int); });
-  ExpectViolations(1, [&] { QVA_MemFreeQuiet(static_cast<char *>(block) + 32); });
-  ExpectViolations(1, [&] { QVA_MemFreeQuiet(static_cast<char *>(block) + 3); });
-  // A host record is not a QVA_MemAlloc block either.
-  void *record = qvahost::raw_alloc(64, false);
-  ExpectViolations(1, [&] { QVA_MemFreeQuiet(record); });
-  qvahost::raw_free(record);
-  // None of that disturbed the real block.
-  EXPECT_EQ(*heap_int, 5);
+TEST_F(MemoryTest, EachKindOfPlantedLeakShowsInTheBalance) {
+  QVA_VPTR tmp = QVA_Gettmp();
+  QVA_STRING s{};
+  QVA_StrStore(&s, "leak");
+  void *block = QVA_MemAllocQuiet(10);
+  QVA_HVPTR h = QVA_HeapVarNew(QVA_TYP_PTR, nullptr, 0, 2);
+  qvahost::Accounting now = qvahost::accounting(), expected = baseline_;
+  expected.temporaries++, expected.texts++, expected.allocations++, expected.heap_vars++;
+  EXPECT_EQ(now, expected);
+  EXPECT_NE(qvahost::to_string(now).find("texts=" + std::to_string(now.texts)), std::string::npos);
+  QVA_Deltmp(tmp);
+  QVA_StrDelete(&s, 1);
   QVA_MemFreeQuiet(block);
-  delete heap_int;
-  QVA_MemFreeQuiet(nullptr);  // harmless, like free(NULL)
+  QVA_HeapVarDelete(h->hash_id, 0, 0);
+  std::string err = ExpectViolations(1, [] { qvahost::contract_violation("planted misuse"); });
+  EXPECT_NE(err.find("QVA host contract violation: planted misuse"), std::string::npos) << err;
 }
 
-TEST_F(MemoryTest, ExhaustionIsReportedWithTheLabel) {
-  qvahost::fail_allocation_after(1);
-  auto e = ExpectHostError([] { QVA_MemAllocMSG_LONGJMP(24, "FW_Ident key"); });
-  EXPECT_EQ(e.text, "Unable to allocate memory: to make FW_Ident key.");
-  EXPECT_EQ(e.code, qvahost::M_NOMEM);
-
-  qvahost::fail_allocation_after(1);
-  EXPECT_EQ(QVA_MemAllocQuiet(24), nullptr);
-  EXPECT_EQ(QVA_MemAllocQuiet(SIZE_MAX / 2), nullptr);  // the system refuses it
-  auto big = ExpectHostError([] { QVA_MemAllocMSG_LONGJMP(SIZE_MAX / 2, "huge"); });
-  EXPECT_NE(big.text.find("huge"), std::string::npos);
-}
-
-TEST_F(MemoryTest, TheHookFailsExactlyTheNthAllocation) {
-  qvahost::fail_allocation_after(3);
-  void *a = QVA_MemAllocQuiet(8);
-  void *b = QVA_MemAllocQuiet(8);
-  void *c = QVA_MemAllocQuiet(8);
-  void *d = QVA_MemAllocQuiet(8);
-  EXPECT_NE(a, nullptr);
-  EXPECT_NE(b, nullptr);
-  EXPECT_EQ(c, nullptr);
-  EXPECT_NE(d, nullptr);  // only the third one fails
-  EXPECT_EQ(qvahost::allocations_since_hook(), 4);
-  for (void *p : {a, b, d}) QVA_MemFreeQuiet(p);
-
-  qvahost::fail_allocation_after(0);  // off
-  void *e = QVA_MemAllocQuiet(8);
-  EXPECT_NE(e, nullptr);
-  QVA_MemFreeQuiet(e);
-}
-
-TEST_F(MemoryTest, ManyBlocksSurviveChurn) {
-  // Interleaved allocation and release across size classes keeps every
-  // live block's contents intact.
+TEST_F(MemoryTest, BlocksAreAlignedCountedAndSurviveChurn) {
+  // Interleaved allocation and release across the size classes and of large
+  // blocks keeps every live block aligned, counted and its contents intact.
   std::vector<std::pair<unsigned char *, size_t>> live;
   uint32_t seed = 12345;
   for (int i = 0; i < 20000; ++i) {
@@ -113,14 +46,118 @@ TEST_F(MemoryTest, ManyBlocksSurviveChurn) {
       live[k] = live.back();
       live.pop_back();
     } else {
-      size_t n = 1 + (seed >> 4) % 700;
+      size_t n = i % 500 == 0 ? 100000 + i : 1 + (seed >> 4) % 1100;
       auto *p = static_cast<unsigned char *>(QVA_MemAllocQuiet(n));
-      ASSERT_NE(p, nullptr);
-      std::memset(p, static_cast<int>(static_cast<unsigned char>(n)), n);
+      ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 16, 0u) << n;
+      std::memset(p, static_cast<unsigned char>(n), n);
       live.emplace_back(p, n);
     }
   }
-  for (auto [p, n] : live) QVA_MemFreeQuiet(p);
+  EXPECT_EQ(qvahost::accounting().allocations - baseline_.allocations,
+            static_cast<int64_t>(live.size()));
+  for (auto [p, n] : live) QVA_MemFreeMSG_INFO(p, "test");
+}
+
+TEST_F(MemoryTest, MisusedFreesAreViolationsNotCorruption) {
+  for (size_t size : {size_t{32}, size_t{50000}}) {  // pooled and large blocks
+    void *p = QVA_MemAllocMSG_LONGJMP(size, "twice");
+    QVA_MemFreeMSG_RET(p, "first");
+    EXPECT_NE(ExpectViolations(1, [&] { QVA_MemFreeMSG_RET(p, "second"); }).find("second"),
+              std::string::npos);
+  }
+  char stack_buffer[64];
+  auto *block = static_cast<char *>(QVA_MemAllocQuiet(256));
+  void *record = qvahost::raw_alloc(64, false);  // a host record is not a block either
+  for (void *foreign : {static_cast<void *>(stack_buffer), static_cast<void *>(block + 32),
+                        static_cast<void *>(block + 3), record})
+    ExpectViolations(1, [&] { QVA_MemFreeQuiet(foreign); });
+  qvahost::raw_free(record);
+  QVA_MemFreeQuiet(block);
+  QVA_MemFreeQuiet(nullptr);  // harmless, like free(NULL)
+}
+
+TEST_F(MemoryTest, TheHookFailsExactlyTheNthAllocationWithTheLabel) {
+  qvahost::fail_allocation_after(3);
+  std::vector<void *> blocks;
+  for (int i = 0; i < 4; ++i) blocks.push_back(QVA_MemAllocQuiet(8));
+  EXPECT_EQ(blocks[2], nullptr) << "only the third one fails";
+  EXPECT_EQ(qvahost::allocations_since_hook(), 4);
+  for (void *p : {blocks[0], blocks[1], blocks[3]}) {
+    EXPECT_NE(p, nullptr);
+    QVA_MemFreeQuiet(p);
+  }
+  qvahost::fail_allocation_after(1);
+  auto e = ExpectHostError([] { QVA_MemAllocMSG_LONGJMP(24, "FW_Ident key"); });
+  EXPECT_EQ(e.code, qvahost::M_NOMEM);
+  EXPECT_EQ(e.text, "Unable to allocate memory: to make FW_Ident key.");
+  EXPECT_EQ(QVA_MemAllocQuiet(SIZE_MAX / 2), nullptr);  // the system refuses it
+  EXPECT_NE(
+      ExpectHostError([] { QVA_MemAllocMSG_LONGJMP(SIZE_MAX / 2, "huge"); }).text.find("huge"),
+      std::string::npos);
+}
+
+// Runs `op` with the n-th allocation failing, for n = 1, 2, ... until a run
+// meets no failure.  Temporaries `op` made are released as an abandoned
+// call's would be; `cleanup` undoes what else it made.  After every run the
+// accounting must be back at the start.  Returns how many runs failed.
+int Sweep(const std::function<void()> &op, const std::function<void()> &cleanup) {
+  const qvahost::Accounting start = qvahost::accounting();
+  int failures = 0;
+  for (int64_t n = 1; n < 1000; ++n) {
+    uint64_t mark = qvahost::tmp_mark();
+    qvahost::fail_allocation_after(n);
+    bool failed = false;
+    try {
+      op();
+    } catch (const qvahost::HostError &e) {
+      failed = true;
+      EXPECT_EQ(e.code, qvahost::M_NOMEM) << "run " << n << ": " << e.text;
+    }
+    bool reached = qvahost::allocations_since_hook() >= n;
+    qvahost::fail_allocation_after(0);
+    qvahost::tmp_release_since(mark);
+    cleanup();
+    EXPECT_EQ(qvahost::accounting(), start) << "run " << n;
+    failures += failed;
+    if (!reached) {
+      EXPECT_FALSE(failed) << "run " << n << " failed without the hook";
+      return failures;
+    }
+  }
+  ADD_FAILURE() << "the operation never completed";
+  return failures;
+}
+
+TEST_F(MemoryTest, SweepStructureCopiesStringArraysAndConversions) {
+  QVA_SDEF rec_def = hosttest::ensure_class("FA_RECORD", "",
+                                            {hosttest::field("ID", QVA_TYP_LONG),
+                                             {"NAMES", QVA_TYP_STRING, nullptr, {3}},
+                                             hosttest::field("REF", QVA_TYP_PTR)});
+  std::vector<QVA_HVID> made;
+  auto op = [&] {
+    QVA_VPTR rec = nullptr;
+    auto *data = QVA_MakeTempStructVector(rec_def, 2, &rec, 1);
+    for (int i = 0; i < 6; ++i)
+      QVA_StrStore(reinterpret_cast<QVA_STRING *>(data + (i / 3) * rec_def->length + 4) + i % 3,
+                   i % 3 == 1 ? "" : "name");
+    QVA_HVPTR copy = QVA_HeapVarNew(QVA_TYP_PTR, rec, 0, QVA_MSG_LONGJMP);
+    made.push_back(copy->hash_id);
+    made.push_back(QVA_HeapVarNew(QVA_TYP_PTR, rec, 1, QVA_MSG_LONGJMP)->hash_id);
+    qvahost::Variable local("FA_LOCAL");
+    QVA_VarCopy(&copy->var, local.get());
+    EXPECT_EQ(hosttest::Text(reinterpret_cast<QVA_STRING *>(local->value.s.arr->data + 4)[2]),
+              "name");
+    QVA_VPTR arr = qvahost::make_string_array({"1", "22", "333", " 4 "});
+    QVA_VarCopy(arr, QVA_Gettmp());
+    QVA_VPTR longs = QVA_CvtLng(1, &arr);
+    EXPECT_EQ(reinterpret_cast<QVA_LONG *>(longs->value.arr->data)[2], 333);
+    QVA_StrToSTRING("made");
+  };
+  auto cleanup = [&] {
+    for (QVA_HVID id : made) QVA_HeapVarDelete(id, 0, 0);
+    made.clear();
+  };
+  EXPECT_GE(Sweep(op, cleanup), 18);
 }
 
 }  // namespace

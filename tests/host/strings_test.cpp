@@ -1,17 +1,22 @@
-// String descriptors and the text table: storing, duplicating, deleting,
-// comparing, and stale references.
+// String descriptors and the text table (storing, duplicating, comparing,
+// stale references), interned identifiers, and structure definitions
+// (layout with inheritance, redefinition, tag look-up).
+#include <cstring>
 #include <vector>
 
-#include "core_fixture.h"
+#include "host_fixture.h"
 
 namespace {
 
-using coretest::CoreTest;
-using coretest::Text;
+using hosttest::CoreTest;
+using hosttest::ExpectHostError;
+using hosttest::Text;
+using hosttest::Tmp;
 
 static_assert(sizeof(QVA_STRING) == 12, "class structures rely on 12-byte strings");
 
 using StringsTest = CoreTest;
+using StructsTest = CoreTest;
 
 QVA_STRING Stored(const char *text) {
   QVA_STRING s{};
@@ -19,31 +24,25 @@ QVA_STRING Stored(const char *text) {
   return s;
 }
 
-TEST_F(StringsTest, StoreOwnsACopyAndDeleteReleasesIt) {
+TEST_F(StringsTest, StoreOwnsACopyAndEmptyStringsHoldNoText) {
   char source[] = "hello";
   QVA_STRING s = Stored(source);
   source[0] = 'J';  // the descriptor does not point at the caller's text
   EXPECT_EQ(Text(s), "hello");
   EXPECT_EQ(s.slen, 5);
-  EXPECT_NE(s.s, 0u);
   EXPECT_EQ(qvahost::accounting().texts, baseline_.texts + 1);
   QVA_StrDelete(&s, 1);
   EXPECT_EQ(s.s, 0u);
   EXPECT_EQ(s.slen, 0);
   EXPECT_STREQ(QVA_STRING_STR(&s), "");
-}
-
-TEST_F(StringsTest, EmptyStringsHoldNoText) {
-  QVA_STRING a = Stored("");
-  QVA_STRING b = Stored(nullptr);
+  QVA_STRING a = Stored(""), b = Stored(nullptr);
   EXPECT_EQ(a.s, 0u);
   EXPECT_EQ(b.slen, 0);
   EXPECT_EQ(qvahost::accounting().texts, baseline_.texts);
-  EXPECT_STREQ(QVA_STRING_STR(&a), "");
   QVA_StrDelete(&a, 1);  // nothing to release, and no complaint
 }
 
-TEST_F(StringsTest, DupGivesEveryDescriptorItsOwnText) {
+TEST_F(StringsTest, DupGivesEveryDescriptorItsOwnTextOrChangesNothing) {
   QVA_STRING arr[3] = {Stored("one"), Stored(""), Stored("three")};
   QVA_STRING shared[3] = {arr[0], arr[1], arr[2]};  // by value: shares the texts
   QVA_StrDup(shared, 3);
@@ -53,69 +52,167 @@ TEST_F(StringsTest, DupGivesEveryDescriptorItsOwnText) {
   QVA_StrDelete(arr, 3);
   EXPECT_EQ(Text(shared[0]), "one");
   EXPECT_EQ(Text(shared[2]), "three");
+  // All or nothing when a text cannot be made.
+  QVA_STRING copy[3] = {shared[0], shared[1], shared[2]};
+  qvahost::fail_allocation_after(2);
+  ExpectHostError([&] { QVA_StrDup(copy, 3); });
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(copy[i].s, shared[i].s);
+  EXPECT_EQ(qvahost::accounting().texts, baseline_.texts + 2);
   QVA_StrDelete(shared, 3);
 }
 
-TEST_F(StringsTest, DupIsAllOrNothingWhenATextCannotBeMade) {
-  QVA_STRING arr[3] = {Stored("a"), Stored("b"), Stored("c")};
-  QVA_STRING copy[3] = {arr[0], arr[1], arr[2]};
-  qvahost::fail_allocation_after(2);  // the second copy fails
-  qvatest::ExpectHostError([&] { QVA_StrDup(copy, 3); });
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(copy[i].s, arr[i].s);  // unchanged
-  EXPECT_EQ(qvahost::accounting().texts, baseline_.texts + 3);
-  QVA_StrDelete(arr, 3);
-}
-
+// Bytes compare unsigned (upper case first) and a prefix sorts first. Longer
+// texts are compared eight bytes at a time: the first differing byte decides
+// wherever it sits in a word, and decides unsigned.
 TEST_F(StringsTest, CompareIsBytewiseWithTheEmptyStringFirst) {
-  struct Case {
-    const char *a, *b;
-    int sign;
-  } cases[] = {
-      {"abc", "abd", -1}, {"abd", "abc", 1},  {"ab", "abc", -1},   {"abc", "abc", 0},
-      {"", "a", -1},      {"", "", 0},        {"B", "a", -1},      // upper case sorts first
-      {"\xff", "a", 1},   {"a\x01", "a", 1},  // bytes compare unsigned
-      // Longer texts, compared eight bytes at a time: the first differing
-      // byte decides wherever it sits in a word, and decides unsigned.
-      {"key-00000001", "key-00000002", -1}, {"key-10000000", "key-01000000", 1},
-      {"abcdefgh", "abcdefgi", -1},         {"abcdefghXbcdefgh", "abcdefghabcdefgh", -1},
-      {"azzzzzzz", "bzzzzzzz", -1},         {"zzzzzzz\x80", "zzzzzzz\x7f", 1},
-      {"\x80" "aaaaaaa", "aaaaaaaa", 1},     {"0123456789abcdef", "0123456789abcdef", 0},
-      {"0123456789abcdef", "0123456789abcde", 1}, {"01234567", "012345678", -1},
-  };
-  for (const Case &c : cases) {
-    QVA_STRING a = Stored(c.a), b = Stored(c.b);
-    int r = QVA_StrCmp(&a, &b);
-    EXPECT_EQ((r > 0) - (r < 0), c.sign) << '"' << c.a << "\" vs \"" << c.b << '"';
-    QVA_StrDelete(&a, 1);
-    QVA_StrDelete(&b, 1);
+  // clang-format off
+  const std::vector<const char *> ascending = {
+      "", "01234567", "012345678", "0123456789abcde", "0123456789abcdef", "B", "a", "a\x01",
+      "ab", "abc", "abcdefgh", "abcdefghXbcdefgh", "abcdefghabcdefgh", "abcdefgi", "abd",
+      "azzzzzzz", "bzzzzzzz", "key-00000001", "key-00000002", "key-01000000", "key-10000000",
+      "zzzzzzzz", "zzzzzzz\x7f", "zzzzzzz\x80", "\x80zzzzzzz", "\xff"};
+  // clang-format on
+  for (size_t i = 0; i < ascending.size(); ++i) {
+    for (size_t k = 0; k < ascending.size(); ++k) {
+      QVA_STRING a = Stored(ascending[i]), b = Stored(ascending[k]);
+      int r = QVA_StrCmp(&a, &b);
+      EXPECT_EQ((r > 0) - (r < 0), (i > k) - (i < k)) << ascending[i] << " vs " << ascending[k];
+      QVA_StrDelete(&a, 1);
+      QVA_StrDelete(&b, 1);
+    }
   }
 }
 
-TEST_F(StringsTest, AStaleTextReferenceIsDetected) {
+TEST_F(StringsTest, AStaleTextReferenceIsDetectedWhileTextsComeAndGo) {
   QVA_STRING s = Stored("gone soon");
   QVA_STRING stale = s;
   QVA_StrDelete(&s, 1);
   std::string err = ExpectViolations(1, [&] { EXPECT_STREQ(QVA_STRING_STR(&stale), ""); });
   EXPECT_NE(err.find("stale"), std::string::npos) << err;
-  // Comparing through it neither reads freed memory nor passes silently.
-  QVA_STRING other = Stored("x");
-  ExpectViolations(1, [&] { EXPECT_LT(QVA_StrCmp(&stale, &other), 0); });
-  // Releasing it again is refused, and the live text is not affected.
-  ExpectViolations(1, [&] { QVA_StrDelete(&stale, 1); });
-  EXPECT_EQ(Text(other), "x");
-  QVA_StrDelete(&other, 1);
-}
-
-TEST_F(StringsTest, AStaleReferenceStaysDetectedWhileTextsComeAndGo) {
-  QVA_STRING s = Stored("first");
-  QVA_STRING stale = s;
-  QVA_StrDelete(&s, 1);
   std::vector<QVA_STRING> many;
   for (int i = 0; i < 300; ++i) many.push_back(Stored("filler"));
   for (int i = 0; i < 300; i += 2) QVA_StrDelete(&many[i], 1);
   for (int i = 0; i < 300; ++i) many.push_back(Stored("more"));
-  ExpectViolations(1, [&] { QVA_STRING_STR(&stale); });
+  // Comparing through it neither reads freed memory nor passes silently;
+  // releasing it again is refused and leaves the live texts alone.
+  ExpectViolations(1, [&] { EXPECT_LT(QVA_StrCmp(&stale, &many[1]), 0); });
+  ExpectViolations(1, [&] { QVA_StrDelete(&stale, 1); });
+  EXPECT_EQ(Text(many[1]), "filler");
   for (QVA_STRING &m : many) QVA_StrDelete(&m, 1);
+}
+
+TEST_F(StringsTest, IdentifiersInternCaseInsensitivelyAndRefuseBadNames) {
+  QVA_IDENT a = QVA_IdentHash("it_Cleanup", 0, 0, 2, 0);
+  EXPECT_NE(a, 0u);
+  EXPECT_EQ(QVA_IdentHash("IT_CLEANUP", 0, QVA_IDENT_USER, 2, 0), a);
+  EXPECT_STREQ(QVA_IdentName(a), "IT_CLEANUP");
+  EXPECT_EQ(QVA_IdentHash("IT_CLEANUP_AND_MORE", 10, 0, 2, 0), a) << "a length takes a prefix";
+  qvatest::OutputCapture out;
+  for (const char *bad : {"", "1abc", "a b", "$a", "a::", "::b", "a::b::c", "a:b", "a-b"})
+    EXPECT_EQ(QVA_IdentHash(bad, 0, 0, QVA_MSG_RET, 0), 0u) << bad;
+  auto e = ExpectHostError([] { QVA_IdentHash("not valid", 0, 0, 2, 0); });
+  EXPECT_EQ(e.code, qvahost::M_BAD_IDENT);
+  EXPECT_EQ(e.text, "Invalid identifier: 'not valid'.");
+  ExpectViolations(1, [] { EXPECT_STREQ(QVA_IdentName(0x7FFFFFF0u), ""); });
+}
+
+constexpr QVA_STRUCT_TAG_DEF kEnd = {nullptr, nullptr, 0, 0};
+// clang-format off
+QVA_STRUCT_TAG_DEF kBase[] = {{"ST_BASE_TOP", nullptr, QVA_TYP_DOUBLE, 0},
+                              {"ST_BASE_VERSION", nullptr, QVA_TYP_LONG, 0}, kEnd};
+QVA_STRUCT_TAG_DEF kMiddle[] = {{"ST_BASE", nullptr, 0, QVA_STD_INHERIT},
+    {"MIDDLE_VERSION", nullptr, QVA_TYP_LONG, 0}, {"MYHANDLER", nullptr, QVA_TYP_OBJREF, 0}, kEnd};
+QVA_STRUCT_TAG_DEF kLeaf[] = {{"ST_MIDDLE", nullptr, 0, QVA_STD_INHERIT},
+    {"ST_LEAF_VERSION", nullptr, QVA_TYP_LONG, 0}, {"IS_REGISTERED", nullptr, QVA_TYP_BYTE, 0},
+    {"MESSIDENT", nullptr, QVA_TYP_PTR, 0}, {"WIDE_TOP", nullptr, QVA_TYP_LONG64, 0},
+    {"TEXT", nullptr, QVA_TYP_STRING, 0}, {"BOTTOM", nullptr, QVA_TYP_LONG64, 0},
+    {"SMALL", nullptr, QVA_TYP_INT, 0}, kEnd};
+// clang-format on
+
+// The chain ST_BASE <- ST_MIDDLE <- ST_LEAF, defined as a module would.
+QVA_SDEF DefineChain() {
+  QVA_MakeStructInternal("ST_BASE", QVA_SDEF_REUSE, kBase, QVA_MSG_LONGJMP);
+  QVA_MakeStructInternal("ST_MIDDLE", QVA_SDEF_REUSE, kMiddle, QVA_MSG_LONGJMP);
+  return QVA_MakeStructInternal("ST_LEAF", QVA_SDEF_REUSE, kLeaf, QVA_MSG_LONGJMP);
+}
+
+// Fields and their offsets, as "NAME@OFFSET " in order.
+std::string Layout(QVA_SDEF sd) {
+  std::string out;
+  for (const auto &[name, offset] : qvahost::struct_fields(sd))
+    out += name + "@" + std::to_string(offset) + " ";
+  return out;
+}
+
+TEST_F(StructsTest, SubclassFieldsContinueAfterTheLastInheritedField) {
+  QVA_SDEF leaf = DefineChain();
+  QVA_SDEF middle = qvahost::find_struct("ST_MIDDLE");
+  EXPECT_EQ(qvahost::struct_length(qvahost::find_struct("st_base")), 16);  // padded to 8
+  EXPECT_EQ(qvahost::struct_length(middle), 24);
+  EXPECT_EQ(qvahost::struct_super(leaf), middle);
+  EXPECT_EQ(qvahost::struct_super(middle), qvahost::find_struct("ST_BASE"));
+  EXPECT_EQ(Layout(leaf),
+            "ST_BASE_TOP@0 ST_BASE_VERSION@8 MIDDLE_VERSION@12 MYHANDLER@16 ST_LEAF_VERSION@20 "
+            "IS_REGISTERED@24 MESSIDENT@28 WIDE_TOP@32 TEXT@40 BOTTOM@56 SMALL@64 ");
+  EXPECT_EQ(qvahost::struct_length(leaf), 72);
+  QVA_SDEF wide = hosttest::ensure_class("ST_WIDE", "", {hosttest::field("D", QVA_TYP_DOUBLE)});
+  QVA_SDEF outer = hosttest::ensure_class("ST_OUTER", "",
+                                          {hosttest::field("FLAG", QVA_TYP_BYTE),
+                                           {"INNER", QVA_TYP_STRUCT, wide, {2}},
+                                           hosttest::field("NAME", QVA_TYP_STRING)});
+  // A structure aligns as its widest field.
+  EXPECT_EQ(Layout(outer), "FLAG@0 INNER@8 NAME@24 ");
+  EXPECT_EQ(qvahost::struct_length(outer), 40);
+  EXPECT_TRUE(outer->has_texts);
+  EXPECT_FALSE(wide->has_texts);
+}
+
+TEST_F(StructsTest, RedefinitionHandsBackTheOneDefinitionOrIsRefused) {
+  QVA_SDEF leaf = DefineChain();
+  size_t count = qvahost::sdef_all().size();
+  QVA_STRUCT_TAG_DEF copy[sizeof kLeaf / sizeof kLeaf[0]];  // the same tags from another table
+  std::memcpy(copy, kLeaf, sizeof kLeaf);
+  EXPECT_EQ(QVA_MakeStructInternal("st_leaf", QVA_SDEF_REUSE, copy, 0), leaf);
+  EXPECT_EQ(qvahost::sdef_all().size(), count);
+  EXPECT_EQ(qvahost::define_struct("ST_PLAIN", "", {hosttest::field("A", QVA_TYP_LONG)}),
+            qvahost::define_struct("ST_PLAIN", "", {hosttest::field("a", QVA_TYP_LONG)}));
+
+  QVA_STRUCT_TAG_DEF other[] = {{"ST_BASE_TOP", nullptr, QVA_TYP_DOUBLE, 0},
+                                {"ST_BASE_VERSION", nullptr, QVA_TYP_LONG64, 0},
+                                kEnd};
+  auto e = ExpectHostError(
+      [&] { QVA_MakeStructInternal("ST_BASE", QVA_SDEF_REUSE, other, QVA_MSG_LONGJMP); });
+  EXPECT_EQ(e.code, qvahost::M_STRUCT_CONFLICT);
+  EXPECT_EQ(e.text, "Conflicting data structures: ST_BASE.");
+  qvatest::OutputCapture out;
+  EXPECT_EQ(QVA_MakeStructInternal("ST_BASE", 0, kBase, QVA_MSG_RET), nullptr) << "not REUSE";
+  EXPECT_EQ(out.lines().size(), 1u);
+}
+
+TEST_F(StructsTest, TagAddressFindsInheritedFieldsCaseInsensitively) {
+  QVA_VPTR raw = nullptr;
+  char *data = QVA_MakeTempStructVector(DefineChain(), 1, &raw, 1);
+  Tmp guard(raw);
+  QVA_MEMINT offset = -1;
+  QVA_SDEF tag_sdef = raw->value.s.sdef;
+  EXPECT_EQ(QVA_StructGetTagAddress(raw, "ST_BASE_TOP", &offset, &tag_sdef, 0), data);
+  EXPECT_EQ(offset, 0);
+  EXPECT_EQ(tag_sdef, nullptr);  // not a structure field
+  EXPECT_EQ(QVA_StructGetTagAddress(raw, "myHandler", &offset, nullptr, 0), data + 16);
+  EXPECT_EQ(QVA_StructGetTagAddress(raw, "BOTTOM", nullptr, nullptr, 0), data + 56);
+  // Repeated calls with the same literal keep answering the same; the same
+  // buffer holding another name later is looked up afresh.
+  char name[32] = "MESSIDENT";
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(QVA_StructGetTagAddress(raw, name, nullptr, nullptr, 0), data + 28);
+  std::strcpy(name, "TEXT");
+  EXPECT_EQ(QVA_StructGetTagAddress(raw, name, nullptr, nullptr, 0), data + 40);
+  qvatest::OutputCapture out;
+  EXPECT_EQ(QVA_StructGetTagAddress(raw, "NOPE", nullptr, nullptr, QVA_MSG_RET), nullptr);
+  EXPECT_TRUE(out.lines().empty());
+  auto e = ExpectHostError([&] { QVA_StructGetTagAddress(raw, "NOPE", nullptr, nullptr, 2); });
+  EXPECT_EQ(e.code, qvahost::M_NO_TAG);
+  EXPECT_EQ(e.text, "Tag name NOPE is undefined for structure ST_LEAF.");
 }
 
 }  // namespace
