@@ -83,6 +83,36 @@ TEST_F(StringsTest, CompareIsBytewiseWithTheEmptyStringFirst) {
   }
 }
 
+// Texts up to 45 bytes live in their table slot, longer ones in a block of
+// their own: both must read, order, copy, reuse a slot and fail alike.
+TEST_F(StringsTest, ShortAndLongTextsBehaveAlikeAcrossTheSlotSize) {
+  std::vector<std::string> texts;  // each sorts before the previous one
+  for (size_t len = 40; len <= 52; ++len) texts.push_back(std::string(len - 1, 'k') + "z");
+  std::vector<QVA_STRING> stored, copies;
+  for (const std::string &t : texts) stored.push_back(Stored(t.c_str()));
+  copies = stored;
+  QVA_StrDup(copies.data(), static_cast<QVA_MEMINT>(copies.size()));
+  QVA_StrDelete(stored.data(), static_cast<QVA_MEMINT>(stored.size()));
+  for (size_t i = 0; i < texts.size(); ++i) {
+    EXPECT_EQ(Text(copies[i]), texts[i]);  // the copies outlive the originals
+    if (i > 0) {
+      EXPECT_GT(QVA_StrCmp(&copies[i - 1], &copies[i]), 0) << texts[i].size();
+    }
+  }
+  QVA_StrDelete(copies.data(), static_cast<QVA_MEMINT>(copies.size()));
+  for (const std::string &t : {std::string(200, 'L'), std::string("s"), std::string(45, 'm')}) {
+    QVA_STRING s{};
+    qvahost::fail_allocation_after(1);
+    ExpectHostError([&] { QVA_StrStore(&s, t.c_str()); });
+    qvahost::fail_allocation_after(0);
+    EXPECT_EQ(s.s, 0u) << t.size();
+    s = Stored(t.c_str());  // a released slot holds a text of the other kind
+    EXPECT_EQ(Text(s), t);
+    QVA_StrDelete(&s, 1);
+  }
+  EXPECT_EQ(qvahost::accounting().texts, baseline_.texts);
+}
+
 TEST_F(StringsTest, AStaleTextReferenceIsDetectedWhileTextsComeAndGo) {
   QVA_STRING s = Stored("gone soon");
   QVA_STRING stale = s;
