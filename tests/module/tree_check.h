@@ -1,24 +1,31 @@
-// tree_check.h - structural checks of the two red-black trees, shared by
-// the tests of map_rb, map_rbh and the maps over them.
-//
-// A view V names nodes by V::Id and reads their fields:
-//   flink, blink, parent, lmax, rmin (Id) -> Id
-//   red, internal, left, root, head (Id) -> bool
-//   nblack, plength (Id) -> int      (the tree's own checks)
-//   bytes (Id) -> std::string        (every field, for snapshots)
+// tree_check.h - the two red-black trees behind one interface, a checker of
+// every structural invariant, and a randomized differential run against a
+// model list (insertion by key with duplicates, positional insertion,
+// deletion and search, with the checker after every step).
 #pragma once
 
-#include <containers/maph.h>
 #include <containers/map.h>
+#include <containers/maph.h>
+#include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
 #include <map>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "qva_host.h"
+
 namespace treecheck {
 
+inline void *word(intptr_t v) { return reinterpret_cast<void *>(v); }
+inline int int_of(const void *w) { return static_cast<int>(reinterpret_cast<intptr_t>(w)); }
+
+// A view names nodes by Id and reads their fields; bytes() gives every field
+// for snapshots.
 struct RbView {
   using Id = MAP_RB_NODE *;
   static Id flink(Id n) { return n->flink; }
@@ -94,7 +101,7 @@ class Checker {
       if (e != *it) return "blink list differs from tree order";
     for (Id x : order_)
       if (V::nblack(x) != black_height_ || V::plength(x) != depth_[x])
-        return "map_rb_nblack/plength disagree with the shape";
+        return "nblack/plength disagree with the shape";
     if (entries) *entries = order_;
     return "";
   }
@@ -120,8 +127,7 @@ class Checker {
     if (V::lmax(n) != last_entry(l) || V::rmin(n) != first_entry(r)) return fail("lmax/rmin wrong");
     black_so_far_ += !V::red(n);
     int hl = walk(l, depth + 1);
-    if (hl < 0) return -1;
-    int hr = walk(r, depth + 1);
+    int hr = hl < 0 ? -1 : walk(r, depth + 1);
     if (hr < 0) return -1;
     black_so_far_ -= !V::red(n);
     if (hl != hr) return fail("black heights differ");
@@ -145,8 +151,7 @@ class Checker {
   std::set<Id> seen_;
   std::map<Id, int> depth_;
   size_t internals_ = 0;
-  int black_so_far_ = 0;
-  int black_height_ = -1;
+  int black_so_far_ = 0, black_height_ = -1;
   std::string error_;
 };
 
@@ -158,20 +163,123 @@ std::string check(typename V::Id head, std::vector<typename V::Id> *entries = nu
 // Every field of every node of the tree (head included), by node.
 template <class V>
 std::map<typename V::Id, std::string> snapshot(typename V::Id head) {
-  std::map<typename V::Id, std::string> s;
-  s[head] = V::bytes(head);
+  std::map<typename V::Id, std::string> s{{head, V::bytes(head)}};
   std::vector<typename V::Id> todo;
   if (V::parent(head) != head) todo.push_back(V::parent(head));
   while (!todo.empty()) {
     auto n = todo.back();
     todo.pop_back();
     s[n] = V::bytes(n);
-    if (V::internal(n)) {
-      todo.push_back(V::flink(n));
-      todo.push_back(V::blink(n));
-    }
+    if (V::internal(n)) todo.insert(todo.end(), {V::flink(n), V::blink(n)});
   }
   return s;
+}
+
+// The two trees behind one interface; values are the model's entry ids.
+struct RbTree {
+  using Id = MAP_RB_NODE *;
+  using View = RbView;
+  static Id make() { return map_make_rb(); }
+  static Id insert_key(Id t, int k, int id) { return map_rb_inserti(t, k, word(id)); }
+  static Id insert_b(Id n, int k, int id) { return map_rb_insert_b(n, word(k), word(id)); }
+  static Id insert_a(Id n, int k, int id) { return map_rb_insert_a(n, word(k), word(id)); }
+  static Id find(Id t, int k, int *found) { return map_rb_find_ikey_n(t, k, found); }
+  static void erase(Id e) { map_rb_delete_node(e); }
+  static void free(Id t) { map_rb_free_tree(t); }
+  static int key(Id e) { return int_of(e->key); }
+  static int id(Id e) { return int_of(map_rb_val(e)); }
+};
+
+struct RbhTree {
+  using Id = QVA_HVID;
+  using View = RbhView;
+  static Id make() { return map_make_rbh(); }
+  static Id insert_key(Id t, int k, int id) { return map_rbh_insert(t, k, id); }
+  static Id insert_b(Id n, int k, int id) { return map_rbh_insert_b(n, k, id); }
+  static Id insert_a(Id n, int k, int id) { return map_rbh_insert_a(n, k, id); }
+  static Id find(Id t, int k, int *found) { return map_rbh_find_key_n(t, k, found); }
+  static void erase(Id e) { map_rbh_delete_node(e); }
+  static void free(Id t) { map_rbh_free_tree(t); }
+  static int key(Id e) { return static_cast<int>(map_rbh_deref(e)->KEY); }
+  static int id(Id e) { return static_cast<int>(map_rbh_val(e)); }
+};
+
+// Grows a tree to about `peak` entries and shrinks it to empty, `rounds`
+// times, by random operations; the model is the list of entries in order.
+template <class T>
+void differential_run(uint32_t seed, int rounds, int peak) {
+  using Id = typename T::Id;
+  using V = typename T::View;
+  struct Entry {
+    int key, id;
+    Id node;
+  };
+  std::mt19937 rng(seed);
+  auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  const int kMaxKey = 60;  // keys stay positive: the heap tree orders them as unsigned words
+  Id tree = T::make();
+  std::vector<Entry> model;
+  int steps = 0;
+  auto position = [&](Id n) {  // index of entry n in the model, or its size for the head
+    size_t i = 0;
+    while (i < model.size() && model[i].node != n) ++i;
+    return i;
+  };
+  for (int round = 0; round < rounds && !::testing::Test::HasFailure(); ++round) {
+    for (bool grow : {true, false}) {
+      while (!::testing::Test::HasFailure() &&
+             (grow ? model.size() < size_t(peak) : !model.empty())) {
+        SCOPED_TRACE("step " + std::to_string(++steps));
+        int r = pick(0, 99), insert_pct = grow ? 70 : 25;
+        if (r < insert_pct) {  // by key, before or after a random position
+          int how = pick(0, 2), id = steps;
+          size_t i = pick(0, int(model.size())), at = i;
+          Id e{};
+          if (how == 0) {
+            e = T::insert_key(tree, pick(1, kMaxKey), id);
+            at = position(V::flink(e));  // the search chose to insert before this
+          } else {
+            Id n = i == model.size() ? tree : model[i].node;
+            if (how == 2) at = i == model.size() ? 0 : i + 1;
+            int lo = at == 0 ? 1 : model[at - 1].key;
+            int hi = at == model.size() ? kMaxKey : model[at].key;
+            e = how == 1 ? T::insert_b(n, pick(lo, hi), id) : T::insert_a(n, pick(lo, hi), id);
+            EXPECT_EQ(how == 1 ? V::flink(e) : V::blink(e), n);
+          }
+          model.insert(model.begin() + at, Entry{T::key(e), id, e});
+        } else if (r < insert_pct + 15 || model.empty()) {
+          int key = pick(0, kMaxKey + 1), found = -1;
+          Id e = T::find(tree, key, &found);
+          auto ub = std::find_if(model.begin(), model.end(), [&](auto &x) { return x.key > key; });
+          bool present = ub != model.begin() && std::prev(ub)->key == key;
+          EXPECT_EQ(found, present ? 1 : 0) << "key " << key;
+          if (present) {
+            EXPECT_EQ(T::key(e), key);
+          } else {
+            EXPECT_EQ(e, ub == model.end() ? tree : ub->node) << "not found: the first greater";
+          }
+        } else {
+          size_t i = pick(0, int(model.size()) - 1);
+          T::erase(model[i].node);
+          model.erase(model.begin() + i);
+        }
+        std::vector<Id> entries;
+        ASSERT_EQ(check<V>(tree, &entries), "");
+        ASSERT_EQ(entries.size(), model.size());
+        for (size_t i = 0; i < model.size(); ++i) {
+          ASSERT_TRUE(entries[i] == model[i].node && T::key(entries[i]) == model[i].key &&
+                      T::id(entries[i]) == model[i].id)
+              << "entry " << i << " differs from the model";
+          ASSERT_TRUE(i == 0 || model[i - 1].key <= model[i].key) << "out of order at " << i;
+        }
+      }
+    }
+  }
+  try {
+    T::free(tree);
+  } catch (const qvahost::HostError &e) {  // a tree already found broken
+    ADD_FAILURE() << "freeing the tree: " << e.text;
+  }
 }
 
 }  // namespace treecheck
