@@ -235,7 +235,7 @@ TEST_F(DsMapTest, ManyEntriesSurviveSaveResetAndRestore) {
   QVA_VarCopy(qvahost::find_main_variable("M"), map_.get());
   std::vector<QVA_HVID> entries;
   QVA_HVID tree = *qvatest::FieldOf<QVA_HVID>(map_->value.hvid, "THE_MAP");
-  EXPECT_EQ(treecheck::check<treecheck::RbhView>(tree, &entries), "");
+  EXPECT_EQ(treecheck::check<treecheck::RbhTree>(tree, &entries), "");
   EXPECT_EQ(entries.size(), size_t(n));
   EXPECT_EQ(Keys(), keys);
   EXPECT_EQ(Size(), n);
