@@ -4,15 +4,8 @@
 // SAVETEST_PROBE is a subclass whose RESTORE is a native test routine: it
 // records the call, runs the superclass's RESTORE, then does what its
 // fields ask (restore a peer through DORESTORE, destroy a victim, fail).
-#include <gtest/gtest.h>
-#include <qva/qva.h>
-
-#include <string>
-#include <vector>
-
 #include "internal.h"
 #include "module_objects.h"
-#include "qva_host.h"
 #include "test_support.h"
 
 namespace {
@@ -195,24 +188,6 @@ TEST_F(SaveableTest, FailingRestoreEndsTheArrayRestore) {
   EXPECT_EQ(g_restored, std::vector<QVA_HVID>{a.id()});
   EXPECT_EQ(Marker(a.id()), 1.0) << "its chain had begun";
   EXPECT_EQ(Marker(b.id()), 0.0) << "cleared by the first pass, never restored";
-}
-
-TEST_F(SaveableTest, MethodsRefuseADeadOrForeignObjectBeforeAnythingRuns) {
-  ObjRef dead(ScopedObject::New("SAVETEST_PROBE").id());
-  for (const char *method : {"RESTORE", "DORESTORE", "RESETRESTORED"}) {
-    SCOPED_TRACE(method);
-    EXPECT_EQ(ExpectHostError([&] { qvahost::call_method_procedure(dead, method); }).code,
-              qvahost::M_INVALID_OBJ);
-    EXPECT_EQ(ExpectHostError([&] {
-                qvahost::call_procedure(std::string("QVAFWSAVEABLE::") + method, {dead});
-              }).code,
-              qvahost::M_INVALID_OBJ);
-  }
-  EXPECT_TRUE(g_restored.empty());
-  ScopedObject foreign = ScopedObject::New("SAVETEST_FOREIGN");
-  ObjRef ref(foreign.id());
-  ExpectHostError([&] { qvahost::call_procedure("QVAFWSAVEABLE::RESTORE", {ref}); });
-  EXPECT_EQ(*FieldOf<double>(foreign.id(), "VALUE"), 0.0);
 }
 
 }  // namespace
