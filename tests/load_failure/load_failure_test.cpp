@@ -1,14 +1,10 @@
 // A load whose message block is refused: QVA_Load yields 0, registers no
 // routine, and leaves the class structures defined.  Runs in its own
 // process because a module is loaded only once.
-#include <gtest/gtest.h>
-#include <qva/qva.h>
-
 #include <string>
 
 #include "frame/qva_cobalt.h"
 #include "frame/qva_cobalt_rtn_tbl.h"
-#include "qva_host.h"
 #include "test_support.h"
 
 namespace {

@@ -1,8 +1,5 @@
-// What QVA_Load leaves in the host: the module's messages, the routine
-// tables as registered, and a session reset that keeps all of it.
-#include <gtest/gtest.h>
-#include <qva/qva.h>
-
+// What QVA_Load leaves in the host: the module's messages and the routine
+// tables as registered.
 #include <cstring>
 #include <map>
 #include <string>
@@ -10,8 +7,6 @@
 #include "frame/qva_cobalt.h"
 #include "frame/qva_cobalt_rtn_tbl.h"
 #include "framework/fw_saveable.h"
-#include "module_objects.h"
-#include "qva_host.h"
 #include "test_support.h"
 
 namespace {
@@ -22,14 +17,13 @@ class ModuleFrameTest : public qvatest::HostTest {};
 
 TEST_F(ModuleFrameTest, ModuleMessagesCarryTheirTexts) {
   ASSERT_NE(qva_cobalt_msg_block, nullptr);
-  for (auto [code, text] :
-       {std::pair{QVA_M_COBALT_DSMAP_HEAPDEREFERR, "QVAdsMap heap dereference error"},
-        std::pair{QVA_M_COBALT_FWMSG_IDCORRUPT, "FWIdent corruption"}}) {
-    EXPECT_EQ(ExpectHostError([&] {
-                QVA_MessageFromBlock(qva_cobalt_msg_block, code, QVA_MSG_LONGJMP);
-              }).text,
-              text);
-  }
+  auto text = [](int code) {
+    return ExpectHostError(
+               [&] { QVA_MessageFromBlock(qva_cobalt_msg_block, code, QVA_MSG_LONGJMP); })
+        .text;
+  };
+  EXPECT_EQ(text(QVA_M_COBALT_DSMAP_HEAPDEREFERR), "QVAdsMap heap dereference error");
+  EXPECT_EQ(text(QVA_M_COBALT_FWMSG_IDCORRUPT), "FWIdent corruption");
 
   ASSERT_EQ(msg_arr_count, 2);
   EXPECT_STREQ(msg_arr[0].name, "QVA_M_COBALT_DSMAP_HEAPDEREFERR");
@@ -80,23 +74,6 @@ TEST_F(ModuleFrameTest, RoutineTablesAreSortedAndRegisteredRowByRow) {
     }
   }
   EXPECT_EQ(saveable_rows, saveable.size());
-}
-
-TEST_F(ModuleFrameTest, SessionResetKeepsDefinitionsAndRoutines) {
-  qvahost::reset_session();
-  QVA_ResetSession();  // twice in a row is harmless
-  // The reset discards whatever the session held before this test; this
-  // test's own balance starts here.
-  baseline_ = qvahost::accounting();
-  EXPECT_NE(qva_cobalt_msg_block, nullptr);
-  for (const char *cls : {"QVAFWSAVEABLE", "QVAFWMESSAGEHANDLER", "QVADSMAP"})
-    EXPECT_NE(qvahost::find_struct(cls), nullptr) << cls;
-  EXPECT_TRUE(qvahost::routine_exists("QVAFWSAVEABLERESTOREARRAY", false));
-
-  // The module still works in the new session.
-  qvatest::DefineStructOnce("FRAMETEST_SAVEABLE", "QVAFWSAVEABLE", {});
-  qvatest::ScopedObject obj = qvatest::ScopedObject::New("FRAMETEST_SAVEABLE");
-  EXPECT_EQ(*qvatest::FieldOf<QVA_LONG>(obj.id(), "QVAFWSAVEABLE_VERSION"), 1);
 }
 
 }  // namespace
