@@ -21,9 +21,9 @@ int compare_ints(int a, int b) { return (order_of(a) > order_of(b)) - (order_of(
 int mem_compare(const void *a, const void *b) { return compare_ints(int_of(a), int_of(b)); }
 int heap_compare(QVA_HVID a, QVA_HVID b) { return compare_ints(int(a), int(b)); }
 
-struct MemMap {
+// Each map also has its tree's accessors (flink, blink, ...) for walking.
+struct MemMap : treecheck::RbTree {
   using H = MAP_RB_NODE *;
-  using Tree = treecheck::RbTree;
   static H init() { return mapInit(); }
   static H begin(H m) { return mapBegin(m); }
   static int size(H m) { return mapSize(m); }
@@ -39,13 +39,10 @@ struct MemMap {
   static H copy(H m) { return mapCopy(m, mem_compare); }
   static H range(H a, H b) { return mapRange(a, b, mem_compare); }
   static void swap(H a, H b) { mapSwap(a, b); }
-  static H next(H e) { return e->flink; }
-  static H prev(H e) { return e->blink; }
 };
 
-struct HeapMap {
+struct HeapMap : treecheck::RbhTree {
   using H = QVA_HVID;
-  using Tree = treecheck::RbhTree;
   static H init() { return maphInit(); }
   static H begin(H m) { return maphBegin(m); }
   static int size(H m) { return maphSize(m); }
@@ -61,8 +58,6 @@ struct HeapMap {
   static H copy(H m) { return maphCopy(m, heap_compare); }
   static H range(H a, H b) { return maphRange(a, b, heap_compare); }
   static void swap(H a, H b) { maphSwap(a, b); }
-  static H next(H e) { return map_rbh_deref(e)->FLINK; }
-  static H prev(H e) { return map_rbh_deref(e)->BLINK; }
 };
 
 template <class M>
@@ -73,7 +68,7 @@ class MapTest : public qvatest::HostTest {
   // Keys in map order, read by walking from the handle.
   static std::vector<int> keys(H m) {
     std::vector<int> out;
-    for (H e = M::begin(m); e != m; e = M::next(e)) out.push_back(M::key(e));
+    for (H e = M::begin(m); e != m; e = M::flink(e)) out.push_back(M::key(e));
     return out;
   }
   static H filled(std::initializer_list<int> ks) {
@@ -81,7 +76,7 @@ class MapTest : public qvatest::HostTest {
     for (int k : ks) M::insert(m, k, -k);
     return m;
   }
-  static bool valid(H m) { return check<typename M::Tree>(m).empty(); }
+  static bool valid(H m) { return check<M>(m).empty(); }
 };
 
 using MapKinds = ::testing::Types<MemMap, HeapMap>;
@@ -106,24 +101,17 @@ TYPED_TEST(MapTest, NewMapsAndNullHandles) {
   EXPECT_TRUE(M::find(none, 1) == none && M::upper(none, 1) == none && M::copy(none) == none);
 }
 
-TYPED_TEST(MapTest, InsertingAnEqualKeyReplacesTheEntry) {
-  using M = TypeParam;
-  auto m = this->filled({5, 9});
-  auto e = M::insert(m, 1005, 77);
-  EXPECT_EQ(M::size(m), 2);
-  EXPECT_EQ(M::empty(m), 0);
-  EXPECT_EQ(M::find(m, 5), e);
-  EXPECT_EQ(M::lower(m, 5), e);
-  EXPECT_EQ(M::key(e), 1005) << "the entry holds the new key word";
-  EXPECT_EQ(M::data(e), 77);
-  EXPECT_TRUE(this->valid(m));
-  M::free(m);
-}
-
-TYPED_TEST(MapTest, UpperGivesThePreviousEntryOfAFoundKey) {
+TYPED_TEST(MapTest, AnEqualKeyReplacesTheEntryAndUpperGivesThePreviousEntry) {
   using M = TypeParam;
   auto m = this->filled({30, 10, 20});
-  auto first = M::begin(m), second = M::next(first), third = M::next(second);
+  auto first = M::begin(m), second = M::flink(first), third = M::flink(second);
+  auto e = M::insert(m, 1020, 77);
+  EXPECT_EQ(M::size(m), 3);
+  EXPECT_TRUE(M::find(m, 20) == e && M::lower(m, 20) == e);
+  EXPECT_EQ(M::key(e), 1020) << "the entry holds the new key word";
+  EXPECT_EQ(M::data(e), 77);
+  EXPECT_TRUE(this->valid(m));
+  second = M::flink(first);
   EXPECT_EQ(M::upper(m, 10), typename M::H{}) << "the first entry's key";
   EXPECT_EQ(M::upper(m, 20), first);
   EXPECT_EQ(M::upper(m, 30), second);
@@ -139,10 +127,10 @@ TYPED_TEST(MapTest, ErasingDuringAWalkVisitsEveryEntryOnce) {
   for (int k = 49; k >= 0; --k) M::insert(m, k, k);
   for (int pass : {2, 1}) {  // drop the even keys, then all
     int visited = 0;
-    for (auto e = M::begin(m); e != m; e = M::next(e)) {
+    for (auto e = M::begin(m); e != m; e = M::flink(e)) {
       ++visited;
       if (M::key(e) % pass) continue;
-      auto back = M::prev(e);
+      auto back = M::blink(e);
       M::erase(e);
       e = back;
     }
@@ -161,8 +149,7 @@ TYPED_TEST(MapTest, MatchesAStdMapUnderRandomOperations) {
   auto m = M::init();
   std::map<int, int> model;
   for (int step = 0; step < 1500 && !this->HasFailure(); ++step) {
-    int key = pick(0, 120);
-    int op = pick(0, 9);
+    int key = pick(0, 120), op = pick(0, 9);
     if (op < 4) {
       M::insert(m, key + 1000 * pick(0, 2), step);
       model[key] = step;
@@ -175,21 +162,16 @@ TYPED_TEST(MapTest, MatchesAStdMapUnderRandomOperations) {
       if (e) {
         EXPECT_EQ(M::data(e), model[key]);
       }
-      auto up = M::upper(m, key);
+      // upper: the entry before a found key (null for the first), else the
+      // first greater entry (the handle above all); -1 and -2 stand for these.
       auto it = model.lower_bound(key);
-      if (it != model.end() && it->first == key) {
-        if (it == model.begin()) {
-          EXPECT_EQ(up, typename M::H{});
-        } else {
-          EXPECT_EQ(order_of(M::key(up)), std::prev(it)->first);
-        }
-      } else if (it == model.end()) {
-        EXPECT_EQ(up, m);
-      } else {
-        EXPECT_EQ(order_of(M::key(up)), it->first);
-      }
+      int want = it != model.end() && it->first == key
+                     ? (it == model.begin() ? -1 : std::prev(it)->first)
+                     : (it == model.end() ? -2 : it->first);
+      auto up = M::upper(m, key);
+      EXPECT_EQ(up == typename M::H{} ? -1 : up == m ? -2 : order_of(M::key(up)), want);
     }
-    ASSERT_EQ(check<typename M::Tree>(m), "") << "step " << step;
+    ASSERT_EQ(check<M>(m), "") << "step " << step;
     std::vector<int> expected, got;
     for (auto &[k, v] : model) expected.push_back(k);
     for (int k : this->keys(m)) got.push_back(order_of(k));

@@ -150,7 +150,7 @@ TEST_F(SaveableTest, RestoreArrayClearsEveryMarkerThenRestoresEachOnce) {
   EXPECT_EQ(g_restored, (std::vector<QVA_HVID>{a.id(), c.id()}));
 }
 
-TEST_F(SaveableTest, RestoreArrayRefusals) {
+TEST_F(SaveableTest, RestoreArrayRefusalsAndFailures) {
   ScopedObject a = ScopedObject::New("SAVETEST_PROBE");
   ScopedObject b = ScopedObject::New("SAVETEST_PROBE");
   ScopedObject foreign = ScopedObject::New("SAVETEST_FOREIGN");
@@ -176,15 +176,12 @@ TEST_F(SaveableTest, RestoreArrayRefusals) {
   EXPECT_NE(e.text.find("QVAfwSaveable"), std::string::npos) << e.text;
   EXPECT_EQ(*FieldOf<double>(foreign.id(), "VALUE"), 12.5);
   EXPECT_TRUE(g_restored.empty());
-}
 
-TEST_F(SaveableTest, FailingRestoreEndsTheArrayRestore) {
-  ScopedObject a = ScopedObject::New("SAVETEST_PROBE");
-  ScopedObject b = ScopedObject::New("SAVETEST_PROBE");
+  // A failing RESTORE ends the array restore.
   Fail(a.id()) = 1;
   Marker(b.id()) = 1.0;
-  ObjRefArray list({a.id(), b.id()});
-  EXPECT_EQ(ExpectHostError([&] { RestoreArray(list); }).text, "probe restore fails");
+  ObjRefArray pair({a.id(), b.id()});
+  EXPECT_EQ(ExpectHostError([&] { RestoreArray(pair); }).text, "probe restore fails");
   EXPECT_EQ(g_restored, std::vector<QVA_HVID>{a.id()});
   EXPECT_EQ(Marker(a.id()), 1.0) << "its chain had begun";
   EXPECT_EQ(Marker(b.id()), 0.0) << "cleared by the first pass, never restored";
