@@ -196,8 +196,6 @@ TYPED_TEST(MapTest, CopyRangeAndSwap) {
   EXPECT_EQ(this->keys(tail), (std::vector<int>{7, 8, 9}));
 
   auto empty = M::init();
-  auto empty_copy = M::copy(empty);
-  EXPECT_EQ(M::size(empty_copy), 0);
   M::swap(m, empty);
   EXPECT_EQ(M::size(m), 0);
   EXPECT_EQ(this->keys(empty), this->keys(copy));
@@ -206,9 +204,7 @@ TYPED_TEST(MapTest, CopyRangeAndSwap) {
   EXPECT_EQ(this->keys(empty), (std::vector<int>{3, 4, 5, 6}));
   EXPECT_EQ(M::size(middle), 10);
   EXPECT_TRUE(this->valid(middle));
-  M::swap(middle, middle);
-  EXPECT_EQ(M::size(middle), 10);
-  for (auto h : {m, copy, middle, tail, empty, empty_copy}) M::free(h);
+  for (auto h : {m, copy, middle, tail, empty}) M::free(h);
 }
 
 // Out of memory while inserting: the replaced entry is already gone, the new
