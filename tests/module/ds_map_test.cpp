@@ -2,7 +2,9 @@
 #include <algorithm>
 #include <random>
 
+#include "module_objects.h"
 #include "test_support.h"
+#include "tree_check.h"
 
 namespace {
 
@@ -12,56 +14,55 @@ class DsMapTest : public qvatest::FreshSessionTest {
  protected:
   void SetUp() override {
     FreshSessionTest::SetUp();
-    QVA_VPTR cls = qvahost::make_string("QVAdsMap");
-    QVA_VPTR ref = QVA_ObjNew(1, &cls, nullptr);
-    QVA_Deltmp(cls);
-    map_.take(ref);
-    ASSERT_NE(map_->value.hvid, 0u);
+    map_.take(NewMap());
   }
   void TearDown() override {
     Destroy(map_.get());
     FreshSessionTest::TearDown();
   }
+  static QVA_VPTR NewMap() {
+    QVA_VPTR cls = qvahost::make_string("QVAdsMap"), ref = QVA_ObjNew(1, &cls, nullptr);
+    QVA_Deltmp(cls);
+    return ref;
+  }
   static void Destroy(QVA_VPTR ref) { QVA_ObjDestroy(1, &ref, nullptr); }
 
-  void Insert(const std::string &key, QVA_VPTR value_tmp) {
+  // METHOD(key) as a function; the result is the caller's.
+  QVA_VPTR Function(const char *method, const std::string &key) {
     QVA_VPTR k = qvahost::make_string(key);
-    qvahost::call_method_procedure(map_.get(), "INSERT", {k, value_tmp});
+    QVA_VPTR result = qvahost::call_method_function(map_.get(), method, {k});
     QVA_Deltmp(k);
+    return result;
+  }
+  // METHOD(key[, value]) as a procedure.
+  void Procedure(const char *method, const std::string &key, QVA_VPTR value = nullptr) {
+    QVA_VPTR k = qvahost::make_string(key);
+    std::vector<QVA_VPTR> args{k};
+    if (value) args.push_back(value);
+    qvahost::call_method_procedure(map_.get(), method, args);
+    QVA_Deltmp(k);
+  }
+  void Insert(const std::string &key, QVA_VPTR value_tmp) {
+    Procedure("INSERT", key, value_tmp);
     QVA_Deltmp(value_tmp);
   }
-  // GETDATA(key), released by the caller.
-  QVA_VPTR Data(const std::string &key) {
-    QVA_VPTR k = qvahost::make_string(key);
-    QVA_VPTR v = qvahost::call_method_function(map_.get(), "GETDATA", {k});
-    QVA_Deltmp(k);
-    return v;
-  }
-  bool Exists(const std::string &key) {
-    QVA_VPTR k = qvahost::make_string(key);
-    QVA_VPTR v = qvahost::call_method_function(map_.get(), "KEYEXISTS", {k});
-    QVA_Deltmp(k);
-    EXPECT_EQ(v->type, QVA_TYP_BYTE);
-    bool yes = v->value.c != 0;
-    QVA_Deltmp(v);
-    return yes;
-  }
-  void Remove(const std::string &key) {
-    QVA_VPTR k = qvahost::make_string(key);
-    qvahost::call_method_procedure(map_.get(), "REMOVE", {k});
-    QVA_Deltmp(k);
-  }
-  QVA_LONG Size() {
-    QVA_VPTR v = qvahost::call_method_function(map_.get(), "GETSIZE");
-    EXPECT_EQ(v->type, QVA_TYP_LONG);
-    QVA_LONG n = v->value.l;
-    QVA_Deltmp(v);
+  void Remove(const std::string &key) { Procedure("REMOVE", key); }
+  QVA_VPTR Data(const std::string &key) { return Function("GETDATA", key); }
+  // The integer value of a result that must be of type `type`, released.
+  static QVA_LONG Take(QVA_VPTR result, int type) {
+    EXPECT_EQ(result->type, type);
+    QVA_LONG n = qvahost::integer_value(result);
+    QVA_Deltmp(result);
     return n;
   }
+  QVA_LONG LongData(const std::string &key) { return Take(Data(key), QVA_TYP_LONG); }
+  bool Exists(const std::string &key) { return Take(Function("KEYEXISTS", key), QVA_TYP_BYTE); }
+  QVA_LONG Size() {
+    return Take(qvahost::call_method_function(map_.get(), "GETSIZE"), QVA_TYP_LONG);
+  }
   std::vector<std::string> Keys(QVA_VPTR count = nullptr) {
-    std::vector<QVA_VPTR> args;
-    if (count) args.push_back(count);
-    QVA_VPTR v = qvahost::call_method_function(map_.get(), "GETKEYS", args);
+    QVA_VPTR v = qvahost::call_method_function(
+        map_.get(), "GETKEYS", count ? std::vector<QVA_VPTR>{count} : std::vector<QVA_VPTR>{});
     std::vector<std::string> keys;
     if (v->flags & QVA_V_ARR) {
       auto *s = reinterpret_cast<QVA_STRING *>(v->value.arr->data);
@@ -77,27 +78,27 @@ class DsMapTest : public qvatest::FreshSessionTest {
   qvahost::Variable map_{"M"};
 };
 
-TEST_F(DsMapTest, KeysComeBackInStringOrderWhateverTheInsertionOrder) {
+TEST_F(DsMapTest, KeysInStringOrderReplaceAndMissingKeys) {
+  // GETKEYS of an empty map sets the count, an array before, to a LONG 0.
+  qvahost::Variable count("N");
+  count.take(qvahost::make_long_array({1, 2, 3}));
+  EXPECT_TRUE(Keys(count.get()).empty());
+  EXPECT_TRUE(count->type == QVA_TYP_LONG && !(count->flags & QVA_V_ARR) && count->value.l == 0);
+
   std::vector<std::string> keys = {"pear", "Apple", "apple", "", "b", "a b", "zz", "z", "10", "9"};
-  std::mt19937 rng(7);
-  std::shuffle(keys.begin(), keys.end(), rng);
-  for (size_t i = 0; i < keys.size(); ++i) Insert(keys[i], qvahost::make_long(static_cast<QVA_LONG>(i)));
+  std::shuffle(keys.begin(), keys.end(), std::mt19937(7));
+  for (size_t i = 0; i < keys.size(); ++i) Insert(keys[i], qvahost::make_long(QVA_LONG(i)));
   std::vector<std::string> sorted = keys;
   std::sort(sorted.begin(), sorted.end());  // byte order, as the host compares strings
-  EXPECT_EQ(Keys(), sorted);
-  EXPECT_EQ(Size(), static_cast<QVA_LONG>(keys.size()));
-  for (size_t i = 0; i < keys.size(); ++i) {
-    QVA_VPTR v = Data(keys[i]);
-    EXPECT_EQ(qvahost::integer_value(v), static_cast<QVA_LONG>(i)) << keys[i];
-    QVA_Deltmp(v);
-  }
-}
+  count.take(qvahost::make_string("was a string"));
+  EXPECT_EQ(Keys(count.get()), sorted);
+  EXPECT_TRUE(count->type == QVA_TYP_LONG && count->value.l == QVA_LONG(keys.size()));
+  EXPECT_EQ(Size(), QVA_LONG(keys.size()));
+  for (size_t i = 0; i < keys.size(); ++i) EXPECT_EQ(LongData(keys[i]), QVA_LONG(i)) << keys[i];
 
-TEST_F(DsMapTest, ReplaceKeepsTheSizeAndMissingKeysAreHarmless) {
-  Insert("k", qvahost::make_long(1));
-  Insert("k", qvahost::make_string("two"));
-  EXPECT_EQ(Size(), 1);
-  QVA_VPTR v = Data("k");
+  Insert("pear", qvahost::make_string("two"));
+  EXPECT_EQ(Size(), QVA_LONG(keys.size())) << "a replacement keeps the size";
+  QVA_VPTR v = Data("pear");
   EXPECT_EQ(qvahost::string_value(v), "two");
   QVA_Deltmp(v);
 
@@ -106,53 +107,32 @@ TEST_F(DsMapTest, ReplaceKeepsTheSizeAndMissingKeysAreHarmless) {
   QVA_Deltmp(v);
   EXPECT_FALSE(Exists("missing"));
   Remove("missing");
-  EXPECT_EQ(Size(), 1);
-  EXPECT_TRUE(Exists("k"));
-  Remove("k");
-  EXPECT_FALSE(Exists("k"));
-  EXPECT_EQ(Size(), 0);
+  EXPECT_EQ(Size(), QVA_LONG(keys.size()));
+  EXPECT_TRUE(Exists("pear"));
+  Remove("pear");
+  EXPECT_FALSE(Exists("pear"));
+  EXPECT_EQ(Size(), QVA_LONG(keys.size() - 1));
 }
 
-TEST_F(DsMapTest, GetKeysOnAnEmptyMapSetsTheCountToLongZero) {
-  qvahost::Variable count("N");
-  count.take(qvahost::make_long_array({1, 2, 3}));
-  EXPECT_TRUE(Keys(count.get()).empty());
-  EXPECT_EQ(count->type, QVA_TYP_LONG);
-  EXPECT_FALSE(count->flags & QVA_V_ARR);
-  EXPECT_EQ(count->value.l, 0);
-
-  Insert("a", qvahost::make_long(1));
-  Insert("b", qvahost::make_long(2));
-  count.take(qvahost::make_string("was a string"));
-  EXPECT_EQ(Keys(count.get()), (std::vector<std::string>{"a", "b"}));
-  EXPECT_EQ(count->type, QVA_TYP_LONG);
-  EXPECT_EQ(count->value.l, 2);
-}
-
-TEST_F(DsMapTest, ValuesOfEveryTypeAreCopies) {
-  QVA_SDEF pt = qvahost::define_struct("DSMAP_TEST_PT", "", {{"X", QVA_TYP_DOUBLE, nullptr, {}}, {"NAME", QVA_TYP_STRING, nullptr, {}}});
+TEST_F(DsMapTest, ValuesOfEveryTypeAreCopiesAndReferencesMayDangle) {
+  QVA_SDEF pt = qvahost::define_struct("DSMAP_TEST_PT", "", {{"X", QVA_TYP_DOUBLE, nullptr, {}}});
   QVA_VPTR s;
-  auto *data = reinterpret_cast<QVA_UCHAR *>(QVA_MakeTempStructVector(pt, 2, &s, 1));
-  *reinterpret_cast<double *>(data) = 1.5;
-  QVA_StrStore(static_cast<QVA_STRING *>(QVA_StructGetTagAddress(s, "NAME", nullptr, nullptr, 2)), "first");
+  *reinterpret_cast<double *>(QVA_MakeTempStructVector(pt, 2, &s, 1)) = 1.5;
   Insert("struct", s);
   Insert("array", qvahost::make_long_array({4, 5, 6}));
-  Insert("text", qvahost::make_string("t"));
   Insert("real", qvahost::make_double(-0.25));
+  QVA_VPTR other = NewMap();
+  QVA_HVID id = other->value.hvid;
+  Insert("obj", other);  // the object lives on
 
   QVA_VPTR v = Data("struct");
   ASSERT_TRUE(v->flags & QVA_V_STRUCT);
   EXPECT_EQ(v->value.s.arr->n_elts, 2);
-  EXPECT_EQ(*reinterpret_cast<double *>(v->value.s.arr->data), 1.5);
-  EXPECT_STREQ(QVA_STRING_STR(static_cast<QVA_STRING *>(QVA_StructGetTagAddress(v, "NAME", nullptr, nullptr, 2))),
-               "first");
-  // Changing the returned copy does not change the map.
-  *reinterpret_cast<double *>(v->value.s.arr->data) = 9;
+  *reinterpret_cast<double *>(v->value.s.arr->data) = 9;  // changes the copy only
   QVA_Deltmp(v);
   v = Data("struct");
   EXPECT_EQ(*reinterpret_cast<double *>(v->value.s.arr->data), 1.5);
   QVA_Deltmp(v);
-
   v = Data("array");
   ASSERT_TRUE(v->flags & QVA_V_ARR);
   EXPECT_EQ(reinterpret_cast<QVA_LONG *>(v->value.arr->data)[2], 6);
@@ -160,15 +140,8 @@ TEST_F(DsMapTest, ValuesOfEveryTypeAreCopies) {
   v = Data("real");
   EXPECT_EQ(qvahost::double_value(v), -0.25);
   QVA_Deltmp(v);
-}
 
-TEST_F(DsMapTest, ObjectReferencesAreStoredAsReferencesAndMayDangle) {
-  QVA_VPTR cls = qvahost::make_string("QVAdsMap");
-  QVA_VPTR other = QVA_ObjNew(1, &cls, nullptr);
-  QVA_Deltmp(cls);
-  QVA_HVID id = other->value.hvid;
-  Insert("obj", other);  // released by Insert; the object lives on
-  QVA_VPTR v = Data("obj");
+  v = Data("obj");
   EXPECT_EQ(v->type, QVA_TYP_OBJREF);
   EXPECT_EQ(v->value.hvid, id);
   Destroy(v);
@@ -183,18 +156,15 @@ TEST_F(DsMapTest, DeletedEntryVariableGivesHeapDereferenceError) {
   Insert("a", qvahost::make_long(1));
   Insert("b", qvahost::make_long(2));
   // Find the key heap variable of a new entry "c", as language code could
-  // reach it, and free it.
+  // reach it, and delete it.
   std::vector<QVA_HVID> before = qvahost::heap_ids();
   Insert("c", qvahost::make_long(3));
-  std::vector<QVA_HVID> after = qvahost::heap_ids();
-  // The newest heap variables belong to "c": delete its key variable.
-  std::vector<QVA_HVID> added;
-  std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(added));
-  ASSERT_FALSE(added.empty());
   QVA_HVID key_var = 0;
-  for (QVA_HVID id : added) {
+  for (QVA_HVID id : qvahost::heap_ids()) {
     QVA_HVPTR h = QVA_HeapVarHashFind(id);
-    if (h->var.type == QVA_TYP_STRING && qvahost::string_value(&h->var) == "c") key_var = id;
+    if (!std::binary_search(before.begin(), before.end(), id) && h->var.type == QVA_TYP_STRING &&
+        qvahost::string_value(&h->var) == "c")
+      key_var = id;
   }
   ASSERT_NE(key_var, 0u);
   QVA_HeapVarDelete(key_var, 0, 0);
@@ -206,16 +176,14 @@ TEST_F(DsMapTest, DeletedEntryVariableGivesHeapDereferenceError) {
   int64_t live = qvahost::accounting().heap_vars;
   Destroy(map_.get());
   EXPECT_EQ(QVA_ObjValidate(map_->value.hvid, QVA_MSG_RET), nullptr);
-  // Three entries: five tree nodes and the head, three values, two keys
-  // (the third was deleted), and the object itself.
+  // Five tree nodes and the head, three values, two keys, the object.
   EXPECT_EQ(qvahost::accounting().heap_vars, live - 12);
 }
 
 TEST_F(DsMapTest, WrongTypedKeysAreRefusedAndChangeNothing) {
   Insert("a", qvahost::make_long(1));
   qvahost::Accounting before = qvahost::accounting();
-  QVA_VPTR n = qvahost::make_long(1);
-  QVA_VPTR arr = qvahost::make_string_array({"a", "b"});
+  QVA_VPTR n = qvahost::make_long(1), arr = qvahost::make_string_array({"a", "b"});
   QVA_VPTR val = qvahost::make_long(2);
   for (QVA_VPTR key : {n, arr}) {
     ExpectHostError([&] { qvahost::call_method_procedure(map_.get(), "INSERT", {key, val}); });
@@ -240,22 +208,13 @@ TEST_F(DsMapTest, ManyEntriesSurviveSaveResetAndRestore) {
 
   qvahost::restore_from_bytes(bytes.data(), bytes.size());
   QVA_VarCopy(qvahost::find_main_variable("M"), map_.get());
+  std::vector<QVA_HVID> entries;
+  QVA_HVID tree = *qvatest::FieldOf<QVA_HVID>(map_->value.hvid, "THE_MAP");
+  EXPECT_EQ(treecheck::check<treecheck::RbhTree>(tree, &entries), "");
+  EXPECT_EQ(entries.size(), size_t(n));
   EXPECT_EQ(Keys(), keys);
   EXPECT_EQ(Size(), n);
-  QVA_VPTR v = Data("key" + std::to_string(3 * 7919 % 1000));
-  EXPECT_EQ(qvahost::integer_value(v), 3);
-  QVA_Deltmp(v);
-}
-
-TEST_F(DsMapTest, CleanupDeletesEveryHeapVariableOfTheMap) {
-  qvahost::Accounting empty_map = qvahost::accounting();
-  for (int i = 0; i < 50; ++i) Insert("k" + std::to_string(i), qvahost::make_long(i));
-  Destroy(map_.get());
-  EXPECT_EQ(qvahost::accounting().heap_vars, empty_map.heap_vars - 2)
-      << "the map's nodes, keys and values went with it (and the object and its head)";
-  QVA_VPTR cls = qvahost::make_string("QVAdsMap");
-  map_.take(QVA_ObjNew(1, &cls, nullptr));
-  QVA_Deltmp(cls);
+  EXPECT_EQ(LongData("key" + std::to_string(3 * 7919 % 1000)), 3);
 }
 
 }  // namespace

@@ -9,37 +9,29 @@ using qvatest::ExpectHostError;
 // Each test starts from a session without identifiers.
 class IdentTest : public qvatest::FreshSessionTest {
  protected:
-  // GET_FWIDENT(text): the identifier's heap identifier.
-  static QVA_HVID Get(const std::string &text) {
-    QVA_VPTR s = qvahost::make_string(text);
-    QVA_VPTR p = qvahost::call_function("GET_FWIDENT", {s});
-    QVA_Deltmp(s);
-    EXPECT_EQ(p->type, QVA_TYP_PTR);
-    QVA_HVID id = p->value.hvid;
-    QVA_Deltmp(p);
+  // ROUTINE(arg) of a function giving a pointer; `arg` is released.
+  static QVA_HVID PtrFunction(const char *routine, QVA_VPTR arg) {
+    QVA_VPTR r = qvahost::call_function(routine, {arg});
+    QVA_Deltmp(arg);
+    EXPECT_EQ(r->type, QVA_TYP_PTR);
+    QVA_HVID id = r->value.hvid;
+    QVA_Deltmp(r);
     return id;
   }
+  static void Procedure(const char *routine, QVA_VPTR arg) {
+    qvahost::call_procedure(routine, {arg});
+    QVA_Deltmp(arg);
+  }
+  static QVA_HVID Get(const std::string &text) {
+    return PtrFunction("GET_FWIDENT", qvahost::make_string(text));
+  }
   static QVA_HVID Rollover(QVA_HVID id) {
-    QVA_VPTR p = qvahost::make_ptr(id);
-    QVA_VPTR r = qvahost::call_function("ROLLOVER_FWIDENT", {p});
-    QVA_Deltmp(p);
-    EXPECT_EQ(r->type, QVA_TYP_PTR);
-    QVA_HVID out = r->value.hvid;
-    QVA_Deltmp(r);
-    return out;
+    return PtrFunction("ROLLOVER_FWIDENT", qvahost::make_ptr(id));
   }
-  static void WithPtr(const char *routine, QVA_HVID id) {
-    QVA_VPTR p = qvahost::make_ptr(id);
-    qvahost::call_procedure(routine, {p});
-    QVA_Deltmp(p);
-  }
-  static void Release(QVA_HVID id) { WithPtr("FWIDENT_RELEASE", id); }
-  static void Acquire(QVA_HVID id) { WithPtr("FWIDENT_ACQUIRE", id); }
+  static void Release(QVA_HVID id) { Procedure("FWIDENT_RELEASE", qvahost::make_ptr(id)); }
+  static void Acquire(QVA_HVID id) { Procedure("FWIDENT_ACQUIRE", qvahost::make_ptr(id)); }
   static void Collect() { qvahost::call_procedure("FWIDENT_GC"); }
-  static void Collect(QVA_VPTR full) {
-    qvahost::call_procedure("FWIDENT_GC", {full});
-    QVA_Deltmp(full);
-  }
+  static void Collect(QVA_VPTR full) { Procedure("FWIDENT_GC", full); }
   static bool Alive(QVA_HVID id) { return QVA_HeapVarHashFind(id) != nullptr; }
   static std::string Text(QVA_HVID id) {
     QVA_HVPTR h = QVA_HeapVarHashFind(id);
@@ -49,12 +41,13 @@ class IdentTest : public qvatest::FreshSessionTest {
 
 TEST_F(IdentTest, EqualTextsShareOneIdentifierCountedTwice) {
   QVA_HVID a = Get("Button Pressed");
-  QVA_HVID b = Get("Button Pressed");
+  EXPECT_EQ(Get("Button Pressed"), a);
   QVA_HVID other = Get("button pressed");
-  EXPECT_EQ(a, b);
   EXPECT_NE(a, other) << "texts are compared exactly, case included";
   EXPECT_EQ(Text(a), "Button Pressed");
   EXPECT_TRUE(QVA_HeapVarHashFind(a)->flags & QVA_HV_HELD);
+  qvahost::heap_gc();
+  EXPECT_TRUE(Alive(a)) << "the heap's collection keeps identifiers";
 
   Release(a);
   Collect();
@@ -62,23 +55,13 @@ TEST_F(IdentTest, EqualTextsShareOneIdentifierCountedTwice) {
   Release(a);
   Collect();
   EXPECT_FALSE(Alive(a)) << "the second release drops the count to 0";
-  EXPECT_TRUE(Alive(other));
-}
 
-TEST_F(IdentTest, HeapGarbageCollectionKeepsIdentifiers) {
-  QVA_HVID a = Get("kept");
-  qvahost::heap_gc();
-  EXPECT_TRUE(Alive(a));
-}
-
-TEST_F(IdentTest, ReleaseBelowZeroIsCollectedNextTime) {
-  QVA_HVID a = Get("x");
-  Release(a);
-  Release(a);  // count -1
-  EXPECT_TRUE(Alive(a)) << "only a collection deletes identifiers";
-  Acquire(a);  // back to 0: still collectable
+  Release(other);
+  Release(other);  // count -1
+  EXPECT_TRUE(Alive(other)) << "only a collection deletes identifiers";
+  Acquire(other);  // back to 0: collected next time
   Collect();
-  EXPECT_FALSE(Alive(a));
+  EXPECT_FALSE(Alive(other));
 }
 
 TEST_F(IdentTest, RolloverOfCurrentIdentifierReturnsItAndCountsAHolder) {
@@ -89,15 +72,25 @@ TEST_F(IdentTest, RolloverOfCurrentIdentifierReturnsItAndCountsAHolder) {
   EXPECT_TRUE(Alive(a)) << "the rollover counted one more holder";
   EXPECT_EQ(Rollover(0), 0u);
   EXPECT_EQ(Rollover(0x7fffff00u), 0u) << "an identifier naming nothing rolls over to null";
+
+  // A target that is no string was never interned.
+  QVA_VPTR n = qvahost::make_long(5);
+  QVA_HVID h = QVA_HeapVarNew(QVA_TYP_PTR, n, 1, QVA_MSG_LONGJMP)->hash_id;
+  QVA_Deltmp(n);
+  EXPECT_EQ(Rollover(h), 0u);
+  Release(h);  // nothing happens
+  Acquire(h);
+  Collect();
+  EXPECT_TRUE(Alive(h)) << "a collection never deletes what it did not intern";
+  QVA_HeapVarDelete(h, 0, 0);
 }
 
 TEST_F(IdentTest, RolloverOfRestoredIdentifierInternsAndRetiresTheOldOne) {
   for (bool reset_between : {true, false}) {
     SCOPED_TRACE(reset_between ? "restore after a reset" : "restore into the same session");
     QVA_HVID original = Get("Saved Message");
-    QVA_VPTR keep = qvahost::main_variable("P");
     QVA_VPTR p = qvahost::make_ptr(original);
-    QVA_VarCopy(p, keep);
+    QVA_VarCopy(p, qvahost::main_variable("P"));
     QVA_Deltmp(p);
     std::vector<uint8_t> bytes = qvahost::save_variables_to_bytes({"P"});
     if (reset_between) qvahost::reset_session();
@@ -123,44 +116,27 @@ TEST_F(IdentTest, RolloverOfRestoredIdentifierInternsAndRetiresTheOldOne) {
   }
 }
 
-TEST_F(IdentTest, RolloverOfANonStringTargetInternsNothing) {
-  QVA_VPTR n = qvahost::make_long(5);
-  QVA_HVID h = QVA_HeapVarNew(QVA_TYP_PTR, n, 1, QVA_MSG_LONGJMP)->hash_id;
-  QVA_Deltmp(n);
-  EXPECT_EQ(Rollover(h), 0u);
-  Release(h);  // not interned: nothing happens
-  Acquire(h);
-  Collect();
-  EXPECT_TRUE(Alive(h)) << "a collection never deletes what it did not intern";
-  QVA_HeapVarDelete(h, 0, 0);
-}
-
-TEST_F(IdentTest, OnlyTheValueOneMakesACollectionFull) {
+TEST_F(IdentTest, OnlyTheValueOneMakesACollectionFullAndResetCollectsAll) {
   QVA_HVID a = Get("held");
-  Collect(qvahost::make_long(2));
-  Collect(qvahost::make_long(0));
-  Collect(qvahost::make_double(0.5));
+  for (QVA_VPTR v : {qvahost::make_long(2), qvahost::make_long(0), qvahost::make_double(0.5)})
+    Collect(v);
   EXPECT_TRUE(Alive(a));
   Collect(qvahost::make_string("1"));
   EXPECT_FALSE(Alive(a)) << "a full collection deletes held identifiers too";
-
   QVA_HVID again = Get("held");
   EXPECT_NE(again, a) << "after a full collection the text gets a new heap variable";
   EXPECT_TRUE(Alive(again));
-}
 
-TEST_F(IdentTest, SessionResetCollectsEverything) {
-  std::vector<QVA_HVID> ids = {Get("a"), Get("b"), Get("c")};
+  std::vector<QVA_HVID> ids = {again, Get("b"), Get("c")};
   qvahost::reset_session();
   for (QVA_HVID id : ids) EXPECT_FALSE(Alive(id));
   qvahost::reset_session();  // a second reset finds nothing to do
-  EXPECT_NE(Get("a"), ids[0]);
+  EXPECT_NE(Get("held"), ids[0]);
 }
 
 TEST_F(IdentTest, WrongArgumentTypesAreRefusedAndChangeNothing) {
   qvahost::Accounting before = qvahost::accounting();
-  QVA_VPTR n = qvahost::make_long(3);
-  QVA_VPTR arr = qvahost::make_string_array({"a", "b"});
+  QVA_VPTR n = qvahost::make_long(3), arr = qvahost::make_string_array({"a", "b"});
   QVA_VPTR s = qvahost::make_string("a");
   EXPECT_NE(ExpectHostError([&] { qvahost::call_function("GET_FWIDENT", {n}); }).text.find("tring"),
             std::string::npos);

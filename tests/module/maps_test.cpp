@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "test_support.h"
-#include "tree_random.h"
+#include "tree_check.h"
 
 namespace {
 
@@ -18,17 +18,14 @@ using treecheck::word;
 // (5 and 1005) can be equal keys.
 int order_of(int k) { return k % 1000; }
 int compare_ints(int a, int b) { return (order_of(a) > order_of(b)) - (order_of(a) < order_of(b)); }
-int mem_compare(const void *key, const void *stored) { return compare_ints(int_of(key), int_of(stored)); }
-int heap_compare(QVA_HVID key, QVA_HVID stored) {
-  return compare_ints(static_cast<int>(key), static_cast<int>(stored));
-}
+int mem_compare(const void *a, const void *b) { return compare_ints(int_of(a), int_of(b)); }
+int heap_compare(QVA_HVID a, QVA_HVID b) { return compare_ints(int(a), int(b)); }
 
-struct MemMap {
+// Each map also has its tree's accessors (flink, blink, ...) for walking.
+struct MemMap : treecheck::RbTree {
   using H = MAP_RB_NODE *;
-  using View = treecheck::RbView;
   static H init() { return mapInit(); }
   static H begin(H m) { return mapBegin(m); }
-  static H end(H m) { return mapEnd(m); }
   static int size(H m) { return mapSize(m); }
   static int empty(H m) { return mapEmpty(m); }
   static void erase(H e) { mapErase(e); }
@@ -42,16 +39,12 @@ struct MemMap {
   static H copy(H m) { return mapCopy(m, mem_compare); }
   static H range(H a, H b) { return mapRange(a, b, mem_compare); }
   static void swap(H a, H b) { mapSwap(a, b); }
-  static H next(H e) { return e->flink; }
-  static H prev(H e) { return e->blink; }
 };
 
-struct HeapMap {
+struct HeapMap : treecheck::RbhTree {
   using H = QVA_HVID;
-  using View = treecheck::RbhView;
   static H init() { return maphInit(); }
   static H begin(H m) { return maphBegin(m); }
-  static H end(H m) { return maphEnd(m); }
   static int size(H m) { return maphSize(m); }
   static int empty(H m) { return maphEmpty(m); }
   static void erase(H e) { maphErase(e); }
@@ -65,20 +58,17 @@ struct HeapMap {
   static H copy(H m) { return maphCopy(m, heap_compare); }
   static H range(H a, H b) { return maphRange(a, b, heap_compare); }
   static void swap(H a, H b) { maphSwap(a, b); }
-  static H next(H e) { return map_rbh_deref(e)->FLINK; }
-  static H prev(H e) { return map_rbh_deref(e)->BLINK; }
 };
 
 template <class M>
 class MapTest : public qvatest::HostTest {
  protected:
   using H = typename M::H;
-  using V = typename M::View;
 
   // Keys in map order, read by walking from the handle.
   static std::vector<int> keys(H m) {
     std::vector<int> out;
-    for (H e = M::begin(m); e != m; e = M::next(e)) out.push_back(M::key(e));
+    for (H e = M::begin(m); e != m; e = M::flink(e)) out.push_back(M::key(e));
     return out;
   }
   static H filled(std::initializer_list<int> ks) {
@@ -86,67 +76,42 @@ class MapTest : public qvatest::HostTest {
     for (int k : ks) M::insert(m, k, -k);
     return m;
   }
-  // Runs `make`, counting a host error as a failure (the heap map's node
-  // creation raises one, the in-memory map returns null).
-  static H attempt(const std::function<H()> &make) {
-    try {
-      return make();
-    } catch (const qvahost::HostError &) {
-      return H{};
-    }
-  }
+  static bool valid(H m) { return check<M>(m).empty(); }
 };
 
 using MapKinds = ::testing::Types<MemMap, HeapMap>;
 TYPED_TEST_SUITE(MapTest, MapKinds);
 
-TYPED_TEST(MapTest, ANewMapIsEmpty) {
-  using M = TypeParam;
-  auto m = M::init();
-  ASSERT_NE(m, typename M::H{});
-  EXPECT_EQ(M::begin(m), m);
-  EXPECT_EQ(M::end(m), m);
-  EXPECT_EQ(M::size(m), 0);
-  EXPECT_EQ(M::empty(m), 1);
-  EXPECT_EQ(M::find(m, 3), typename M::H{});
-  EXPECT_EQ(M::upper(m, 3), m);
-  M::free(m);
-}
-
-TYPED_TEST(MapTest, InsertingAnEqualKeyReplacesTheEntry) {
-  using M = TypeParam;
-  auto m = this->filled({5, 9});
-  auto e = M::insert(m, 1005, 77);
-  EXPECT_EQ(M::size(m), 2);
-  EXPECT_EQ(M::find(m, 5), e);
-  EXPECT_EQ(M::lower(m, 5), e);
-  EXPECT_EQ(M::key(e), 1005) << "the entry holds the new key word";
-  EXPECT_EQ(M::data(e), 77);
-  EXPECT_EQ(M::empty(m), 0);
-  EXPECT_EQ(check<typename M::View>(m), "");
-  M::free(m);
-}
-
-TYPED_TEST(MapTest, NullHandlesAndEntriesAreAccepted) {
+TYPED_TEST(MapTest, NewMapsAndNullHandles) {
   using M = TypeParam;
   const typename M::H none{};
+  auto m = M::init();
+  ASSERT_NE(m, none);
+  EXPECT_EQ(M::begin(m), m);
+  EXPECT_EQ(M::size(m), 0);
+  EXPECT_EQ(M::empty(m), 1);
+  EXPECT_EQ(M::find(m, 3), none);
+  EXPECT_EQ(M::upper(m, 3), m);
+  M::free(m);
+
   M::erase(none);
   M::free(none);
-  EXPECT_EQ(M::data(none), 0);
-  EXPECT_EQ(M::key(none), 0);
-  EXPECT_EQ(M::find(none, 1), none);
-  EXPECT_EQ(M::upper(none, 1), none);
-  EXPECT_EQ(M::size(none), 0);
+  EXPECT_TRUE(M::data(none) == 0 && M::key(none) == 0 && M::size(none) == 0);
   EXPECT_EQ(M::empty(none), 1);
-  EXPECT_EQ(M::copy(none), none);
+  EXPECT_TRUE(M::find(none, 1) == none && M::upper(none, 1) == none && M::copy(none) == none);
 }
 
-TYPED_TEST(MapTest, UpperGivesThePreviousEntryOfAFoundKey) {
+TYPED_TEST(MapTest, AnEqualKeyReplacesTheEntryAndUpperGivesThePreviousEntry) {
   using M = TypeParam;
   auto m = this->filled({30, 10, 20});
-  auto first = M::begin(m);
-  auto second = M::next(first);
-  auto third = M::next(second);
+  auto first = M::begin(m), second = M::flink(first), third = M::flink(second);
+  auto e = M::insert(m, 1020, 77);
+  EXPECT_EQ(M::size(m), 3);
+  EXPECT_TRUE(M::find(m, 20) == e && M::lower(m, 20) == e);
+  EXPECT_EQ(M::key(e), 1020) << "the entry holds the new key word";
+  EXPECT_EQ(M::data(e), 77);
+  EXPECT_TRUE(this->valid(m));
+  second = M::flink(first);
   EXPECT_EQ(M::upper(m, 10), typename M::H{}) << "the first entry's key";
   EXPECT_EQ(M::upper(m, 20), first);
   EXPECT_EQ(M::upper(m, 30), second);
@@ -160,25 +125,20 @@ TYPED_TEST(MapTest, ErasingDuringAWalkVisitsEveryEntryOnce) {
   using M = TypeParam;
   auto m = M::init();
   for (int k = 49; k >= 0; --k) M::insert(m, k, k);
-  std::vector<int> visited;
-  for (auto e = M::begin(m); e != m; e = M::next(e)) {  // drop the odd keys
-    visited.push_back(M::key(e));
-    if (M::key(e) % 2) {
-      auto back = M::prev(e);
+  for (int pass : {2, 1}) {  // drop the even keys, then all
+    int visited = 0;
+    for (auto e = M::begin(m); e != m; e = M::flink(e)) {
+      ++visited;
+      if (M::key(e) % pass) continue;
+      auto back = M::blink(e);
       M::erase(e);
       e = back;
     }
-  }
-  EXPECT_EQ(visited.size(), 50u);
-  EXPECT_EQ(M::size(m), 25);
-  EXPECT_EQ(check<typename M::View>(m), "");
-  for (auto e = M::begin(m); e != m; e = M::next(e)) {  // and then all
-    auto back = M::prev(e);
-    M::erase(e);
-    e = back;
+    EXPECT_EQ(visited, pass == 2 ? 50 : 25);
+    EXPECT_EQ(M::size(m), pass == 2 ? 25 : 0);
+    EXPECT_TRUE(this->valid(m));
   }
   EXPECT_EQ(M::empty(m), 1);
-  EXPECT_EQ(check<typename M::View>(m), "");
   M::free(m);
 }
 
@@ -189,8 +149,7 @@ TYPED_TEST(MapTest, MatchesAStdMapUnderRandomOperations) {
   auto m = M::init();
   std::map<int, int> model;
   for (int step = 0; step < 1500 && !this->HasFailure(); ++step) {
-    int key = pick(0, 120);
-    int op = pick(0, 9);
+    int key = pick(0, 120), op = pick(0, 9);
     if (op < 4) {
       M::insert(m, key + 1000 * pick(0, 2), step);
       model[key] = step;
@@ -203,24 +162,18 @@ TYPED_TEST(MapTest, MatchesAStdMapUnderRandomOperations) {
       if (e) {
         EXPECT_EQ(M::data(e), model[key]);
       }
-      auto up = M::upper(m, key);
+      // upper: the entry before a found key (null for the first), else the
+      // first greater entry (the handle above all); -1 and -2 stand for these.
       auto it = model.lower_bound(key);
-      if (it != model.end() && it->first == key) {
-        if (it == model.begin()) {
-          EXPECT_EQ(up, typename M::H{});
-        } else {
-          EXPECT_EQ(order_of(M::key(up)), std::prev(it)->first);
-        }
-      } else if (it == model.end()) {
-        EXPECT_EQ(up, m);
-      } else {
-        EXPECT_EQ(order_of(M::key(up)), it->first);
-      }
+      int want = it != model.end() && it->first == key
+                     ? (it == model.begin() ? -1 : std::prev(it)->first)
+                     : (it == model.end() ? -2 : it->first);
+      auto up = M::upper(m, key);
+      EXPECT_EQ(up == typename M::H{} ? -1 : up == m ? -2 : order_of(M::key(up)), want);
     }
-    ASSERT_EQ(check<typename M::View>(m), "") << "step " << step;
-    std::vector<int> expected;
+    ASSERT_EQ(check<M>(m), "") << "step " << step;
+    std::vector<int> expected, got;
     for (auto &[k, v] : model) expected.push_back(k);
-    std::vector<int> got;
     for (int k : this->keys(m)) got.push_back(order_of(k));
     ASSERT_EQ(got, expected) << "step " << step;
   }
@@ -235,71 +188,55 @@ TYPED_TEST(MapTest, CopyRangeAndSwap) {
   ASSERT_NE(copy, m);
   EXPECT_EQ(this->keys(copy), this->keys(m));
   EXPECT_EQ(M::data(M::find(copy, 4)), -4);
-  EXPECT_EQ(check<typename M::View>(copy), "");
+  EXPECT_TRUE(this->valid(copy));
 
-  auto e3 = M::find(m, 3), e6 = M::find(m, 6), e7 = M::find(m, 7);
-  auto middle = M::range(e3, e6);
+  auto middle = M::range(M::find(m, 3), M::find(m, 6));
   EXPECT_EQ(this->keys(middle), (std::vector<int>{3, 4, 5, 6}));
-  auto tail = M::range(e7, m);
+  auto tail = M::range(M::find(m, 7), m);
   EXPECT_EQ(this->keys(tail), (std::vector<int>{7, 8, 9}));
 
   auto empty = M::init();
-  auto empty_copy = M::copy(empty);
-  EXPECT_EQ(M::size(empty_copy), 0);
   M::swap(m, empty);
   EXPECT_EQ(M::size(m), 0);
   EXPECT_EQ(this->keys(empty), this->keys(copy));
-  EXPECT_EQ(check<typename M::View>(m), "");
-  EXPECT_EQ(check<typename M::View>(empty), "");
+  EXPECT_TRUE(this->valid(m) && this->valid(empty));
   M::swap(empty, middle);
   EXPECT_EQ(this->keys(empty), (std::vector<int>{3, 4, 5, 6}));
   EXPECT_EQ(M::size(middle), 10);
-  EXPECT_EQ(check<typename M::View>(middle), "");
-  M::swap(middle, middle);
-  EXPECT_EQ(M::size(middle), 10);
-  for (auto h : {m, copy, middle, tail, empty, empty_copy}) M::free(h);
+  EXPECT_TRUE(this->valid(middle));
+  for (auto h : {m, copy, middle, tail, empty}) M::free(h);
 }
 
-// Out of memory while inserting: the replaced entry is already gone, the
-// new one is not there, and once the map is freed nothing remains.
-TYPED_TEST(MapTest, AFailedReplacementLeavesTheKeyAbsent) {
+// Out of memory while inserting: the replaced entry is already gone, the new
+// one is not there.  A copy given up on is released.  Nothing remains.
+TYPED_TEST(MapTest, AllocationFailuresLeakNothing) {
   using M = TypeParam;
   int failures = 0;
   for (int n = 1; n < 100; ++n) {
     const qvahost::Accounting usage = qvahost::accounting();
     auto m = this->filled({1, 2, 3, 4, 5});
-    qvahost::fail_allocation_after(n);
-    auto e = this->attempt([&] { return M::insert(m, 1003, 9); });
-    qvahost::fail_allocation_after(0);
+    auto e = treecheck::fail_after(n, [&] { return M::insert(m, 1003, 9); });
     if (!e) {
       ++failures;
-      EXPECT_EQ(M::find(m, 3), typename M::H{});
       EXPECT_EQ(this->keys(m), (std::vector<int>{1, 2, 4, 5}));
-      EXPECT_EQ(check<typename M::View>(m), "");
+      EXPECT_TRUE(this->valid(m));
     }
     M::free(m);
     EXPECT_EQ(qvahost::accounting(), usage) << "allocation " << n;
     if (e) break;
   }
   EXPECT_GE(failures, 2);
-}
 
-TYPED_TEST(MapTest, ACopyGivenUpOnIsReleased) {
-  using M = TypeParam;
   auto m = this->filled({1, 2, 3, 4, 5});
-  int failures = 0;
-  for (int n = 1; n < 200; ++n) {
+  for (failures = 0; failures < 200; ++failures) {
     const qvahost::Accounting usage = qvahost::accounting();
-    qvahost::fail_allocation_after(n);
-    auto copy = this->attempt([&] { return M::copy(m); });
-    qvahost::fail_allocation_after(0);
+    auto copy = treecheck::fail_after(failures + 1, [&] { return M::copy(m); });
     if (copy) {
       EXPECT_EQ(this->keys(copy), this->keys(m));
       M::free(copy);
       break;
     }
-    ++failures;
-    EXPECT_EQ(qvahost::accounting(), usage) << "allocation " << n;
+    EXPECT_EQ(qvahost::accounting(), usage) << "allocation " << failures + 1;
   }
   EXPECT_GE(failures, 10) << "the head and two nodes per entry after the first";
   M::free(m);
