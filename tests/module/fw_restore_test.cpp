@@ -56,7 +56,7 @@ class RestoreTest : public FwTest {
     qvahost::call_procedure("QVAFWSAVEABLERESTOREARRAY", {qvatest::ObjRefArray(ids)});
   }
   static Ids Sent(QVA_HVID msg) {
-    Log().clear();
+    g_log.clear();
     Send(msg);
     return Selves();
   }
@@ -111,18 +111,18 @@ TEST_F(RestoreTest, EachRestoreRunsOnceWhateverTheArrayAndThePeers) {
   const Ids r = SaveResetRestore(Build());
   // X restores Y as its peer before Y's turn; X and Y appear twice.
   RestoreArray({r[kX], r[kA], r[kX], r[kB], r[kY], r[kZ], r[kQ], r[kM1], r[kM2], r[kY]});
-  EXPECT_EQ(Restored(), (Ids{r[kX], r[kY], r[kZ], r[kQ]}));
+  EXPECT_EQ(g_restored, (Ids{r[kX], r[kY], r[kZ], r[kQ]}));
   for (QVA_HVID id : r) EXPECT_EQ(FieldRef<double>(id, "QVAFWSAVEABLE_TOP"), 1.0) << id;
   EXPECT_EQ(Sent(r[kM1]), (Ids{r[kX], r[kY]}));
 
   // An element destroyed by an earlier element's RESTORE is skipped.
   const Ids again = SaveResetRestore(Build());
-  Restored().clear();
-  Hook() = [&](QVA_HVID self, QVA_VPTR) {
+  g_restored.clear();
+  g_hook = [&](QVA_HVID self, QVA_VPTR) {
     if (self == again[kZ]) Destroy(again[kQ]);
   };
   RestoreArray({again[kZ], again[kQ], again[kX], again[kM1]});
-  EXPECT_EQ(Restored(), (Ids{again[kZ], again[kX], again[kY]}));
+  EXPECT_EQ(g_restored, (Ids{again[kZ], again[kX], again[kY]}));
   EXPECT_FALSE(Alive(again[kQ]));
 }
 

@@ -27,7 +27,7 @@ TEST_F(ScopingTest, ScopingAtAMiddleHandlerPullsTheBehaviourDownAndRetiresTheTop
   const QVA_HVID x = NewBehavior("M", {.handler = b_});
   const QVA_HVID top = TopLevel();
   ASSERT_NE(top, 0u) << "made for the registration";
-  EXPECT_EQ(IsScoped(top, "M"), 1) << "scoped there automatically";
+  EXPECT_TRUE(IsScoped(top, "M")) << "scoped there automatically";
   EXPECT_EQ(Behaviors(top, "M"), Ids{x});
   const QVA_HVID m = IdentOf("M");
   EXPECT_TRUE(SurvivesRelease(m, 1)) << "held by X and by the top's scope";
@@ -40,7 +40,7 @@ TEST_F(ScopingTest, ScopingAtAMiddleHandlerPullsTheBehaviourDownAndRetiresTheTop
   EXPECT_TRUE(SurvivesRelease(m, 1)) << "the top unscoped, A scoped";
 
   Unscope(a_, "M");
-  EXPECT_EQ(IsScoped(a_, "M"), 0);
+  EXPECT_FALSE(IsScoped(a_, "M"));
   const QVA_HVID new_top = TopLevel();
   ASSERT_NE(new_top, 0u);
   EXPECT_NE(new_top, top);
@@ -70,7 +70,7 @@ TEST_F(ScopingTest, ScopingMovesOnlyTheBehavioursWhoseChainPassesThroughTheNewSc
       << "Y's chain does not pass A, and what is not registered is not moved";
   Unscope(a, "M");
   EXPECT_EQ(Behaviors(c, "M"), (Ids{x, y, added}));
-  EXPECT_EQ(IsScoped(a, "M"), 0);
+  EXPECT_FALSE(IsScoped(a, "M"));
 }
 
 // Scoping below the top-level handler once deleted and remade it while it
@@ -101,16 +101,19 @@ TEST_F(ScopingTest, IsScopedAndScopedMessagesLookAtThisHandlerOnly) {
   EXPECT_EQ(Behaviors(b_, "M"), Ids{x});
   EXPECT_EQ(ScopedMessages(a_), Texts{});
   Scope(a_, "N");
-  EXPECT_EQ(IsScoped(a_, "N"), 1);
-  EXPECT_EQ(IsScoped(b_, "N"), 0) << "scoped above is not scoped here";
-  EXPECT_EQ(IsScoped(a_, "n"), 0) << "texts compare exactly";
-  EXPECT_EQ(IsScoped(a_, "M"), 0) << "nor is scoped below";
+  EXPECT_TRUE(IsScoped(a_, "N"));
+  EXPECT_FALSE(IsScoped(b_, "N")) << "scoped above is not scoped here";
+  EXPECT_FALSE(IsScoped(a_, "n")) << "texts compare exactly";
+  EXPECT_FALSE(IsScoped(a_, "M")) << "nor is scoped below";
+  NewMessage("By Message", a_, true);
+  EXPECT_TRUE(IsScoped(a_, "By Message")) << "SCOPE on a message scopes it at its handler";
 
   for (const char *text : {"pear", "Apple", "apple", "", "b a", "10", "9"}) Scope(a_, text);
-  EXPECT_EQ(ScopedMessages(a_), (Texts{"", "10", "9", "Apple", "N", "apple", "b a", "pear"}));
+  EXPECT_EQ(ScopedMessages(a_),
+            (Texts{"", "10", "9", "Apple", "By Message", "N", "apple", "b a", "pear"}));
   Unscope(a_, "apple");
   Unscope(a_, "");
-  EXPECT_EQ(ScopedMessages(a_), (Texts{"10", "9", "Apple", "N", "b a", "pear"}));
+  EXPECT_EQ(ScopedMessages(a_), (Texts{"10", "9", "Apple", "By Message", "N", "b a", "pear"}));
 }
 
 TEST_F(ScopingTest, RegistrationLandsAtTheNearestScopeAndRemovalSearchesUpward) {
@@ -125,7 +128,7 @@ TEST_F(ScopingTest, RegistrationLandsAtTheNearestScopeAndRemovalSearchesUpward) 
   Proc(x, "UNREGISTER");  // harmless
   EXPECT_FALSE(IsRegistered(x));
   EXPECT_EQ(Behaviors(a_, "M"), Ids{});
-  EXPECT_EQ(IsScoped(a_, "M"), 1) << "only the top-level handler unscopes when emptied";
+  EXPECT_TRUE(IsScoped(a_, "M")) << "only the top-level handler unscopes when emptied";
 
   // ADDBEHAVIOR and REMOVEBEHAVIOR walk the chain and leave the mark alone.
   const QVA_HVID y = NewBehavior("M", {.register_it = false});
@@ -156,7 +159,7 @@ TEST_F(ScopingTest, ChangingTheStringOfARegisteredBehaviourMovesItsRegistration)
   const QVA_HVID x = NewBehavior("Old", {.handler = b_});
   const QVA_HVID top = TopLevel();
   ASSERT_EQ(Behaviors(top, "Old"), Ids{x});
-  SetMessageString(x, "New");
+  Proc(x, "SETMESSAGESTRING", {Str("New")});
   EXPECT_EQ(MessageString(x), "New");
   EXPECT_TRUE(IsRegistered(x));
   EXPECT_EQ(Behaviors(a_, "New"), Ids{x});
@@ -164,9 +167,9 @@ TEST_F(ScopingTest, ChangingTheStringOfARegisteredBehaviourMovesItsRegistration)
   SendText(b_, "Old");
   SendText(b_, "New");
   EXPECT_EQ(Selves(), Ids{x});
-  // Unregistered, it just takes the new string.
+  // Unregistered, it only takes the new string.
   const QVA_HVID y = NewBehavior("Old", {.handler = b_, .register_it = false});
-  SetMessageString(y, "New");
+  Proc(y, "SETMESSAGESTRING", {Str("New")});
   EXPECT_FALSE(IsRegistered(y));
   EXPECT_EQ(Behaviors(a_, "New"), Ids{x});
 }
@@ -189,22 +192,11 @@ TEST_F(ScopingTest, CleanupUnregistersABehaviourAndAHandlerMarksItsBehavioursUnr
   Destroy(y);
 }
 
-TEST_F(ScopingTest, KeywordsAndDefaults) {
-  const QVA_HVID msg = NewMessage("Scoped By Message", b_, true);
-  EXPECT_EQ(IsScoped(b_, "Scoped By Message"), 1) << "SCOPE scopes the final string";
-  EXPECT_EQ(IsScoped(b_, "Generic Message"), 0);
-  EXPECT_EQ(MessageString(msg), "Scoped By Message");
-  EXPECT_EQ(MessageString(New(kMessage)), "Generic Message");
-  const QVA_HVID beh = New(kRecorder);
-  EXPECT_EQ(MessageString(beh), "Generic Message");
-  EXPECT_FALSE(IsRegistered(beh));
-}
-
 TEST_F(ScopingTest, StringDesignatorsLeaveNoReferenceBehind) {
   const QVA_HVID x = NewBehavior("Held", {.handler = a_, .scope = true});
   const QVA_HVID held = IdentOf("Held");
   Proc(a_, "SENDMESSAGE", {Str("Transient")});
-  EXPECT_EQ(IsScoped(a_, "Transient Too"), 0);
+  EXPECT_FALSE(IsScoped(a_, "Transient Too"));
   EXPECT_EQ(Behaviors(a_, "Transient Three"), Ids{});
   Unscope(a_, "Transient Four");
   SendText(a_, "Held");

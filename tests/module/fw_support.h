@@ -1,23 +1,19 @@
-// Shared helpers for the message framework and behaviour kind tests, driving
-// the classes through their registered routines as the language calls them.
+// Helpers for the message framework and behaviour kind tests, which drive the
+// classes through their registered routines as the language calls them.
 //
-// FWTEST_RECORDER inherits QVAFWBEHAVIOR.  Its EXECUTE appends an Exec record
-// to Log() (the argument as received) and then runs Hook(), a test's way of
-// acting from inside a dispatch.  Its RESTORE appends self to Restored(), runs
-// Hook() (without argument), the base RESTORE, then DORESTORE on the object in
-// its PEER field, if any.
-// Native targets record into Calls(): BTEST_TARGET::PING (0 or 1 argument),
-// procedure BTEST_PROC and function BTEST_FUNC (which returns a new string);
-// OnNextCall() runs once inside the next of them.
+// Native routines record each call in g_log and then run g_hook, a test's way
+// of acting from inside a dispatch: FWTEST_RECORDER::EXECUTE (a behaviour
+// class), BTEST_TARGET::PING (0 or 1 argument), procedure BTEST_PROC and
+// function BTEST_FUNC (which returns a new string).  FWTEST_RECORDER::RESTORE
+// appends self to g_restored, runs g_hook (without argument), the base RESTORE,
+// then DORESTORE on the object in its PEER field, if any.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <qva/qva.h>
 
 #include <functional>
-#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "framework/fw_messhndlr.h"
@@ -32,66 +28,40 @@ inline constexpr const char *kHandler = "QVAFWMESSAGEHANDLER";
 inline constexpr const char *kMessage = "QVAFWMESSAGE";
 inline constexpr const char *kBehavior = "QVAFWBEHAVIOR";
 
-struct Exec {
-  QVA_HVID self = 0;
-  QVA_VPTR arg = nullptr;  // the variable received, nullptr without one
-  int type = 0;            // its type when received
-  bool temporary = false;  // QVA_V_TEMP when received
-  QVA_LONG64 value = 0;    // its value when a scalar integer
-};
-struct TargetCall {
-  std::string target;  // "PING", "BTEST_PROC", "BTEST_FUNC"
-  QVA_HVID self = 0;   // the object, for PING
-  int args = 0;        // positional arguments after self
-  QVA_VPTR arg = nullptr;
-  std::string value;  // the argument, Printed
-};
+// A value as the tests compare it: "L:7", "S:text", "O:12", "U"...
+inline std::string Printed(QVA_VPTR v) {
+  const int t = v->type;
+  if (v->flags & QVA_V_NOT_SCALAR) return "ARRAY";
+  if (t == QVA_TYP_UNDEF) return "U";
+  if (t == QVA_TYP_BYTE) return "B:" + std::to_string(v->value.c);
+  if (t == QVA_TYP_INT) return "I:" + std::to_string(v->value.i);
+  if (t == QVA_TYP_LONG) return "L:" + std::to_string(v->value.l);
+  if (t == QVA_TYP_STRING) return "S:" + qvahost::string_value(v);
+  if (t == QVA_TYP_OBJREF) return "O:" + std::to_string(v->value.hvid);
+  return "T" + std::to_string(t);
+}
 
-// One process-wide value per type and tag.
-template <typename T, int kTag = 0>
-T &Static() {
-  static T value;
-  return value;
-}
-inline std::vector<Exec> &Log() { return Static<std::vector<Exec>>(); }
-inline std::function<void(QVA_HVID, QVA_VPTR)> &Hook() {
-  return Static<std::function<void(QVA_HVID, QVA_VPTR)>>();
-}
-inline std::vector<QVA_HVID> &Restored() { return Static<std::vector<QVA_HVID>, 1>(); }
-inline std::vector<TargetCall> &Calls() { return Static<std::vector<TargetCall>>(); }
-inline std::function<void()> &OnNextCall() { return Static<std::function<void()>>(); }
+struct Exec {
+  std::string routine;     // "EXECUTE", "PING", "BTEST_PROC", "BTEST_FUNC"
+  QVA_HVID self = 0;       // the object, for methods
+  int args = 0;            // positional arguments after self
+  QVA_VPTR arg = nullptr;  // the first of them as received, and its value
+  std::string value;       // (Printed) and temporary flag then
+  bool temporary = false;
+};
+inline std::vector<Exec> g_log;
+inline std::function<void(QVA_HVID self, QVA_VPTR arg)> g_hook;
+inline std::vector<QVA_HVID> g_restored;
 inline std::vector<QVA_HVID> Selves() {
   std::vector<QVA_HVID> out;
-  for (const Exec &e : Log()) out.push_back(e.self);
+  for (const Exec &e : g_log) out.push_back(e.self);
   return out;
 }
-
-// A value as the tests compare it: "L:7", "S:text", "D:2.5", "O:12", "U"...
-inline std::string Printed(QVA_VPTR v) {
-  if (v->flags & QVA_V_NOT_SCALAR) return "ARRAY";
-  std::ostringstream os;
-  switch (v->type) {
-    case QVA_TYP_UNDEF:
-      return "U";
-    case QVA_TYP_BYTE:
-      os << "B:" << int(v->value.c);
-      break;
-    case QVA_TYP_LONG:
-      os << "L:" << v->value.l;
-      break;
-    case QVA_TYP_DOUBLE:
-      os << "D:" << v->value.d;
-      break;
-    case QVA_TYP_STRING:
-      os << "S:" << qvahost::string_value(v);
-      break;
-    case QVA_TYP_OBJREF:
-      os << "O:" << v->value.hvid;
-      break;
-    default:
-      os << "T" << int(v->type);
-  }
-  return os.str();
+inline QVA_VPTR Record(const char *routine, QVA_HVID self, int args, QVA_VPTR arg) {
+  g_log.push_back(
+      {routine, self, args, arg, arg ? Printed(arg) : "", arg && (arg->flags & QVA_V_TEMP) != 0});
+  if (auto hook = g_hook) hook(self, arg);  // a copy: the hook may replace itself
+  return nullptr;
 }
 
 // A temporary released at the end of the scope.
@@ -110,19 +80,14 @@ class Tmp {
 
 // Temporaries owned by the test, released by ReleaseTemps() (at the latest in
 // TearDown).
-inline std::vector<QVA_VPTR> &Temps() { return Static<std::vector<QVA_VPTR>>(); }
-inline QVA_VPTR Own(QVA_VPTR tmp) { return Temps().emplace_back(tmp); }
+inline std::vector<QVA_VPTR> g_temps;
+inline QVA_VPTR Own(QVA_VPTR tmp) { return g_temps.emplace_back(tmp); }
 inline QVA_VPTR Str(const std::string &s) { return Own(qvahost::make_string(s)); }
 inline QVA_VPTR Long(QVA_LONG v) { return Own(qvahost::make_long(v)); }
 inline QVA_VPTR Ref(QVA_HVID id) { return Own(qvahost::make_objref(id)); }
 inline void ReleaseTemps() {
-  for (QVA_VPTR t : Temps()) QVA_Deltmp(t);
-  Temps().clear();
-}
-
-inline void RecordCall(const char *target, QVA_HVID self, int args, QVA_VPTR arg) {
-  Calls().push_back({target, self, args, arg, arg ? Printed(arg) : ""});
-  if (auto action = std::exchange(OnNextCall(), nullptr)) action();
+  for (QVA_VPTR t : g_temps) QVA_Deltmp(t);
+  g_temps.clear();
 }
 
 // Defines the test classes and routines once per process.
@@ -133,41 +98,24 @@ inline void Define() {
   if (qvahost::routine_exists("FWTEST_RECORDER::EXECUTE", false)) return;
   using qvahost::define_routine;
   define_routine("FWTEST_RECORDER::RESTORE", false, 1, 1, false, [](int, QVA_VPTR argv[], auto) {
-    Restored().push_back(argv[0]->value.hvid);
-    if (auto h = Hook()) h(argv[0]->value.hvid, nullptr);
+    g_restored.push_back(argv[0]->value.hvid);
+    if (auto hook = g_hook) hook(argv[0]->value.hvid, nullptr);
     qvahost::call_procedure("QVAFWBEHAVIOR::RESTORE", {argv[0]});
-    if (QVA_HVID peer = *qvatest::FieldOf<QVA_HVID>(argv[0]->value.hvid, "PEER")) {
-      qvatest::ObjRef ref(peer);
-      qvahost::call_method_procedure(ref, "DORESTORE");
-    }
+    if (QVA_HVID peer = *qvatest::FieldOf<QVA_HVID>(argv[0]->value.hvid, "PEER"))
+      qvahost::call_method_procedure(qvatest::ObjRef(peer), "DORESTORE");
     return QVA_VPTR{};
   });
-  define_routine("FWTEST_RECORDER::EXECUTE", false, 1, 2, false,
-                 [](int argc, QVA_VPTR argv[], auto) {
-                   Exec e{argv[0]->value.hvid};
-                   if (argc >= 2) {
-                     QVA_VPTR a = e.arg = argv[1];
-                     e.type = a->type;
-                     e.temporary = (a->flags & QVA_V_TEMP) != 0;
-                     if (!(a->flags & QVA_V_NOT_SCALAR) &&
-                         (a->type == QVA_TYP_LONG || a->type == QVA_TYP_INT ||
-                          a->type == QVA_TYP_BYTE || a->type == QVA_TYP_LONG64))
-                       e.value = qvahost::integer_value(a);
-                   }
-                   Log().push_back(e);
-                   if (auto h = Hook()) h(e.self, e.arg);
-                   return QVA_VPTR{};
-                 });
-  define_routine("BTEST_TARGET::PING", false, 1, 2, false, [](int argc, QVA_VPTR argv[], auto) {
-    RecordCall("PING", argv[0]->value.hvid, argc - 1, argc > 1 ? argv[1] : nullptr);
-    return QVA_VPTR{};
+  define_routine("FWTEST_RECORDER::EXECUTE", false, 1, 2, false, [](int n, QVA_VPTR v[], auto) {
+    return Record("EXECUTE", v[0]->value.hvid, n - 1, n > 1 ? v[1] : nullptr);
   });
-  define_routine("BTEST_PROC", false, 0, 1, false, [](int argc, QVA_VPTR argv[], auto) {
-    RecordCall("BTEST_PROC", 0, argc, argc > 0 ? argv[0] : nullptr);
-    return QVA_VPTR{};
+  define_routine("BTEST_TARGET::PING", false, 1, 2, false, [](int n, QVA_VPTR v[], auto) {
+    return Record("PING", v[0]->value.hvid, n - 1, n > 1 ? v[1] : nullptr);
   });
-  define_routine("BTEST_FUNC", true, 0, 1, false, [](int argc, QVA_VPTR argv[], auto) {
-    RecordCall("BTEST_FUNC", 0, argc, argc > 0 ? argv[0] : nullptr);
+  define_routine("BTEST_PROC", false, 0, 1, false, [](int n, QVA_VPTR v[], auto) {
+    return Record("BTEST_PROC", 0, n, n > 0 ? v[0] : nullptr);
+  });
+  define_routine("BTEST_FUNC", true, 0, 1, false, [](int n, QVA_VPTR v[], auto) {
+    Record("BTEST_FUNC", 0, n, n > 0 ? v[0] : nullptr);
     return qvahost::make_string("a result the caller must release");
   });
 }
@@ -175,12 +123,12 @@ inline void Define() {
 // ------------------------------------------------------------ objects
 
 // Every object a test makes; TearDown takes them down through CLEANUP.
-inline std::vector<QVA_HVID> &Made() { return Static<std::vector<QVA_HVID>, 2>(); }
+inline std::vector<QVA_HVID> g_made;
 
 // OBJ_NEW(cls, KEYWORDS...).
 inline QVA_HVID New(const std::string &cls, const qvahost::Keywords &kw = {}) {
   Tmp ref(qvahost::new_object(cls, {}, kw));
-  return Made().emplace_back(ref->value.hvid);
+  return g_made.emplace_back(ref->value.hvid);
 }
 inline qvahost::Keywords Under(QVA_HVID handler, qvahost::Keywords kw = {}) {
   if (handler) kw.push_back({"HANDLER", Ref(handler)});
@@ -230,12 +178,7 @@ inline QVA_VPTR Func(QVA_HVID self, const std::string &method, std::vector<QVA_V
 inline std::string Call(QVA_HVID self, const std::string &method, std::vector<QVA_VPTR> args = {}) {
   return Printed(Tmp(Func(self, method, std::move(args))));
 }
-inline QVA_HVID CallId(QVA_HVID self, const std::string &method) {
-  Tmp r(Func(self, method));
-  EXPECT_EQ(r->type, QVA_TYP_OBJREF);
-  return r->value.hvid;
-}
-inline QVA_HVID HandlerOf(QVA_HVID obj) { return CallId(obj, "HANDLER"); }
+inline QVA_HVID HandlerOf(QVA_HVID obj) { return Tmp(Func(obj, "HANDLER"))->value.hvid; }
 inline void SetHandler(QVA_HVID obj, QVA_HVID handler) { Proc(obj, "SETHANDLER", {Ref(handler)}); }
 inline void Send(QVA_HVID message, QVA_VPTR arg = nullptr) {
   Proc(message, "SEND", arg ? std::vector<QVA_VPTR>{arg} : std::vector<QVA_VPTR>{});
@@ -252,21 +195,11 @@ inline void Scope(QVA_HVID handler, const std::string &text) {
 inline void Unscope(QVA_HVID handler, const std::string &text) {
   Proc(handler, "UNSCOPEMESSAGE", {Str(text)});
 }
-inline void SetMessageString(QVA_HVID obj, const std::string &text) {
-  Proc(obj, "SETMESSAGESTRING", {Str(text)});
-}
 
-// The readers below leave no temporary behind.
-inline int IsScoped(QVA_HVID handler, const std::string &text) {
-  Tmp s(qvahost::make_string(text)), r(Func(handler, "ISSCOPED", {s}));
-  EXPECT_EQ(r->type, QVA_TYP_INT);
-  return static_cast<int>(qvahost::integer_value(r));
+inline bool IsScoped(QVA_HVID handler, const std::string &text) {
+  return Call(handler, "ISSCOPED", {Str(text)}) == "I:1";
 }
-inline bool IsRegistered(QVA_HVID behavior) {
-  Tmp r(Func(behavior, "ISREGISTERED"));
-  EXPECT_EQ(r->type, QVA_TYP_BYTE);
-  return r->value.c != 0;
-}
+inline bool IsRegistered(QVA_HVID behavior) { return Call(behavior, "ISREGISTERED") == "B:1"; }
 inline std::string MessageString(QVA_HVID obj) {
   return qvahost::string_value(Tmp(Func(obj, "MESSAGESTRING")));
 }
@@ -284,7 +217,7 @@ inline std::vector<std::string> ScopedMessages(QVA_HVID handler) {
 }
 // BEHAVIORS(text): the listed behaviours; empty for the null object.
 inline std::vector<QVA_HVID> Behaviors(QVA_HVID handler, const std::string &text) {
-  Tmp s(qvahost::make_string(text)), r(Func(handler, "BEHAVIORS", {s}));
+  Tmp r(Func(handler, "BEHAVIORS", {Str(text)}));
   EXPECT_EQ(r->type, QVA_TYP_OBJREF);
   if (!(r->flags & QVA_V_ARR)) {
     EXPECT_EQ(r->value.hvid, 0u) << "a scalar result is the null object";
@@ -298,13 +231,10 @@ inline std::vector<QVA_HVID> Behaviors(QVA_HVID handler, const std::string &text
 
 // GET_FWIDENT(text): counts one more holder.
 inline QVA_HVID GetIdent(const std::string &text) {
-  Tmp s(qvahost::make_string(text)), p(qvahost::call_function("GET_FWIDENT", {s}));
-  EXPECT_EQ(p->type, QVA_TYP_PTR);
-  return p->value.hvid;
+  return Own(qvahost::call_function("GET_FWIDENT", {Str(text)}))->value.hvid;
 }
 inline void IdentRoutine(const char *routine, QVA_HVID id) {
-  Tmp p(qvahost::make_ptr(id));
-  qvahost::call_procedure(routine, {p});
+  qvahost::call_procedure(routine, {Own(qvahost::make_ptr(id))});
 }
 inline void CollectIdents() { qvahost::call_procedure("FWIDENT_GC"); }
 // The identifier of `text` without counting a holder.
@@ -334,15 +264,15 @@ class FwTest : public qvatest::HostTest {
   void SetUp() override {
     qvahost::reset_session();
     Define();
-    Log().clear(), Restored().clear(), Calls().clear(), Made().clear();
-    Hook() = nullptr, OnNextCall() = nullptr;
+    g_log.clear(), g_restored.clear(), g_made.clear();
+    g_hook = nullptr;
     HostTest::SetUp();
   }
   void TearDown() override {
-    Hook() = nullptr, OnNextCall() = nullptr;
+    g_hook = nullptr;
     ReleaseTemps();
     if (!session_replaced_) {
-      for (auto it = Made().rbegin(); it != Made().rend(); ++it)
+      for (auto it = g_made.rbegin(); it != g_made.rend(); ++it)
         if (QVA_ObjValidate(*it, QVA_MSG_RET)) Destroy(*it);
       // One made for a HANDLER question and never scoped anything goes here.
       if (QVA_HVID top = TopLevel()) {
