@@ -13,7 +13,6 @@ namespace fwtest {
 namespace {
 
 using qvatest::ExpectHostError;
-using Ids = std::vector<QVA_HVID>;
 
 class BehaviourKindsTest : public FwTest {
  protected:
@@ -209,7 +208,7 @@ TEST_F(BehaviourKindsTest, QueriesAnsweredByNoneOneAndTwoBehavioursOverwriteInPl
   const QVA_HVID first = Registered("QVAfwQueryBehav", "ASK", {{"RESPONSE", v.get()}});
   v.take(qvahost::make_long(6));
   EXPECT_EQ(Call(first, "RESPONSE"), "L:1") << "a copy: changing v changes nothing";
-  Own(Func(q, "SENDQUERY"))->value.l = 1000;
+  Func(q, "SENDQUERY")->value.l = 1000;
   EXPECT_EQ(Call(q, "RESULT"), "L:1") << "SENDQUERY returns a copy";
   const QVA_HVID result = FieldRef<QVA_HVID>(q, "QUERY_RESULT");
   const QVA_HVID second = Registered("QVAfwQueryBehav", "ASK", {{"RESPONSE", Str("two")}});

@@ -11,7 +11,6 @@ namespace fwtest {
 namespace {
 
 using qvatest::ExpectHostError;
-using Ids = std::vector<QVA_HVID>;
 
 class DispatchTest : public FwTest {};
 
@@ -56,7 +55,7 @@ TEST_F(DispatchTest, TheNearestScopeClaimsAnEmptyListStopsAndTheUnclaimedAreDrop
 TEST_F(DispatchTest, BehavioursRunInAscendingIdentifierOrderWhateverTheRegistrationOrder) {
   const QVA_HVID h = NewHandler();
   Scope(h, "M");
-  const QVA_HVID plain = NewBehavior("M", {.handler = h, .cls = kBehavior});  // runs nothing
+  const QVA_HVID plain = NewBehavior("M", {.handler = h, .cls = "QVAFWBEHAVIOR"});  // runs nothing
   Ids made;
   for (int i = 0; i < 6; ++i)
     made.push_back(NewBehavior("M", {.handler = h, .register_it = false}));
@@ -139,11 +138,15 @@ TEST_F(DispatchTest, AnErrorOrADestroyedBehaviourEndsTheDispatchReleasingTheCopy
   const QVA_HVID first = NewBehavior("M", {.handler = h, .scope = true});
   const QVA_HVID victim = NewBehavior("M", {.handler = h});
   const QVA_HVID last = NewBehavior("M", {.handler = h});
-  const qvahost::Accounting before = qvahost::accounting();
   auto send = [&] {
-    Tmp arg(qvahost::make_string_array({"shared", "value"})), text(qvahost::make_string("M"));
-    return ExpectHostError([&] { Proc(h, "SENDMESSAGE", {text, arg}); });
+    auto e = ExpectHostError([&] {
+      SendText(h, "M", Own(qvahost::make_string_array({"shared", "value"})));
+    });
+    ReleaseTemps();
+    return e;
   };
+  ReleaseTemps();
+  const qvahost::Accounting before = qvahost::accounting();
   g_hook = [&](QVA_HVID self, QVA_VPTR) {
     if (self == first) QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "behaviour fails");
   };

@@ -45,7 +45,7 @@ class FwErrorsTest : public FwTest {
                                   std::vector<QVA_VPTR> args, bool function = false) {
     return ExpectHostError([&] {
       if (function) {
-        QVA_Deltmp(Func(obj, method, args));
+        Func(obj, method, args);
       } else {
         Proc(obj, method, args);
       }
@@ -55,11 +55,9 @@ class FwErrorsTest : public FwTest {
 };
 
 TEST_F(FwErrorsTest, WhatNamesNoMessageIsRefusedByEveryRoutineTakingAMessage) {
-  QVA_HVID plain;  // a pointer to a string, which is no identifier
-  {
-    Tmp t(qvahost::make_string("M"));
-    plain = QVA_HeapVarNew(QVA_TYP_PTR, t, 1, QVA_MSG_LONGJMP)->hash_id;
-  }
+  QVA_VPTR text = qvahost::make_string("M");  // a pointer to a string, which is no identifier
+  const QVA_HVID plain = QVA_HeapVarNew(QVA_TYP_PTR, text, 1, QVA_MSG_LONGJMP)->hash_id;
+  if (text->flags & QVA_V_TEMP) QVA_Deltmp(text);
   const QVA_HVID other_handler = NewHandler();
   const std::string before = State();
   const std::pair<QVA_VPTR, int> wrongs[] = {
@@ -130,7 +128,7 @@ TEST_F(FwErrorsTest, EveryMethodRefusesASelfOfAnotherClassOrAGoneOne) {
       args.insert(args.end(), c.more.begin(), c.more.end());
       qvahost::HostError e = ExpectHostError([&] {
         if (c.function) {
-          QVA_Deltmp(qvahost::call_function(Upper(c.routine), args));
+          Own(qvahost::call_function(Upper(c.routine), args));
         } else {
           qvahost::call_procedure(Upper(c.routine), args);
         }
@@ -196,7 +194,7 @@ TEST_F(FwErrorsTest, ABadHandlerKeywordMakesNothingAndAGoneHandlerFailsASend) {
   const QVA_HVID orphan = NewMessage("M", gone);
   Destroy(gone);
   const std::string before = State();
-  for (const char *cls : {kMessage, kHandler, kRecorder}) {
+  for (const char *cls : {"QVAFWMESSAGE", "QVAFWMESSAGEHANDLER", "FWTEST_RECORDER"}) {
     SCOPED_TRACE(cls);
     EXPECT_EQ(ExpectHostError([&] { New(cls, Under(msg_)); }).code, QVA_M_NOT_OF_CLASS);
     EXPECT_EQ(ExpectHostError([&] { New(cls, Under(gone)); }).code, qvahost::M_INVALID_OBJ);

@@ -13,8 +13,6 @@
 namespace fwtest {
 namespace {
 
-using Ids = std::vector<QVA_HVID>;
-
 // Indices into the saved array NET.
 enum : size_t { kA, kB, kX, kY, kZ, kQ, kM1, kM2, kCount };
 

@@ -9,9 +9,6 @@
 namespace fwtest {
 namespace {
 
-using Ids = std::vector<QVA_HVID>;
-using Texts = std::vector<std::string>;
-
 class ScopingTest : public FwTest {
  protected:
   // B below A below the top-level handler.

@@ -23,10 +23,8 @@
 
 namespace fwtest {
 
-inline constexpr const char *kRecorder = "FWTEST_RECORDER";
-inline constexpr const char *kHandler = "QVAFWMESSAGEHANDLER";
-inline constexpr const char *kMessage = "QVAFWMESSAGE";
-inline constexpr const char *kBehavior = "QVAFWBEHAVIOR";
+using Ids = std::vector<QVA_HVID>;
+using Texts = std::vector<std::string>;
 
 // A value as the tests compare it: "L:7", "S:text", "O:12", "U"...
 inline std::string Printed(QVA_VPTR v) {
@@ -45,15 +43,15 @@ struct Exec {
   std::string routine;     // "EXECUTE", "PING", "BTEST_PROC", "BTEST_FUNC"
   QVA_HVID self = 0;       // the object, for methods
   int args = 0;            // positional arguments after self
-  QVA_VPTR arg = nullptr;  // the first of them as received, and its value
-  std::string value;       // (Printed) and temporary flag then
+  QVA_VPTR arg = nullptr;  // the first of them as received, its value
+  std::string value;       // (Printed) and whether it was a temporary
   bool temporary = false;
 };
 inline std::vector<Exec> g_log;
 inline std::function<void(QVA_HVID self, QVA_VPTR arg)> g_hook;
-inline std::vector<QVA_HVID> g_restored;
-inline std::vector<QVA_HVID> Selves() {
-  std::vector<QVA_HVID> out;
+inline Ids g_restored;
+inline Ids Selves() {
+  Ids out;
   for (const Exec &e : g_log) out.push_back(e.self);
   return out;
 }
@@ -64,22 +62,7 @@ inline QVA_VPTR Record(const char *routine, QVA_HVID self, int args, QVA_VPTR ar
   return nullptr;
 }
 
-// A temporary released at the end of the scope.
-class Tmp {
- public:
-  explicit Tmp(QVA_VPTR v) : v_(v) {}
-  ~Tmp() { QVA_Deltmp(v_); }
-  Tmp(const Tmp &) = delete;
-  Tmp &operator=(const Tmp &) = delete;
-  operator QVA_VPTR() const { return v_; }
-  QVA_VPTR operator->() const { return v_; }
-
- private:
-  QVA_VPTR v_;
-};
-
-// Temporaries owned by the test, released by ReleaseTemps() (at the latest in
-// TearDown).
+// Temporaries owned by the test until ReleaseTemps() (at the latest in TearDown).
 inline std::vector<QVA_VPTR> g_temps;
 inline QVA_VPTR Own(QVA_VPTR tmp) { return g_temps.emplace_back(tmp); }
 inline QVA_VPTR Str(const std::string &s) { return Own(qvahost::make_string(s)); }
@@ -92,16 +75,17 @@ inline void ReleaseTemps() {
 
 // Defines the test classes and routines once per process.
 inline void Define() {
-  qvatest::DefineStructOnce(kRecorder, kBehavior, {qvatest::Field("PEER", QVA_TYP_OBJREF)});
+  qvatest::DefineStructOnce("FWTEST_RECORDER", "QVAFWBEHAVIOR",
+                            {qvatest::Field("PEER", QVA_TYP_OBJREF)});
   qvatest::DefineStructOnce("BTEST_TARGET", "", {qvatest::Field("N", QVA_TYP_LONG)});
   qvatest::DefineStructOnce("FWTEST_FOREIGN", "", {qvatest::Field("VALUE", QVA_TYP_LONG)});
   if (qvahost::routine_exists("FWTEST_RECORDER::EXECUTE", false)) return;
   using qvahost::define_routine;
-  define_routine("FWTEST_RECORDER::RESTORE", false, 1, 1, false, [](int, QVA_VPTR argv[], auto) {
-    g_restored.push_back(argv[0]->value.hvid);
-    if (auto hook = g_hook) hook(argv[0]->value.hvid, nullptr);
-    qvahost::call_procedure("QVAFWBEHAVIOR::RESTORE", {argv[0]});
-    if (QVA_HVID peer = *qvatest::FieldOf<QVA_HVID>(argv[0]->value.hvid, "PEER"))
+  define_routine("FWTEST_RECORDER::RESTORE", false, 1, 1, false, [](int, QVA_VPTR v[], auto) {
+    g_restored.push_back(v[0]->value.hvid);
+    if (auto hook = g_hook) hook(v[0]->value.hvid, nullptr);
+    qvahost::call_procedure("QVAFWBEHAVIOR::RESTORE", {v[0]});
+    if (QVA_HVID peer = *qvatest::FieldOf<QVA_HVID>(v[0]->value.hvid, "PEER"))
       qvahost::call_method_procedure(qvatest::ObjRef(peer), "DORESTORE");
     return QVA_VPTR{};
   });
@@ -120,28 +104,25 @@ inline void Define() {
   });
 }
 
-// ------------------------------------------------------------ objects
-
-// Every object a test makes; TearDown takes them down through CLEANUP.
-inline std::vector<QVA_HVID> g_made;
-
-// OBJ_NEW(cls, KEYWORDS...).
+// Every object a test makes (OBJ_NEW(cls, KEYWORDS...)); TearDown takes them
+// down through CLEANUP.
+inline Ids g_made;
 inline QVA_HVID New(const std::string &cls, const qvahost::Keywords &kw = {}) {
-  Tmp ref(qvahost::new_object(cls, {}, kw));
-  return g_made.emplace_back(ref->value.hvid);
+  return g_made.emplace_back(Own(qvahost::new_object(cls, {}, kw))->value.hvid);
 }
 inline qvahost::Keywords Under(QVA_HVID handler, qvahost::Keywords kw = {}) {
   if (handler) kw.push_back({"HANDLER", Ref(handler)});
   return kw;
 }
 // A message handler below `parent` (0: below the top-level handler).
-inline QVA_HVID NewHandler(QVA_HVID parent = 0) { return New(kHandler, Under(parent)); }
-
+inline QVA_HVID NewHandler(QVA_HVID parent = 0) {
+  return New("QVAFWMESSAGEHANDLER", Under(parent));
+}
 struct BehaviorOptions {
   QVA_HVID handler = 0;
   bool register_it = true;
   bool scope = false;
-  std::string cls = kRecorder;
+  std::string cls = "FWTEST_RECORDER";
 };
 inline QVA_HVID NewBehavior(const std::string &message, const BehaviorOptions &o = {}) {
   qvahost::Keywords kw = Under(o.handler, {{"MESSAGESTRING", Str(message)}});
@@ -152,7 +133,7 @@ inline QVA_HVID NewBehavior(const std::string &message, const BehaviorOptions &o
 inline QVA_HVID NewMessage(const std::string &message, QVA_HVID handler = 0, bool scope = false) {
   qvahost::Keywords kw = Under(handler, {{"MESSAGESTRING", Str(message)}});
   if (scope) kw.push_back({"SCOPE", Long(1)});
-  return New(kMessage, kw);
+  return New("QVAFWMESSAGE", kw);
 }
 inline void Destroy(QVA_HVID id) { qvatest::DestroyObject(id); }
 inline bool Alive(QVA_HVID id) { return qvatest::IsAlive(id); }
@@ -163,31 +144,25 @@ T &FieldRef(QVA_HVID id, const char *tag) {
   return *qvatest::FieldOf<T>(id, tag);
 }
 
-// ------------------------------------------------------------ calling
-
+// obj->METHOD, args...: a procedure, a function (its result owned by the test)
+// and a function's result Printed.
 inline void Proc(QVA_HVID self, const std::string &method, std::vector<QVA_VPTR> args = {}) {
-  qvatest::ObjRef ref(self);
-  qvahost::call_method_procedure(ref, method, std::move(args));
+  qvahost::call_method_procedure(Ref(self), method, std::move(args));
 }
-// A function method's result, released by the caller.
 inline QVA_VPTR Func(QVA_HVID self, const std::string &method, std::vector<QVA_VPTR> args = {}) {
-  qvatest::ObjRef ref(self);
-  return qvahost::call_method_function(ref, method, std::move(args));
+  return Own(qvahost::call_method_function(Ref(self), method, std::move(args)));
 }
-// A function method's result, Printed.
 inline std::string Call(QVA_HVID self, const std::string &method, std::vector<QVA_VPTR> args = {}) {
-  return Printed(Tmp(Func(self, method, std::move(args))));
+  return Printed(Func(self, method, std::move(args)));
 }
-inline QVA_HVID HandlerOf(QVA_HVID obj) { return Tmp(Func(obj, "HANDLER"))->value.hvid; }
+inline QVA_HVID HandlerOf(QVA_HVID obj) { return Func(obj, "HANDLER")->value.hvid; }
 inline void SetHandler(QVA_HVID obj, QVA_HVID handler) { Proc(obj, "SETHANDLER", {Ref(handler)}); }
 inline void Send(QVA_HVID message, QVA_VPTR arg = nullptr) {
   Proc(message, "SEND", arg ? std::vector<QVA_VPTR>{arg} : std::vector<QVA_VPTR>{});
 }
 // handler->SENDMESSAGE, text [, arg]
 inline void SendText(QVA_HVID handler, const std::string &text, QVA_VPTR arg = nullptr) {
-  std::vector<QVA_VPTR> args{Str(text)};
-  if (arg) args.push_back(arg);
-  Proc(handler, "SENDMESSAGE", args);
+  Proc(handler, "SENDMESSAGE", arg ? std::vector{Str(text), arg} : std::vector{Str(text)});
 }
 inline void Scope(QVA_HVID handler, const std::string &text) {
   Proc(handler, "SCOPEMESSAGE", {Str(text)});
@@ -195,41 +170,33 @@ inline void Scope(QVA_HVID handler, const std::string &text) {
 inline void Unscope(QVA_HVID handler, const std::string &text) {
   Proc(handler, "UNSCOPEMESSAGE", {Str(text)});
 }
-
 inline bool IsScoped(QVA_HVID handler, const std::string &text) {
   return Call(handler, "ISSCOPED", {Str(text)}) == "I:1";
 }
 inline bool IsRegistered(QVA_HVID behavior) { return Call(behavior, "ISREGISTERED") == "B:1"; }
 inline std::string MessageString(QVA_HVID obj) {
-  return qvahost::string_value(Tmp(Func(obj, "MESSAGESTRING")));
+  return qvahost::string_value(Func(obj, "MESSAGESTRING"));
 }
 // SCOPEDMESSAGES as a list: the undefined value when nothing is scoped.
-inline std::vector<std::string> ScopedMessages(QVA_HVID handler) {
-  Tmp r(Func(handler, "SCOPEDMESSAGES"));
-  std::vector<std::string> out;
-  if (r->type == QVA_TYP_UNDEF) return out;
-  EXPECT_EQ(r->type, QVA_TYP_STRING);
-  EXPECT_TRUE(r->flags & QVA_V_ARR) << "texts come as a vector";
-  if (!(r->flags & QVA_V_ARR)) return out;
+inline Texts ScopedMessages(QVA_HVID handler) {
+  QVA_VPTR r = Func(handler, "SCOPEDMESSAGES");
+  if (r->type == QVA_TYP_UNDEF) return {};
+  EXPECT_TRUE(r->type == QVA_TYP_STRING && (r->flags & QVA_V_ARR)) << "texts come as a vector";
   auto *s = reinterpret_cast<QVA_STRING *>(r->value.arr->data);
+  Texts out;
   for (QVA_MEMINT i = 0; i < r->value.arr->n_elts; ++i) out.push_back(QVA_STRING_STR(&s[i]));
   return out;
 }
 // BEHAVIORS(text): the listed behaviours; empty for the null object.
-inline std::vector<QVA_HVID> Behaviors(QVA_HVID handler, const std::string &text) {
-  Tmp r(Func(handler, "BEHAVIORS", {Str(text)}));
+inline Ids Behaviors(QVA_HVID handler, const std::string &text) {
+  QVA_VPTR r = Func(handler, "BEHAVIORS", {Str(text)});
   EXPECT_EQ(r->type, QVA_TYP_OBJREF);
-  if (!(r->flags & QVA_V_ARR)) {
-    EXPECT_EQ(r->value.hvid, 0u) << "a scalar result is the null object";
-    return {};
-  }
+  if (!(r->flags & QVA_V_ARR)) return Ids(r->value.hvid ? 1 : 0, r->value.hvid);
   auto *ids = reinterpret_cast<QVA_HVID *>(r->value.arr->data);
-  return std::vector<QVA_HVID>(ids, ids + r->value.arr->n_elts);
+  return Ids(ids, ids + r->value.arr->n_elts);
 }
 
-// --------------------------------------------------------- identifiers
-
-// GET_FWIDENT(text): counts one more holder.
+// GET_FWIDENT(text) counts one more holder; IdentOf(text) does not.
 inline QVA_HVID GetIdent(const std::string &text) {
   return Own(qvahost::call_function("GET_FWIDENT", {Str(text)}))->value.hvid;
 }
@@ -237,7 +204,6 @@ inline void IdentRoutine(const char *routine, QVA_HVID id) {
   qvahost::call_procedure(routine, {Own(qvahost::make_ptr(id))});
 }
 inline void CollectIdents() { qvahost::call_procedure("FWIDENT_GC"); }
-// The identifier of `text` without counting a holder.
 inline QVA_HVID IdentOf(const std::string &text) {
   QVA_HVID id = GetIdent(text);
   IdentRoutine("FWIDENT_RELEASE", id);
@@ -257,15 +223,14 @@ inline bool SurvivesRelease(QVA_HVID id, int k) {
 // goes through CLEANUP, newest first, and what they held must go with them
 // (the top-level handler, identifier references, lists, sub-behaviours,
 // result variables): the host's accounting must be back where it started.
-// A test that replaces the session (reset or restore) sets session_replaced_
-// and is checked after a final reset instead.
+// A test that replaces the session sets session_replaced_ and is checked
+// after a final reset instead.
 class FwTest : public qvatest::HostTest {
  protected:
   void SetUp() override {
     qvahost::reset_session();
     Define();
-    g_log.clear(), g_restored.clear(), g_made.clear();
-    g_hook = nullptr;
+    g_log.clear(), g_restored.clear(), g_made.clear(), g_hook = nullptr;
     HostTest::SetUp();
   }
   void TearDown() override {
@@ -276,16 +241,16 @@ class FwTest : public qvatest::HostTest {
         if (QVA_ObjValidate(*it, QVA_MSG_RET)) Destroy(*it);
       // One made for a HANDLER question and never scoped anything goes here.
       if (QVA_HVID top = TopLevel()) {
-        EXPECT_EQ(ScopedMessages(top), std::vector<std::string>{}) << "left at the top";
+        EXPECT_EQ(ScopedMessages(top), Texts{}) << "left at the top";
         Destroy(top);
       }
+      ReleaseTemps();
       CollectIdents();
       ExpectNoLeaks("after every object's CLEANUP");
     }
     qvahost::reset_session();
     HostTest::TearDown();
   }
-  static int64_t Objects() { return qvahost::accounting().objects; }
   bool session_replaced_ = false;
 };
 
