@@ -91,54 +91,39 @@ TEST_F(FwErrorsTest, EveryMethodRefusesASelfOfAnotherClassOrAGoneOne) {
   const QVA_HVID dead = NewMessage("Dead");
   Destroy(dead);
   const std::string before = State();
-  struct Call {
-    std::string routine;
-    bool function;
-    QVA_HVID self;
-    std::vector<QVA_VPTR> more;
-  };
-  const Call calls[] = {{"QVAfwHasAHandler::HANDLER", true, foreign_, {}},
-                        {"QVAfwHasAHandler::SETHANDLER", false, foreign_, {Ref(h_)}},
-                        {"QVAfwHasAHandler::RESTORE", false, foreign_, {}},
-                        {"QVAfwMessage::SEND", false, h_, {}},
-                        {"QVAfwMessage::SEND", false, x_, {Long(1)}},
-                        {"QVAfwMessage::MESSAGESTRING", true, h_, {}},
-                        {"QVAfwMessage::SETMESSAGESTRING", false, x_, {Str("N")}},
-                        {"QVAfwMessage::RESTORE", false, h_, {}},
-                        {"QVAfwMessageHandler::SENDMESSAGE", false, msg_, {Str("M")}},
-                        {"QVAfwMessageHandler::SCOPEMESSAGE", false, msg_, {Str("New Text")}},
-                        {"QVAfwMessageHandler::UNSCOPEMESSAGE", false, x_, {Str("M")}},
-                        {"QVAfwMessageHandler::ISSCOPED", true, msg_, {Str("Other Text")}},
-                        {"QVAfwMessageHandler::BEHAVIORS", true, x_, {Str("M")}},
-                        {"QVAfwMessageHandler::SCOPEDMESSAGES", true, msg_, {}},
-                        {"QVAfwMessageHandler::ADDBEHAVIOR", false, msg_, {Ref(x_)}},
-                        {"QVAfwMessageHandler::REMOVEBEHAVIOR", false, x_, {Ref(x_)}},
-                        {"QVAfwMessageHandler::RESTORE", false, msg_, {}},
-                        {"QVAfwBehavior::MESSAGESTRING", true, msg_, {}},
-                        {"QVAfwBehavior::SETMESSAGESTRING", false, msg_, {Str("N")}},
-                        {"QVAfwBehavior::EXECUTE", false, msg_, {}},
-                        {"QVAfwBehavior::REGISTER", false, h_, {}},
-                        {"QVAfwBehavior::UNREGISTER", false, msg_, {}},
-                        {"QVAfwBehavior::ISREGISTERED", true, h_, {}},
-                        {"QVAfwBehavior::RESTORE", false, h_, {}}};
-  for (const Call &c : calls) {
-    SCOPED_TRACE(c.routine);
-    for (QVA_HVID self : {c.self, dead}) {
-      std::vector<QVA_VPTR> args{Ref(self)};
-      args.insert(args.end(), c.more.begin(), c.more.end());
-      qvahost::HostError e = ExpectHostError([&] {
-        if (c.function) {
-          Own(qvahost::call_function(Upper(c.routine), args));
-        } else {
-          qvahost::call_procedure(Upper(c.routine), args);
-        }
-      });
-      // The host names the structure, the module the class.
-      const std::string cls = Upper(c.routine.substr(0, c.routine.find(':')));
-      EXPECT_EQ(e.code, self == dead ? qvahost::M_INVALID_OBJ : QVA_M_NOT_OF_CLASS) << e.text;
-      EXPECT_TRUE(self == dead || Upper(e.text).find(cls) != std::string::npos) << e.text;
+  int checked = 0;
+  for (bool function : {true, false}) {
+    for (const qvahost::RoutineInfo &r : qvahost::routine_rows(function)) {
+      const std::string cls = r.name.substr(0, r.name.find(':')),
+                        method = r.name.substr(cls.size());
+      if ((cls != "QVAFWHASAHANDLER" && cls != "QVAFWMESSAGE" && cls != "QVAFWBEHAVIOR" &&
+           cls != "QVAFWMESSAGEHANDLER") ||
+          method == "::INIT" || method == "::CLEANUP")
+        continue;
+      SCOPED_TRACE(r.name);
+      ++checked;
+      // Objects of another framework class (all of them have a handler), a
+      // foreign object, a destroyed one; arguments of the right kind.
+      const QVA_HVID other = cls == "QVAFWMESSAGEHANDLER" ? x_ : h_;
+      for (QVA_HVID self : {cls == "QVAFWHASAHANDLER" ? foreign_ : other, foreign_, dead}) {
+        std::vector<QVA_VPTR> args{Ref(self)};
+        for (int i = 1; i < r.arg_min; ++i)
+          args.push_back(method.ends_with("HANDLER") || method.ends_with("BEHAVIOR") ? Ref(h_)
+                                                                                     : Str("M"));
+        qvahost::HostError e = ExpectHostError([&] {
+          if (function) {
+            Own(qvahost::call_function(r.name, args));
+          } else {
+            qvahost::call_procedure(r.name, args);
+          }
+        });
+        // The host names the structure, the module the class.
+        EXPECT_EQ(e.code, self == dead ? qvahost::M_INVALID_OBJ : QVA_M_NOT_OF_CLASS) << e.text;
+        EXPECT_TRUE(self == dead || Upper(e.text).find(cls) != std::string::npos) << e.text;
+      }
     }
   }
+  EXPECT_EQ(checked, 23);
   EXPECT_EQ(State(), before);
 }
 
