@@ -2,6 +2,7 @@
 // the language calls them, against native targets that record every call.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <sstream>
 
@@ -31,38 +32,48 @@ class BehaviourKindsTest : public FwTest {
   }
 };
 
-TEST_F(BehaviourKindsTest, ObjectBehaviourCallsTheMethodWithNothingOrTheCallersVariable) {
+TEST_F(BehaviourKindsTest, ObjectProcedureAndFunctionBehavioursCallTheirTargets) {
   const QVA_HVID target = New("BTEST_TARGET");
-  Registered("QVAfwObjBehav", "M", {{"OBJECT", Ref(target)}, {"METHOD", Str("ping")}});
+  const qvahost::Keywords to_target{{"OBJECT", Ref(target)}, {"METHOD", Str("ping")}};
+  const QVA_HVID obj = Registered("QVAfwObjBehav", "M", to_target);
+  Registered("QVAfwProcBehav", "M", {{"PROCEDURE", Str("btest_proc")}});
+  Registered("QVAfwFuncBehav", "M", {{"FUNCTION", Str("btest_func")}});
+  qvahost::Variable payload;
+  payload.take(qvahost::make_string("payload"));
   const QVA_HVID m = NewMessage("M");
   Send(m);
-  qvahost::Variable payload;
-  payload.take(qvahost::make_long(42));
   Send(m, payload.get());
-  ASSERT_EQ(g_log.size(), 2u);
-  EXPECT_TRUE(g_log[0].routine == "PING" && g_log[0].self == target && g_log[0].args == 0);
-  EXPECT_EQ(g_log[1].args, 1);
-  EXPECT_EQ(g_log[1].arg, payload.get()) << "the caller's variable itself";
-}
-
-TEST_F(BehaviourKindsTest, AGoneObjectUnregistersARegisteredBehaviourButNotAnAddedOne) {
-  const QVA_HVID target = New("BTEST_TARGET"), h = NewHandler();
-  qvahost::Keywords kw{{"OBJECT", Ref(target)},
-                       {"METHOD", Str("PING")},
-                       {"HANDLER", Ref(h)},
-                       {"MESSAGESTRING", Str("M")}};
-  const QVA_HVID added = New("QVAfwObjBehav", kw);
-  const QVA_HVID registered = Registered("QVAfwObjBehav", "M", kw);
-  Scope(h, "M");
-  Proc(h, "ADDBEHAVIOR", {Ref(added)});
-  ASSERT_EQ(Behaviors(h, "M"), (Ids{added, registered}));
-  Destroy(target);
-  for (int i = 0; i < 2; ++i) {
-    SendText(h, "M");
-    EXPECT_TRUE(g_log.empty());
-    EXPECT_FALSE(IsRegistered(registered));
-    EXPECT_EQ(Behaviors(h, "M"), Ids{added}) << "the added one stays listed";
+  const char *routines[] = {"PING", "BTEST_PROC", "BTEST_FUNC"};  // FUNC's result is released
+  ASSERT_EQ(g_log.size(), 6u);
+  for (size_t i = 0; i < 6; ++i) {
+    EXPECT_EQ(g_log[i].routine, routines[i % 3]);
+    EXPECT_EQ(g_log[i].args, i < 3 ? 0 : 1);
+    EXPECT_EQ(g_log[i].arg, i < 3 ? nullptr : payload.get()) << "the caller's variable itself";
   }
+  EXPECT_EQ(g_log[0].self, target);
+  // With the object gone, the registered behaviour unregisters itself and an
+  // added one stays listed; neither calls anything.
+  qvahost::Keywords added_kw = to_target;
+  added_kw.push_back({"MESSAGESTRING", Str("M")});
+  const QVA_HVID added = New("QVAfwObjBehav", added_kw);
+  Proc(TopLevel(), "ADDBEHAVIOR", {Ref(added)});
+  Destroy(target);
+  g_log.clear();
+  Send(m);
+  Send(m);
+  EXPECT_EQ(g_log.size(), 4u);
+  EXPECT_FALSE(IsRegistered(obj));
+  const Ids listed = Behaviors(TopLevel(), "M");
+  EXPECT_EQ(std::count(listed.begin(), listed.end(), added), 1);
+  EXPECT_EQ(std::count(listed.begin(), listed.end(), obj), 0);
+  Proc(TopLevel(), "REMOVEBEHAVIOR", {Ref(added)});  // what is added stays until removed
+  // An unknown routine reports the host's error and ends the dispatch.
+  Registered("QVAfwProcBehav", "N", {{"PROCEDURE", Str("NO_SUCH_PROC")}});
+  Registered("QVAfwProcBehav", "N", {{"PROCEDURE", Str("BTEST_PROC")}});
+  g_log.clear();
+  auto e = ExpectHostError([&] { Send(NewMessage("N"), Long(5)); });
+  EXPECT_NE(e.text.find("NO_SUCH_PROC"), std::string::npos) << e.text;
+  EXPECT_TRUE(g_log.empty()) << "the dispatch ended at the failing behaviour";
 }
 
 TEST_F(BehaviourKindsTest, SettersRefuseWrongTypesAndStringArraysAndKeepTheirValue) {
@@ -91,28 +102,6 @@ TEST_F(BehaviourKindsTest, SettersRefuseWrongTypesAndStringArraysAndKeepTheirVal
   EXPECT_EQ(ExpectHostError([&] { Proc(o, "SETOBJECT", {Str("no object")}); }).code,
             QVA_M_WRONG_TYPE);
   EXPECT_EQ(Call(o, "OBJECT"), "O:0");
-}
-
-TEST_F(BehaviourKindsTest, ProcedureAndFunctionReceiveTheArgumentAndUnknownNamesEndTheDispatch) {
-  Registered("QVAfwProcBehav", "M", {{"PROCEDURE", Str("btest_proc")}});
-  Registered("QVAfwFuncBehav", "M", {{"FUNCTION", Str("btest_func")}});
-  const QVA_HVID m = NewMessage("M");
-  Send(m);
-  qvahost::Variable arg;
-  arg.take(qvahost::make_string("payload"));
-  Send(m, arg.get());
-  ASSERT_EQ(g_log.size(), 4u);
-  EXPECT_TRUE(g_log[0].routine == "BTEST_PROC" && g_log[0].args == 0);
-  EXPECT_TRUE(g_log[1].routine == "BTEST_FUNC" && g_log[1].args == 0);
-  EXPECT_EQ(g_log[2].arg, arg.get());
-  EXPECT_EQ(g_log[3].value, "S:payload");  // its result released: the leak check
-  g_log.clear();
-  const QVA_HVID missing = Registered("QVAfwProcBehav", "N", {{"PROCEDURE", Str("NO_SUCH_PROC")}});
-  const QVA_HVID after = Registered("QVAfwProcBehav", "N", {{"PROCEDURE", Str("BTEST_PROC")}});
-  ASSERT_LT(missing, after) << "lists run in ascending heap identifier order";
-  auto e = ExpectHostError([&] { Send(NewMessage("N"), Long(5)); });
-  EXPECT_NE(e.text.find("NO_SUCH_PROC"), std::string::npos) << e.text;
-  EXPECT_TRUE(g_log.empty()) << "the dispatch ended at the failing behaviour";
 }
 
 TEST_F(BehaviourKindsTest, ManySendsBeforeTheDelayMessageRunTheMethodOnce) {
