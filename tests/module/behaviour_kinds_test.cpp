@@ -43,7 +43,8 @@ TEST_F(BehaviourKindsTest, ObjectProcedureAndFunctionBehavioursCallTheirTargets)
   const QVA_HVID m = NewMessage("M");
   Send(m);
   Send(m, payload.get());
-  const char *routines[] = {"PING", "BTEST_PROC", "BTEST_FUNC"};  // FUNC's result is released
+  const char *routines[] = {"BTEST_TARGET::PING", "BTEST_PROC",
+                            "BTEST_FUNC"};  // FUNC's result is released
   ASSERT_EQ(g_log.size(), 6u);
   for (size_t i = 0; i < 6; ++i) {
     EXPECT_EQ(g_log[i].routine, routines[i % 3]);

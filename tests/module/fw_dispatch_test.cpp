@@ -100,37 +100,6 @@ TEST_F(NetworkTest, IsScopedAndScopedMessagesLookAtThisHandlerOnly) {
   EXPECT_EQ(ScopedMessages(a_), (Texts{"", "10", "9", "Apple", "By Message", "N", "b a", "pear"}));
 }
 
-TEST_F(NetworkTest, RegistrationLandsAtTheNearestScopeAndRemovalSearchesUpward) {
-  Scope(a_, "M");
-  const QVA_HVID x = NewBehavior("M", {.handler = b_, .register_it = false});
-  EXPECT_FALSE(IsRegistered(x));
-  Proc(x, "REGISTER");
-  Proc(x, "REGISTER");  // once only
-  EXPECT_TRUE(IsRegistered(x));
-  EXPECT_EQ(Behaviors(a_, "M"), Ids{x});
-  Proc(x, "UNREGISTER");
-  Proc(x, "UNREGISTER");  // harmless
-  EXPECT_FALSE(IsRegistered(x));
-  EXPECT_TRUE(IsScoped(a_, "M")) << "only the top-level handler unscopes when emptied";
-  // ADDBEHAVIOR and REMOVEBEHAVIOR walk the chain and leave the mark alone.
-  const QVA_HVID y = NewBehavior("M", {.register_it = false});
-  Proc(b_, "ADDBEHAVIOR", {Ref(y)});
-  EXPECT_EQ(Behaviors(a_, "M"), Ids{y});
-  EXPECT_FALSE(IsRegistered(y));
-  Proc(b_, "REMOVEBEHAVIOR", {Ref(y)});
-  Proc(b_, "REMOVEBEHAVIOR", {Ref(x)});  // not listed: nothing changes
-  EXPECT_EQ(Behaviors(a_, "M"), Ids{});
-  // Unscoped anywhere: the top-level handler claims it, and goes with the last.
-  const QVA_HVID z = NewBehavior("Fresh", {.register_it = false}), w = NewBehavior("Other");
-  Proc(b_, "ADDBEHAVIOR", {Ref(z)});
-  const QVA_HVID top = TopLevel();
-  EXPECT_EQ(Behaviors(top, "Fresh"), Ids{z});
-  Proc(b_, "REMOVEBEHAVIOR", {Ref(z)});
-  EXPECT_EQ(ScopedMessages(top), Texts{"Other"}) << "kept while it scopes something else";
-  Proc(w, "UNREGISTER");
-  EXPECT_FALSE(Alive(top));
-}
-
 TEST_F(NetworkTest, ChangingTheStringOfARegisteredBehaviourMovesItsRegistration) {
   Scope(a_, "New");
   const QVA_HVID x = NewBehavior("Old", {.handler = b_});
@@ -202,12 +171,8 @@ TEST_F(NetworkTest, TheNearestScopeClaimsAnEmptyListStopsAndTheUnclaimedAreDropp
   Send(NewMessage("M", b_));
   Send(NewMessage("M"));
   SendText(b_, "N");
-  // The other designators: an identifier and a message.
-  const QVA_HVID ident = GetIdent("N");
-  Proc(b_, "SENDMESSAGE", {Own(qvahost::make_ptr(ident))});
-  Proc(b_, "SENDMESSAGE", {Ref(NewMessage("N"))});
-  IdentRoutine("FWIDENT_RELEASE", ident);
-  EXPECT_EQ(Selves(), (Ids{at_a, at_top, other, other, other})) << "claimed at A, not at T";
+  Proc(b_, "SENDMESSAGE", {Ref(NewMessage("N"))});  // a message as the designator
+  EXPECT_EQ(Selves(), (Ids{at_a, at_top, other, other})) << "claimed at A, not at T";
   for (const Exec &e : g_log) EXPECT_EQ(e.args, 0);
   // A's list emptied stops the message; its temporary stays the caller's.
   g_log.clear();
@@ -354,24 +319,6 @@ TEST_F(NetworkTest, BehavioursDestroyingThemselvesTheMessageOrScopingElsewhere) 
   EXPECT_EQ(Behaviors(b_, "M"), Ids{y});
   SendText(b_, "M");
   EXPECT_EQ(Selves(), (Ids{lone, x, y, y})) << "B claims it now";
-}
-
-TEST_F(NetworkTest, UnparentedObjectsBelongToOneTopLevelHandlerAndSetHandlerLinks) {
-  const QVA_HVID msg = NewMessage("M"), beh = NewBehavior("M", {.register_it = false});
-  EXPECT_EQ(TopLevel(), 0u) << "nothing needed it yet";
-  const QVA_HVID top = HandlerOf(msg);
-  EXPECT_EQ(TopLevel(), top);
-  EXPECT_EQ(HandlerOf(top), 0u) << "the null object";
-  EXPECT_TRUE(QVA_HeapVarHashFind(top)->flags & QVA_HV_HELD);
-  const QVA_HVID target = NewHandler();
-  for (QVA_HVID obj : {msg, beh, a_}) {
-    EXPECT_EQ(HandlerOf(obj), top) << "made once";
-    SetHandler(obj, target);
-    EXPECT_EQ(HandlerOf(obj), target);
-    SetHandler(obj, 0);
-    EXPECT_EQ(FieldRef<QVA_HVID>(obj, "MYHANDLER"), 0u);
-    EXPECT_EQ(HandlerOf(obj), top);
-  }
 }
 
 TEST_F(NetworkTest, ALinkThatWouldCloseACycleIsRefusedAndLeftAsItWas) {

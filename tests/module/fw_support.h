@@ -40,7 +40,7 @@ inline std::string Printed(QVA_VPTR v) {
 }
 
 struct Exec {
-  std::string routine;     // "EXECUTE", "PING", "BTEST_PROC", "BTEST_FUNC"
+  std::string routine;     // "FWTEST_RECORDER::EXECUTE", "BTEST_PROC"...
   QVA_HVID self = 0;       // the object, for methods
   int args = 0;            // positional arguments after self
   QVA_VPTR arg = nullptr;  // the first of them as received, its value
@@ -55,7 +55,7 @@ inline Ids Selves() {
   for (const Exec &e : g_log) out.push_back(e.self);
   return out;
 }
-inline QVA_VPTR Record(const char *routine, QVA_HVID self, int args, QVA_VPTR arg) {
+inline QVA_VPTR Record(const std::string &routine, QVA_HVID self, int args, QVA_VPTR arg) {
   g_log.push_back(
       {routine, self, args, arg, arg ? Printed(arg) : "", arg && (arg->flags & QVA_V_TEMP) != 0});
   if (auto hook = g_hook) hook(self, arg);  // a copy: the hook may replace itself
@@ -89,15 +89,13 @@ inline void Define() {
       qvahost::call_method_procedure(qvatest::ObjRef(peer), "DORESTORE");
     return QVA_VPTR{};
   });
-  define_routine("FWTEST_RECORDER::EXECUTE", false, 1, 2, false, [](int n, QVA_VPTR v[], auto) {
-    return Record("EXECUTE", v[0]->value.hvid, n - 1, n > 1 ? v[1] : nullptr);
-  });
-  define_routine("BTEST_TARGET::PING", false, 1, 2, false, [](int n, QVA_VPTR v[], auto) {
-    return Record("PING", v[0]->value.hvid, n - 1, n > 1 ? v[1] : nullptr);
-  });
-  define_routine("BTEST_PROC", false, 0, 1, false, [](int n, QVA_VPTR v[], auto) {
-    return Record("BTEST_PROC", 0, n, n > 0 ? v[0] : nullptr);
-  });
+  // The recording routines: methods get self first; BTEST_FUNC returns a string.
+  for (std::string name : {"FWTEST_RECORDER::EXECUTE", "BTEST_TARGET::PING", "BTEST_PROC"}) {
+    const int self = name.find("::") != std::string::npos ? 1 : 0;
+    define_routine(name, false, self, self + 1, false, [=](int n, QVA_VPTR v[], auto) {
+      return Record(name, self ? v[0]->value.hvid : 0, n - self, n > self ? v[self] : nullptr);
+    });
+  }
   define_routine("BTEST_FUNC", true, 0, 1, false, [](int n, QVA_VPTR v[], auto) {
     Record("BTEST_FUNC", 0, n, n > 0 ? v[0] : nullptr);
     return qvahost::make_string("a result the caller must release");
@@ -164,14 +162,10 @@ inline void Send(QVA_HVID message, QVA_VPTR arg = nullptr) {
 inline void SendText(QVA_HVID handler, const std::string &text, QVA_VPTR arg = nullptr) {
   Proc(handler, "SENDMESSAGE", arg ? std::vector{Str(text), arg} : std::vector{Str(text)});
 }
-inline void Scope(QVA_HVID handler, const std::string &text) {
-  Proc(handler, "SCOPEMESSAGE", {Str(text)});
-}
-inline void Unscope(QVA_HVID handler, const std::string &text) {
-  Proc(handler, "UNSCOPEMESSAGE", {Str(text)});
-}
-inline bool IsScoped(QVA_HVID handler, const std::string &text) {
-  return Call(handler, "ISSCOPED", {Str(text)}) == "I:1";
+inline void Scope(QVA_HVID h, const std::string &t) { Proc(h, "SCOPEMESSAGE", {Str(t)}); }
+inline void Unscope(QVA_HVID h, const std::string &t) { Proc(h, "UNSCOPEMESSAGE", {Str(t)}); }
+inline bool IsScoped(QVA_HVID h, const std::string &t) {
+  return Call(h, "ISSCOPED", {Str(t)}) == "I:1";
 }
 inline bool IsRegistered(QVA_HVID behavior) { return Call(behavior, "ISREGISTERED") == "B:1"; }
 inline std::string MessageString(QVA_HVID obj) {
