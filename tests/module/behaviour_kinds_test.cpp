@@ -147,7 +147,8 @@ TEST_F(BehaviourKindsTest, DelayedCleanupWhileArmedLeavesNothingAndTheTriggerKee
   EXPECT_EQ(Behaviors(h, "IDLE"), Ids{});
 }
 
-TEST_F(BehaviourKindsTest, DelayedArgumentKeepsTheLargestValueAndResets) {
+TEST_F(BehaviourKindsTest, DelayedArgumentKeepsTheLargestValueAndSurvivesSaveAndRestore) {
+  session_replaced_ = true;
   const QVA_HVID d = Delayed("QVAfwDelayArgBehav", "N", New("BTEST_TARGET"));
   const QVA_HVID n = NewMessage("N"), idle = NewMessage("IDLE");
   for (QVA_LONG v : {3, 7, 5}) Send(n, Long(v));
@@ -158,23 +159,22 @@ TEST_F(BehaviourKindsTest, DelayedArgumentKeepsTheLargestValueAndResets) {
   ASSERT_EQ(g_log.size(), 2u);
   EXPECT_EQ(g_log[0].value, "L:7");
   EXPECT_EQ(g_log[1].value, "L:0");
-  EXPECT_EQ(FieldRef<QVA_LONG>(d, "ARG"), 0);
   EXPECT_EQ(FieldRef<QVA_LONG>(d, "QVAFWDELAYARGBEHAV_VERSION"), 1);
+  EXPECT_NE(ExpectHostError([&] { Send(n); }).code, 0) << "EXECUTE needs the argument";
   // Converted as the host converts to LONG; only the conversion's temporary
-  // is deleted (the leak check), the caller's variable is untouched.
+  // is deleted, the caller's variable is untouched.
   qvahost::Variable real;
   real.take(qvahost::make_double(2.9));
+  ReleaseTemps();
+  const int64_t temporaries = qvahost::accounting().temporaries;
   Proc(d, "EXECUTE", {real.get()});
+  ReleaseTemps();
+  EXPECT_EQ(qvahost::accounting().temporaries, temporaries);
   EXPECT_EQ(FieldRef<QVA_LONG>(d, "ARG"), 2);
   EXPECT_TRUE(real->type == QVA_TYP_DOUBLE && real->value.d == 2.9);
-  EXPECT_NE(ExpectHostError([&] { Send(n); }).code, 0) << "EXECUTE needs the argument";
-}
-
-TEST_F(BehaviourKindsTest, ArmedStateAndPendingArgumentSurviveSaveAndRestore) {
-  session_replaced_ = true;
-  const QVA_HVID d = Delayed("QVAfwDelayArgBehav", "N", New("BTEST_TARGET"));
-  Send(NewMessage("N"), Long(12));
-  QVA_VarCopy(qvatest::ObjRef(d), qvahost::main_variable("D"));
+  // The armed state and the pending argument survive save, reset and restore.
+  Send(n, Long(12));
+  QVA_VarCopy(Ref(d), qvahost::main_variable("D"));
   std::vector<uint8_t> saved = qvahost::save_all_to_bytes();
   ReleaseTemps();
   qvahost::reset_session();
@@ -182,6 +182,7 @@ TEST_F(BehaviourKindsTest, ArmedStateAndPendingArgumentSurviveSaveAndRestore) {
   const QVA_HVID restored = qvahost::find_main_variable("D")->value.hvid;
   const QVA_HVID sub = FieldRef<QVA_HVID>(restored, "SUB_BEHAVIOR");
   qvahost::call_procedure("QVAFWSAVEABLERESTOREARRAY", {qvatest::ObjRefArray({restored, sub})});
+  g_log.clear();
   Send(NewMessage("IDLE"));
   ASSERT_EQ(g_log.size(), 1u);
   EXPECT_EQ(g_log[0].self, FieldRef<QVA_HVID>(restored, "OBJECT"));
@@ -223,57 +224,47 @@ TEST_F(BehaviourKindsTest, QueriesAnsweredByNoneOneAndTwoBehavioursOverwriteInPl
   EXPECT_FALSE(Alive(result) || Alive(response));
 }
 
-// The module's routines as the language sees them, in the table's order:
-// "NAME MIN MAX K" where K marks a routine that takes keywords ("-": none).
+// The module's routines as the language sees them, in the table's order: one
+// class a line, "CLASS::" then "METHOD MIN MAX K" for each of its methods,
+// where K marks a routine that takes keywords ("-": none).
 const char *const kFunctions = R"(
-GET_FWIDENT 1 1 -                                 QVADSMAP::GETDATA 2 2 -
-QVADSMAP::GETKEYS 1 2 -                           QVADSMAP::GETSIZE 1 1 -
-QVADSMAP::INIT 1 1 -                              QVADSMAP::KEYEXISTS 2 2 -
-QVAFWBEHAVIOR::INIT 1 1 K                         QVAFWBEHAVIOR::ISREGISTERED 1 1 -
-QVAFWBEHAVIOR::MESSAGESTRING 1 1 -                QVAFWDELAYARGBEHAV::INIT 1 1 K
-QVAFWDELAYBEHAV::INIT 1 1 K                       QVAFWFUNCBEHAV::FUNC 1 1 -
-QVAFWFUNCBEHAV::INIT 1 1 K                        QVAFWHASAHANDLER::HANDLER 1 1 -
-QVAFWHASAHANDLER::INIT 1 1 K                      QVAFWMESSAGE::INIT 1 1 K
-QVAFWMESSAGE::MESSAGESTRING 1 1 -                 QVAFWMESSAGEHANDLER::BEHAVIORS 2 2 -
-QVAFWMESSAGEHANDLER::INIT 1 1 K                   QVAFWMESSAGEHANDLER::ISSCOPED 2 2 -
-QVAFWMESSAGEHANDLER::SCOPEDMESSAGES 1 1 -         QVAFWOBJBEHAV::INIT 1 1 K
-QVAFWOBJBEHAV::METHOD 1 1 -                       QVAFWOBJBEHAV::OBJECT 1 1 -
-QVAFWPROCBEHAV::INIT 1 1 K                        QVAFWPROCBEHAV::PROC 1 1 -
-QVAFWQUERY::INIT 1 1 K                            QVAFWQUERY::RESULT 1 1 -
-QVAFWQUERY::SENDQUERY 1 1 -                       QVAFWQUERYBEHAV::INIT 1 1 K
-QVAFWQUERYBEHAV::RESPONSE 1 1 -                   QVAFWSAVEABLE::INIT 1 1 -
-ROLLOVER_FWIDENT 1 1 -)";
+GET_FWIDENT 1 1 -
+QVADSMAP:: GETDATA 2 2 -  GETKEYS 1 2 -  GETSIZE 1 1 -  INIT 1 1 -  KEYEXISTS 2 2 -
+QVAFWBEHAVIOR:: INIT 1 1 K  ISREGISTERED 1 1 -  MESSAGESTRING 1 1 -
+QVAFWDELAYARGBEHAV:: INIT 1 1 K
+QVAFWDELAYBEHAV:: INIT 1 1 K
+QVAFWFUNCBEHAV:: FUNC 1 1 -  INIT 1 1 K
+QVAFWHASAHANDLER:: HANDLER 1 1 -  INIT 1 1 K
+QVAFWMESSAGE:: INIT 1 1 K  MESSAGESTRING 1 1 -
+QVAFWMESSAGEHANDLER:: BEHAVIORS 2 2 -  INIT 1 1 K  ISSCOPED 2 2 -  SCOPEDMESSAGES 1 1 -
+QVAFWOBJBEHAV:: INIT 1 1 K  METHOD 1 1 -  OBJECT 1 1 -
+QVAFWPROCBEHAV:: INIT 1 1 K  PROC 1 1 -
+QVAFWQUERY:: INIT 1 1 K  RESULT 1 1 -  SENDQUERY 1 1 -
+QVAFWQUERYBEHAV:: INIT 1 1 K  RESPONSE 1 1 -
+QVAFWSAVEABLE:: INIT 1 1 -
+ROLLOVER_FWIDENT 1 1 -
+)";
 const char *const kProcedures = R"(
-FWIDENT_ACQUIRE 1 1 -                             FWIDENT_GC 0 1 -
-FWIDENT_RELEASE 1 1 -                             QVADSMAP::CLEANUP 1 1 -
-QVADSMAP::INSERT 3 3 -                            QVADSMAP::REMOVE 2 2 -
-QVAFWBEHAVIOR::CLEANUP 1 1 K                      QVAFWBEHAVIOR::EXECUTE 1 2 -
-QVAFWBEHAVIOR::REGISTER 1 1 -                     QVAFWBEHAVIOR::RESTORE 1 1 -
-QVAFWBEHAVIOR::SETMESSAGESTRING 2 2 -             QVAFWBEHAVIOR::UNREGISTER 1 1 -
-QVAFWDELAYARGBEHAV::CLEANUP 1 1 -                 QVAFWDELAYARGBEHAV::DELAYEXECUTE 1 1 -
-QVAFWDELAYARGBEHAV::EXECUTE 2 2 -                 QVAFWDELAYBEHAV::CLEANUP 1 1 -
-QVAFWDELAYBEHAV::DELAYEXECUTE 1 1 -               QVAFWDELAYBEHAV::EXECUTE 1 1 -
-QVAFWDELAYBEHAV::RESTORE 1 1 -                    QVAFWDELAYBEHAV::SETMETHOD 2 2 -
-QVAFWFUNCBEHAV::CLEANUP 1 1 -                     QVAFWFUNCBEHAV::EXECUTE 1 2 -
-QVAFWFUNCBEHAV::RESTORE 1 1 -                     QVAFWFUNCBEHAV::SETFUNC 2 2 -
-QVAFWHASAHANDLER::CLEANUP 1 1 -                   QVAFWHASAHANDLER::RESTORE 1 1 -
-QVAFWHASAHANDLER::SETHANDLER 2 2 -                QVAFWMESSAGE::CLEANUP 1 1 K
-QVAFWMESSAGE::RESTORE 1 1 -                       QVAFWMESSAGE::SEND 1 2 -
-QVAFWMESSAGE::SETMESSAGESTRING 2 2 -              QVAFWMESSAGEHANDLER::ADDBEHAVIOR 2 3 -
-QVAFWMESSAGEHANDLER::CLEANUP 1 1 -                QVAFWMESSAGEHANDLER::REMOVEBEHAVIOR 2 3 -
-QVAFWMESSAGEHANDLER::RESTORE 1 1 -                QVAFWMESSAGEHANDLER::SCOPEMESSAGE 2 2 -
-QVAFWMESSAGEHANDLER::SENDMESSAGE 2 3 -            QVAFWMESSAGEHANDLER::UNSCOPEMESSAGE 2 2 -
-QVAFWOBJBEHAV::CLEANUP 1 1 -                      QVAFWOBJBEHAV::EXECUTE 1 2 -
-QVAFWOBJBEHAV::RESTORE 1 1 -                      QVAFWOBJBEHAV::SETMETHOD 2 2 -
-QVAFWOBJBEHAV::SETOBJECT 2 2 -                    QVAFWPROCBEHAV::CLEANUP 1 1 -
-QVAFWPROCBEHAV::EXECUTE 1 2 -                     QVAFWPROCBEHAV::RESTORE 1 1 -
-QVAFWPROCBEHAV::SETPROC 2 2 -                     QVAFWQUERY::CLEANUP 1 1 -
-QVAFWQUERY::RESTORE 1 1 -                         QVAFWQUERY::SETRESULT 2 2 -
-QVAFWQUERYBEHAV::CLEANUP 1 1 -                    QVAFWQUERYBEHAV::EXECUTE 2 2 -
-QVAFWQUERYBEHAV::RESTORE 1 1 -                    QVAFWQUERYBEHAV::SETRESPONSE 1 2 -
-QVAFWSAVEABLE::CLEANUP 1 1 -                      QVAFWSAVEABLE::DORESTORE 1 1 -
-QVAFWSAVEABLE::RESETRESTORED 1 1 -                QVAFWSAVEABLE::RESTORE 1 1 -
-QVAFWSAVEABLERESTOREARRAY 1 1 -)";
+FWIDENT_ACQUIRE 1 1 -
+FWIDENT_GC 0 1 -
+FWIDENT_RELEASE 1 1 -
+QVADSMAP:: CLEANUP 1 1 -  INSERT 3 3 -  REMOVE 2 2 -
+QVAFWBEHAVIOR:: CLEANUP 1 1 K  EXECUTE 1 2 -  REGISTER 1 1 -  RESTORE 1 1 -  SETMESSAGESTRING 2 2 -
+QVAFWBEHAVIOR:: UNREGISTER 1 1 -
+QVAFWDELAYARGBEHAV:: CLEANUP 1 1 -  DELAYEXECUTE 1 1 -  EXECUTE 2 2 -
+QVAFWDELAYBEHAV:: CLEANUP 1 1 -  DELAYEXECUTE 1 1 -  EXECUTE 1 1 -  RESTORE 1 1 -  SETMETHOD 2 2 -
+QVAFWFUNCBEHAV:: CLEANUP 1 1 -  EXECUTE 1 2 -  RESTORE 1 1 -  SETFUNC 2 2 -
+QVAFWHASAHANDLER:: CLEANUP 1 1 -  RESTORE 1 1 -  SETHANDLER 2 2 -
+QVAFWMESSAGE:: CLEANUP 1 1 K  RESTORE 1 1 -  SEND 1 2 -  SETMESSAGESTRING 2 2 -
+QVAFWMESSAGEHANDLER:: ADDBEHAVIOR 2 3 -  CLEANUP 1 1 -  REMOVEBEHAVIOR 2 3 -  RESTORE 1 1 -
+QVAFWMESSAGEHANDLER:: SCOPEMESSAGE 2 2 -  SENDMESSAGE 2 3 -  UNSCOPEMESSAGE 2 2 -
+QVAFWOBJBEHAV:: CLEANUP 1 1 -  EXECUTE 1 2 -  RESTORE 1 1 -  SETMETHOD 2 2 -  SETOBJECT 2 2 -
+QVAFWPROCBEHAV:: CLEANUP 1 1 -  EXECUTE 1 2 -  RESTORE 1 1 -  SETPROC 2 2 -
+QVAFWQUERY:: CLEANUP 1 1 -  RESTORE 1 1 -  SETRESULT 2 2 -
+QVAFWQUERYBEHAV:: CLEANUP 1 1 -  EXECUTE 2 2 -  RESTORE 1 1 -  SETRESPONSE 1 2 -
+QVAFWSAVEABLE:: CLEANUP 1 1 -  DORESTORE 1 1 -  RESETRESTORED 1 1 -  RESTORE 1 1 -
+QVAFWSAVEABLERESTOREARRAY 1 1 -
+)";
 
 TEST_F(BehaviourKindsTest, EveryRoutineIsRegisteredWithItsLimitsAndKeywordFlag) {
   for (bool is_function : {true, false}) {
@@ -283,22 +274,29 @@ TEST_F(BehaviourKindsTest, EveryRoutineIsRegisteredWithItsLimitsAndKeywordFlag) 
     ASSERT_EQ(count, is_function ? 33 : 59);
     std::map<std::string, qvahost::RoutineInfo> registered;
     for (const auto &r : qvahost::routine_rows(is_function)) registered[r.name] = r;
-    std::istringstream rows(is_function ? kFunctions : kProcedures);
-    int i = 0, min, max;
-    for (std::string name, keywords; rows >> name >> min >> max >> keywords; ++i) {
-      SCOPED_TRACE(name);
-      // The module's table holds exactly these rows, sorted...
-      ASSERT_LT(i, count);
-      EXPECT_EQ(table[i].name, name);
-      EXPECT_EQ(table[i].extra, 0u);
-      if (i > 0) {
-        EXPECT_LT(std::string(table[i - 1].name), name);
+    std::istringstream lines(is_function ? kFunctions : kProcedures);
+    int i = 0;
+    for (std::string line; std::getline(lines, line);) {
+      std::istringstream row(line);
+      std::string prefix, word, keywords;
+      int min, max;
+      if (line.find(":: ") != std::string::npos) row >> prefix;
+      for (; row >> word >> min >> max >> keywords; ++i) {
+        const std::string name = prefix + word;
+        SCOPED_TRACE(name);
+        // The module's table holds exactly these rows, sorted...
+        ASSERT_LT(i, count);
+        EXPECT_EQ(table[i].name, name);
+        EXPECT_EQ(table[i].extra, 0u);
+        if (i > 0) {
+          EXPECT_LT(std::string(table[i - 1].name), name);
+        }
+        // ...and the host registered them so.
+        ASSERT_EQ(registered.count(name), 1u) << "not registered";
+        EXPECT_EQ(registered[name].arg_min, min);
+        EXPECT_EQ(registered[name].arg_max, max);
+        EXPECT_EQ(registered[name].flags, keywords == "K" ? uint32_t{QVA_SYSFUN_KEYWORDS} : 0u);
       }
-      // ...and the host registered them so.
-      ASSERT_EQ(registered.count(name), 1u) << "not registered";
-      EXPECT_EQ(registered[name].arg_min, min);
-      EXPECT_EQ(registered[name].arg_max, max);
-      EXPECT_EQ(registered[name].flags, keywords == "K" ? uint32_t{QVA_SYSFUN_KEYWORDS} : 0u);
     }
     EXPECT_EQ(i, count);
   }
