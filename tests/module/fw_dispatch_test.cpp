@@ -205,21 +205,20 @@ TEST_F(NetworkTest, BehavioursRunInAscendingIdentifierOrderWhateverTheRegistrati
   EXPECT_EQ(Selves(), made);
 }
 
-TEST_F(NetworkTest, OneBehaviourReceivesTheCallersTemporaryItself) {
-  const QVA_HVID x = NewBehavior("M");
+TEST_F(NetworkTest, OneBehaviourGetsTheCallersTemporaryAndSeveralShareOneCopy) {
+  // One behaviour receives the caller's temporary itself and may change it.
+  const QVA_HVID one = NewBehavior("One");
   QVA_VPTR tmp = Long(41);
-  g_hook = [](QVA_HVID, QVA_VPTR arg) { arg->value.l += 1; };
-  Send(NewMessage("M"), tmp);
-  EXPECT_EQ(Selves(), Ids{x});
+  g_hook = [](QVA_HVID, QVA_VPTR arg) { arg->value.l += 1; };  // each sees the one before
+  Send(NewMessage("One"), tmp);
+  EXPECT_EQ(Selves(), Ids{one});
   EXPECT_TRUE(g_log[0].arg == tmp && g_log[0].temporary && g_log[0].value == "L:41");
   EXPECT_EQ(Printed(tmp), "L:42") << "changed in place";
-}
-
-TEST_F(NetworkTest, SeveralBehavioursShareOneCopyOfATemporaryAndTheCallersEndsUndefined) {
+  // Several share one copy that is no temporary; the caller's ends undefined.
   Ids xs;
   for (int i = 0; i < 3; ++i) xs.push_back(NewBehavior("M", {.handler = a_, .scope = i == 0}));
-  QVA_VPTR tmp = Long(10);
-  g_hook = [](QVA_HVID, QVA_VPTR arg) { arg->value.l += 1; };  // each sees the one before
+  tmp = Long(10);
+  g_log.clear();
   Send(NewMessage("M", a_), tmp);
   EXPECT_EQ(Selves(), xs);
   for (size_t i = 0; i < 3; ++i) {
