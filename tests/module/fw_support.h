@@ -190,16 +190,13 @@ inline Ids Behaviors(QVA_HVID handler, const std::string &text) {
   return Ids(ids, ids + r->value.arr->n_elts);
 }
 
-// GET_FWIDENT(text) counts one more holder; IdentOf(text) does not.
-inline QVA_HVID GetIdent(const std::string &text) {
-  return Own(qvahost::call_function("GET_FWIDENT", {Str(text)}))->value.hvid;
-}
 inline void IdentRoutine(const char *routine, QVA_HVID id) {
   qvahost::call_procedure(routine, {Own(qvahost::make_ptr(id))});
 }
 inline void CollectIdents() { qvahost::call_procedure("FWIDENT_GC"); }
+// The identifier of `text` (GET_FWIDENT) without counting a holder.
 inline QVA_HVID IdentOf(const std::string &text) {
-  QVA_HVID id = GetIdent(text);
+  const QVA_HVID id = Own(qvahost::call_function("GET_FWIDENT", {Str(text)}))->value.hvid;
   IdentRoutine("FWIDENT_RELEASE", id);
   return id;
 }
