@@ -1,347 +1,344 @@
-// Message dispatch through QVAfwMessage::SEND and
-// QVAfwMessageHandler::SENDMESSAGE: which list runs, in which order, what
-// the behaviours receive as the argument, and what happens when the
-// behaviours change the network while they are being run.
+// Handlers, registration, scoping and dispatch: where a behaviour lands, how
+// scoping moves it, the top-level handler that exists only while it scopes
+// something, the identifier references handlers hold, which list a message
+// runs, in which order, what the behaviours receive, and changes made to the
+// network while they run.
 #include <gtest/gtest.h>
 #include <qva/qva.h>
 
-#include <map>
-
-#include "fw_recorder.h"
+#include "fw_support.h"
 #include "internal.h"
 
+namespace fwtest {
 namespace {
 
-using fwtest::Args;
-using fwtest::BehaviorOptions;
-using fwtest::Recorder;
 using qvatest::ExpectHostError;
 
-class DispatchTest : public fwtest::FwTest {};
-
-// ------------------------------------------------------ which list runs
-
-TEST_F(DispatchTest, TheNearestScopeUpTheChainClaimsTheMessage) {
-  const QVA_HVID a = fwtest::NewHandler();
-  const QVA_HVID b = fwtest::NewHandler(a);
-  fwtest::Scope(a, "M");
-  const QVA_HVID at_a = fwtest::NewBehavior("M", {.handler = a});
-  const QVA_HVID at_top = fwtest::NewBehavior("M");  // unscoped below: lands at the top
-  const QVA_HVID other = fwtest::NewBehavior("N", {.handler = b});
-  ASSERT_NE(fwtest::TopLevel(), 0u);
-  EXPECT_EQ(fwtest::Behaviors(a, "M"), std::vector<QVA_HVID>{at_a});
-  EXPECT_EQ(fwtest::Behaviors(fwtest::TopLevel(), "M"), std::vector<QVA_HVID>{at_top});
-  EXPECT_EQ(fwtest::Behaviors(fwtest::TopLevel(), "N"), std::vector<QVA_HVID>{other});
-
-  const QVA_HVID from_b = fwtest::NewMessage("M", b);
-  const QVA_HVID from_top = fwtest::NewMessage("M");
-  fwtest::Send(from_b);
-  EXPECT_EQ(Recorder::selves(), std::vector<QVA_HVID>{at_a}) << "claimed at A, never reaches T";
-  Recorder::log().clear();
-  fwtest::Send(from_top);
-  EXPECT_EQ(Recorder::selves(), std::vector<QVA_HVID>{at_top});
-  Recorder::log().clear();
-
-  // The same through SENDMESSAGE at the handlers.
-  fwtest::SendText(b, "M");
-  fwtest::SendText(b, "N");
-  EXPECT_EQ(Recorder::selves(), (std::vector<QVA_HVID>{at_a, other}));
-  for (const fwtest::Exec &e : Recorder::log())
-    EXPECT_EQ(e.arg, nullptr) << "sent without argument";
-}
-
-TEST_F(DispatchTest, AnEmptyListStopsTheMessage) {
-  const QVA_HVID a = fwtest::NewHandler();
-  const QVA_HVID b = fwtest::NewHandler(a);
-  const QVA_HVID at_top = fwtest::NewBehavior("M");
-  fwtest::Scope(a, "M");
-  EXPECT_EQ(fwtest::Behaviors(a, "M"), std::vector<QVA_HVID>{}) << "nothing of A's chain is listed";
-  const QVA_HVID msg = fwtest::NewMessage("M", b);
-  fwtest::Send(msg);
-  EXPECT_TRUE(Recorder::log().empty()) << "A's empty list stops it";
-
-  fwtest::Unscope(a, "M");
-  fwtest::Send(msg);
-  EXPECT_EQ(Recorder::selves(), std::vector<QVA_HVID>{at_top});
-}
-
-TEST_F(DispatchTest, AnUnclaimedMessageIsDroppedSilently) {
-  const QVA_HVID a = fwtest::NewHandler();
-  const QVA_HVID b = fwtest::NewHandler(a);
-  const QVA_HVID elsewhere = fwtest::NewBehavior("Other");
-  const QVA_HVID msg = fwtest::NewMessage("Nobody Listens", b);
-  qvatest::OutputCapture out;
-  fwtest::Send(msg);
-  {
-    Args args;
-    fwtest::SendText(a, "Nobody Listens", args.Own(qvahost::make_long(3)));
+class NetworkTest : public FwTest {
+ protected:
+  void SetUp() override {
+    FwTest::SetUp();
+    a_ = NewHandler();
+    b_ = NewHandler(a_);
   }
-  EXPECT_TRUE(Recorder::log().empty());
+  QVA_HVID a_ = 0, b_ = 0;  // B below A below the top-level handler
+};
+
+TEST_F(NetworkTest, ScopingAtAMiddleHandlerPullsTheBehaviourDownAndRetiresTheTop) {
+  const QVA_HVID x = NewBehavior("M", {.handler = b_});
+  const QVA_HVID top = TopLevel(), m = IdentOf("M");
+  ASSERT_NE(top, 0u) << "made for the registration";
+  EXPECT_TRUE(IsScoped(top, "M"));
+  EXPECT_EQ(Behaviors(top, "M"), Ids{x});
+  EXPECT_TRUE(SurvivesRelease(m, 1)) << "held by X and by the top's scope";
+  Scope(a_, "M");
+  EXPECT_EQ(Behaviors(a_, "M"), Ids{x});
+  EXPECT_FALSE(Alive(top)) << "its only list emptied, so it went";
+  EXPECT_EQ(TopLevel(), 0u);
+  EXPECT_TRUE(SurvivesRelease(m, 1)) << "the top unscoped, A scoped";
+  Unscope(a_, "M");
+  const QVA_HVID new_top = TopLevel();
+  EXPECT_NE(new_top, 0u);
+  EXPECT_NE(new_top, top);
+  EXPECT_EQ(Behaviors(new_top, "M"), Ids{x});
+  EXPECT_EQ(HandlerOf(a_), new_top) << "the chain climbs to the new one";
+  EXPECT_TRUE(SurvivesRelease(m, 1));
+  Send(NewMessage("M", b_));
+  EXPECT_EQ(Selves(), Ids{x});
+  Scope(b_, "M");
+  Scope(a_, "M");
+  EXPECT_TRUE(SurvivesRelease(m, 2)) << "X, B and A: three holders (no more: the leak check)";
+  EXPECT_TRUE(IsRegistered(x));
+}
+
+TEST_F(NetworkTest, ScopingMovesOnlyTheBehavioursWhoseChainPassesThroughTheNewScope) {
+  const QVA_HVID c = NewHandler(), a = NewHandler(c), s = NewHandler(c), below_a = NewHandler(a);
+  Scope(c, "M");
+  const QVA_HVID x = NewBehavior("M", {.handler = below_a});
+  const QVA_HVID y = NewBehavior("M", {.handler = s});
+  const QVA_HVID added = NewBehavior("M", {.handler = below_a, .register_it = false});
+  Proc(c, "ADDBEHAVIOR", {Ref(added)});
+  Scope(a, "M");
+  EXPECT_EQ(Behaviors(a, "M"), Ids{x});
+  EXPECT_EQ(Behaviors(c, "M"), (Ids{y, added}))
+      << "Y's chain does not pass A, and what is not registered is not moved";
+  Unscope(a, "M");
+  EXPECT_EQ(Behaviors(c, "M"), (Ids{x, y, added}));
+}
+
+// Scoping below the top-level handler once deleted and remade it while it
+// still held behaviours.
+TEST_F(NetworkTest, ScopingBelowTheTopKeepsTheTopLevelHandlerForWhatStaysThere) {
+  const QVA_HVID x = NewBehavior("M", {.handler = b_}), y = NewBehavior("M");
+  const QVA_HVID top = TopLevel();
+  ASSERT_EQ(Behaviors(top, "M"), (Ids{x, y}));
+  const QVA_HVID msg = NewMessage("M");
+  SetHandler(msg, HandlerOf(msg));  // linked to the top by name, as HANDLER gave it
+  Scope(a_, "M");
+  EXPECT_EQ(Behaviors(a_, "M"), Ids{x});
+  EXPECT_EQ(TopLevel(), top) << "it still scopes M for Y";
+  EXPECT_EQ(Behaviors(top, "M"), Ids{y});
+  Send(msg);
+  EXPECT_EQ(Selves(), Ids{y});
+}
+
+TEST_F(NetworkTest, IsScopedAndScopedMessagesLookAtThisHandlerOnly) {
+  const QVA_HVID x = NewBehavior("M", {.handler = b_, .scope = true});
+  Scope(b_, "M");
+  Unscope(a_, "M");
+  Unscope(a_, "Never Scoped");
+  EXPECT_EQ(Behaviors(b_, "M"), Ids{x}) << "scoping again keeps the list";
+  EXPECT_EQ(ScopedMessages(a_), Texts{});
+  Scope(a_, "N");
+  NewMessage("By Message", a_, true);
+  EXPECT_TRUE(IsScoped(a_, "By Message")) << "SCOPE on a message scopes it at its handler";
+  EXPECT_FALSE(IsScoped(b_, "N")) << "scoped above is not scoped here";
+  EXPECT_FALSE(IsScoped(a_, "n")) << "texts compare exactly";
+  EXPECT_FALSE(IsScoped(a_, "M")) << "nor is scoped below";
+  for (const char *text : {"pear", "Apple", "apple", "", "b a", "10", "9"}) Scope(a_, text);
+  Unscope(a_, "apple");
+  EXPECT_EQ(ScopedMessages(a_), (Texts{"", "10", "9", "Apple", "By Message", "N", "b a", "pear"}));
+}
+
+TEST_F(NetworkTest, ChangingTheStringOfARegisteredBehaviourMovesItsRegistration) {
+  Scope(a_, "New");
+  const QVA_HVID x = NewBehavior("Old", {.handler = b_});
+  const QVA_HVID y = NewBehavior("Old", {.handler = b_, .register_it = false});
+  const QVA_HVID top = TopLevel();
+  Proc(x, "SETMESSAGESTRING", {Str("New")});
+  Proc(y, "SETMESSAGESTRING", {Str("New")});
+  EXPECT_EQ(MessageString(x), "New");
+  EXPECT_EQ(Behaviors(a_, "New"), Ids{x}) << "the unregistered one only takes the string";
+  EXPECT_FALSE(Alive(top)) << "Old was its only scope";
+  SendText(b_, "Old");
+  SendText(b_, "New");
+  EXPECT_EQ(Selves(), Ids{x});
+}
+
+TEST_F(NetworkTest, CleanupUnregistersABehaviourAndAHandlerMarksItsBehavioursUnregistered) {
+  Scope(a_, "M");
+  const QVA_HVID gone = NewBehavior("M", {.handler = b_});
+  const QVA_HVID x = NewBehavior("M", {.handler = a_});
+  const QVA_HVID elsewhere = NewBehavior("M", {.handler = b_, .scope = true});
+  Destroy(gone);
+  EXPECT_EQ(Behaviors(a_, "M"), Ids{x});
+  Destroy(a_);
+  EXPECT_FALSE(IsRegistered(x));
+  EXPECT_TRUE(IsRegistered(elsewhere));
+  Destroy(x);  // must not look for its gone handler
+}
+
+TEST_F(NetworkTest, StringDesignatorsLeaveNoReferenceBehind) {
+  const QVA_HVID held = IdentOf("Held");
+  NewBehavior("Held", {.handler = a_, .scope = true});
+  Proc(a_, "SENDMESSAGE", {Str("Transient")});
+  IsScoped(a_, "Transient Too");
+  Behaviors(a_, "Transient Three");
+  Unscope(a_, "Transient Four");
+  SendText(a_, "Held");
+  Scope(a_, "Held");
+  EXPECT_TRUE(SurvivesRelease(held, 1)) << "the behaviour and A's scope";
+  EXPECT_EQ(g_log.size(), 1u);
+  // Only our own GET/RELEASE pairs touched these since: a collection removes them.
+  Ids interned;
+  for (const char *t : {"Transient", "Transient Too", "Transient Three", "Transient Four"})
+    interned.push_back(IdentOf(t));
+  CollectIdents();
+  for (QVA_HVID id : interned) EXPECT_FALSE(Alive(id));
+}
+
+TEST_F(NetworkTest, AfterASessionResetANewTopLevelHandlerIsMadeOnNextNeed) {
+  session_replaced_ = true;
+  NewBehavior("M");
+  ReleaseTemps();
+  qvahost::reset_session();
+  EXPECT_EQ(TopLevel(), 0u);
+  EXPECT_EQ(qvahost::heap_ids(), Ids{});
+  const QVA_HVID x = NewBehavior("M"), top = TopLevel();
+  // Only the behaviour is reachable from the language's variables.
+  QVA_VarCopy(Ref(x), qvahost::main_variable("KEEP"));
+  qvahost::heap_gc();
+  EXPECT_TRUE(Alive(top)) << "held against heap collection";
+  Send(NewMessage("M"));
+  EXPECT_EQ(Selves(), Ids{x});
+}
+
+TEST_F(NetworkTest, TheNearestScopeClaimsAnEmptyListStopsAndTheUnclaimedAreDropped) {
+  Scope(a_, "M");
+  const QVA_HVID at_a = NewBehavior("M", {.handler = a_});
+  const QVA_HVID at_top = NewBehavior("M");  // unscoped below: lands at the top
+  const QVA_HVID other = NewBehavior("N", {.handler = b_});
+  Send(NewMessage("M", b_));
+  Send(NewMessage("M"));
+  SendText(b_, "N");
+  Proc(b_, "SENDMESSAGE", {Ref(NewMessage("N"))});  // a message as the designator
+  EXPECT_EQ(Selves(), (Ids{at_a, at_top, other, other})) << "claimed at A, not at T";
+  for (const Exec &e : g_log) EXPECT_EQ(e.args, 0);
+  // A's list emptied stops the message; its temporary stays the caller's.
+  g_log.clear();
+  Proc(at_a, "UNREGISTER");
+  QVA_VPTR tmp = Long(7);
+  SendText(b_, "M", tmp);
+  EXPECT_TRUE(g_log.empty());
+  Unscope(a_, "M");
+  SendText(b_, "M");
+  // Nobody listens: dropped at the top without a word.
+  qvatest::OutputCapture out;
+  Send(NewMessage("Nobody Listens", b_));
+  SendText(a_, "Nobody Listens", tmp);
+  EXPECT_EQ(Selves(), Ids{at_top});
   EXPECT_TRUE(out.lines().empty()) << out.all();
-  EXPECT_TRUE(fwtest::IsRegistered(elsewhere));
+  EXPECT_EQ(Printed(tmp), "L:7");
 }
 
-TEST_F(DispatchTest, BehavioursRunInAscendingIdentifierOrderWhateverTheRegistrationOrder) {
-  const QVA_HVID h = fwtest::NewHandler();
-  fwtest::Scope(h, "M");
-  std::vector<QVA_HVID> made;
+TEST_F(NetworkTest, BehavioursRunInAscendingIdentifierOrderWhateverTheRegistrationOrder) {
+  Scope(a_, "M");
+  Ids all{NewBehavior("M", {.handler = a_, .cls = "QVAFWBEHAVIOR"})}, made;  // runs nothing
   for (int i = 0; i < 6; ++i)
-    made.push_back(fwtest::NewBehavior("M", {.handler = h, .register_it = false}));
-  for (size_t i : {3u, 5u, 0u, 4u, 1u, 2u}) fwtest::Proc(made[i], "REGISTER");
-  EXPECT_EQ(fwtest::Behaviors(h, "M"), made);
-  fwtest::SendText(h, "M");
-  EXPECT_EQ(Recorder::selves(), made);
-
-  // Re-registering one moves nothing.
-  fwtest::Proc(made[2], "UNREGISTER");
-  fwtest::Proc(made[2], "REGISTER");
-  Recorder::log().clear();
-  fwtest::SendText(h, "M");
-  EXPECT_EQ(Recorder::selves(), made);
+    made.push_back(NewBehavior("M", {.handler = a_, .register_it = false}));
+  for (size_t i : {3u, 5u, 0u, 4u, 1u, 2u}) Proc(made[i], "REGISTER");
+  Proc(made[2], "UNREGISTER");
+  Proc(made[2], "REGISTER");
+  all.insert(all.end(), made.begin(), made.end());
+  EXPECT_EQ(Behaviors(a_, "M"), all);
+  SendText(a_, "M");
+  EXPECT_EQ(Selves(), made);
 }
 
-TEST_F(DispatchTest, AllThreeKindsOfDesignatorReachTheSameList) {
-  const QVA_HVID h = fwtest::NewHandler();
-  const QVA_HVID x = fwtest::NewBehavior("Ping", {.handler = h, .scope = true});
-  const QVA_HVID msg = fwtest::NewMessage("Ping");
-  const QVA_HVID ident = fwtest::GetIdent("Ping");
-  Args a;
-  fwtest::Proc(h, "SENDMESSAGE", {a.Str("Ping")});
-  fwtest::Proc(h, "SENDMESSAGE", {a.Own(qvahost::make_ptr(ident))});
-  fwtest::Proc(h, "SENDMESSAGE", {a.Ref(msg)});
-  EXPECT_EQ(Recorder::selves(), (std::vector<QVA_HVID>{x, x, x}));
-  fwtest::IdentRoutine("FWIDENT_RELEASE", ident);
-}
-
-TEST_F(DispatchTest, TheBaseClassExecuteDoesNothing) {
-  const QVA_HVID h = fwtest::NewHandler();
-  const QVA_HVID plain =
-      fwtest::NewBehavior("M", {.handler = h, .scope = true, .cls = fwtest::kBehavior});
-  const QVA_HVID rec = fwtest::NewBehavior("M", {.handler = h});
-  EXPECT_EQ(fwtest::Behaviors(h, "M"), (std::vector<QVA_HVID>{plain, rec}));
-  Args a;
-  fwtest::SendText(h, "M", a.Own(qvahost::make_long(1)));
-  EXPECT_EQ(Recorder::selves(), std::vector<QVA_HVID>{rec});
-}
-
-// ------------------------------------------------------------ argument
-
-TEST_F(DispatchTest, OneBehaviourReceivesTheCallersTemporaryItself) {
-  const QVA_HVID x = fwtest::NewBehavior("M");
-  const QVA_HVID msg = fwtest::NewMessage("M");
-  QVA_VPTR tmp = qvahost::make_long(41);
-  // It may change the caller's value in place.
-  Recorder::hook() = [](QVA_HVID, QVA_VPTR arg) { arg->value.l += 1; };
-  fwtest::Send(msg, tmp);
-  ASSERT_EQ(Recorder::log().size(), 1u);
-  const fwtest::Exec &e = Recorder::log()[0];
-  EXPECT_EQ(e.self, x);
-  EXPECT_EQ(e.arg, tmp);
-  EXPECT_TRUE(e.temporary);
-  EXPECT_EQ(e.value, 41);
-  EXPECT_EQ(tmp->type, QVA_TYP_LONG);
-  EXPECT_EQ(tmp->value.l, 42);
-  QVA_Deltmp(tmp);
-}
-
-TEST_F(DispatchTest, SeveralBehavioursShareOneCopyOfATemporaryAndTheCallersEndsUndefined) {
-  const QVA_HVID h = fwtest::NewHandler();
-  std::vector<QVA_HVID> xs;
-  for (int i = 0; i < 3; ++i)
-    xs.push_back(fwtest::NewBehavior("M", {.handler = h, .scope = i == 0}));
-  const QVA_HVID msg = fwtest::NewMessage("M", h);
-  QVA_VPTR tmp = qvahost::make_long(10);
-  // Each one sees what the one before it left.
-  Recorder::hook() = [](QVA_HVID, QVA_VPTR arg) { arg->value.l += 1; };
-  fwtest::Send(msg, tmp);
-  ASSERT_EQ(Recorder::log().size(), 3u);
-  const QVA_VPTR shared = Recorder::log()[0].arg;
-  EXPECT_NE(shared, tmp);
+TEST_F(NetworkTest, OneBehaviourGetsTheCallersTemporaryAndSeveralShareOneCopy) {
+  // One behaviour receives the caller's temporary itself and may change it.
+  const QVA_HVID one = NewBehavior("One");
+  QVA_VPTR tmp = Long(41);
+  g_hook = [](QVA_HVID, QVA_VPTR arg) { arg->value.l += 1; };  // each sees the one before
+  Send(NewMessage("One"), tmp);
+  EXPECT_EQ(Selves(), Ids{one});
+  EXPECT_TRUE(g_log[0].arg == tmp && g_log[0].temporary && g_log[0].value == "L:41");
+  EXPECT_EQ(Printed(tmp), "L:42") << "changed in place";
+  // Several share one copy that is no temporary; the caller's ends undefined.
+  Ids xs;
+  for (int i = 0; i < 3; ++i) xs.push_back(NewBehavior("M", {.handler = a_, .scope = i == 0}));
+  tmp = Long(10);
+  g_log.clear();
+  Send(NewMessage("M", a_), tmp);
+  EXPECT_EQ(Selves(), xs);
   for (size_t i = 0; i < 3; ++i) {
-    const fwtest::Exec &e = Recorder::log()[i];
-    EXPECT_EQ(e.self, xs[i]);
-    EXPECT_EQ(e.arg, shared) << "one shared variable";
-    EXPECT_FALSE(e.temporary) << "the shared copy is no temporary";
-    EXPECT_EQ(e.type, QVA_TYP_LONG);
-    EXPECT_EQ(e.value, 10 + static_cast<QVA_LONG64>(i));
+    EXPECT_TRUE(g_log[i].arg == g_log[0].arg && g_log[i].arg != tmp) << "one shared copy";
+    EXPECT_FALSE(g_log[i].temporary) << "the shared copy is no temporary";
+    EXPECT_EQ(g_log[i].value, "L:" + std::to_string(10 + i));
   }
   EXPECT_EQ(tmp->type, QVA_TYP_UNDEF);
   EXPECT_TRUE(tmp->flags & QVA_V_TEMP) << "still the caller's temporary to release";
-  QVA_Deltmp(tmp);
-}
-
-TEST_F(DispatchTest, ASharedArrayOrStringIsFreedOnceWithTheDispatch) {
-  const QVA_HVID h = fwtest::NewHandler();
-  fwtest::NewBehavior("M", {.handler = h, .scope = true});
-  fwtest::NewBehavior("M", {.handler = h});
-  for (QVA_VPTR tmp : {qvahost::make_string_array({"a", "bb", "ccc"}), qvahost::make_string("text"),
-                       qvahost::make_long_array({1, 2, 3, 4})}) {
-    const int type = tmp->type;
-    Recorder::log().clear();
-    fwtest::SendText(h, "M", tmp);
-    ASSERT_EQ(Recorder::log().size(), 2u);
-    EXPECT_EQ(Recorder::log()[0].type, type);
-    EXPECT_EQ(Recorder::log()[1].arg, Recorder::log()[0].arg);
-    EXPECT_EQ(tmp->type, QVA_TYP_UNDEF);
-    QVA_Deltmp(tmp);
+  // Arrays and strings too, freed once with the dispatch (the leak check).
+  g_hook = nullptr;
+  for (QVA_VPTR t : {Own(qvahost::make_string_array({"a", "bb"})), Str("text")}) {
+    const std::string value = Printed(t);
+    g_log.clear();
+    SendText(a_, "M", t);
+    EXPECT_TRUE(g_log[2].value == value && g_log[2].arg == g_log[0].arg);
+    EXPECT_EQ(t->type, QVA_TYP_UNDEF);
   }
-}
-
-TEST_F(DispatchTest, AVariableThatIsNoTemporaryIsGivenToEveryBehaviourAsItIs) {
-  const QVA_HVID h = fwtest::NewHandler();
-  fwtest::NewBehavior("M", {.handler = h, .scope = true});
-  fwtest::NewBehavior("M", {.handler = h});
+  // A variable that is no temporary goes to every behaviour as it is.
   qvahost::Variable var("V");
   var.take(qvahost::make_long(5));
-  Recorder::hook() = [](QVA_HVID, QVA_VPTR arg) { arg->value.l *= 2; };
-  fwtest::SendText(h, "M", var.get());
-  ASSERT_EQ(Recorder::log().size(), 2u);
-  for (const fwtest::Exec &e : Recorder::log()) {
-    EXPECT_EQ(e.arg, var.get());
-    EXPECT_FALSE(e.temporary);
-  }
-  EXPECT_EQ(Recorder::log()[1].value, 10);
-  EXPECT_EQ(var->type, QVA_TYP_LONG);
-  EXPECT_EQ(var->value.l, 20);
+  g_hook = [](QVA_HVID, QVA_VPTR arg) { arg->value.l *= 2; };
+  g_log.clear();
+  SendText(a_, "M", var.get());
+  for (const Exec &e : g_log) EXPECT_TRUE(e.arg == var.get() && !e.temporary);
+  EXPECT_EQ(Printed(var.get()), "L:40");
 }
 
-TEST_F(DispatchTest, ATemporaryStaysTheCallersWhenNoneOrOneBehaviourRuns) {
-  const QVA_HVID h = fwtest::NewHandler();
-  fwtest::Scope(h, "Empty");
-  QVA_VPTR tmp = qvahost::make_long(7);
-  fwtest::SendText(h, "Empty", tmp);
-  fwtest::SendText(h, "Unclaimed", tmp);
-  EXPECT_EQ(tmp->type, QVA_TYP_LONG);
-  EXPECT_EQ(tmp->value.l, 7);
-  QVA_Deltmp(tmp);
-  EXPECT_TRUE(Recorder::log().empty());
-}
-
-// ------------------------------------------- changes during the dispatch
-
-TEST_F(DispatchTest, TheListIsSnapshotBeforeTheBehavioursRun) {
-  const QVA_HVID h = fwtest::NewHandler();
-  const QVA_HVID first = fwtest::NewBehavior("M", {.handler = h, .scope = true});
-  const QVA_HVID second = fwtest::NewBehavior("M", {.handler = h});
+TEST_F(NetworkTest, TheListIsSnapshotBeforeTheBehavioursRun) {
+  const QVA_HVID first = NewBehavior("M", {.handler = a_, .scope = true});
+  const QVA_HVID second = NewBehavior("M", {.handler = a_});
   QVA_HVID added = 0;
-  // The first run registers a newcomer and unregisters the second.
-  Recorder::hook() = [&](QVA_HVID self, QVA_VPTR) {
+  g_hook = [&](QVA_HVID self, QVA_VPTR) {
     if (self != first || added) return;
-    added = fwtest::NewBehavior("M", {.handler = h});
-    fwtest::Proc(second, "UNREGISTER");
+    added = NewBehavior("M", {.handler = a_});
+    Proc(second, "UNREGISTER");
   };
-  fwtest::SendText(h, "M");
-  EXPECT_EQ(Recorder::selves(), (std::vector<QVA_HVID>{first, second}))
-      << "the second still runs and the newcomer waits for the next message";
-  Recorder::log().clear();
-  fwtest::SendText(h, "M");
-  EXPECT_EQ(Recorder::selves(), (std::vector<QVA_HVID>{first, added}));
+  SendText(a_, "M");
+  SendText(a_, "M");
+  EXPECT_EQ(Selves(), (Ids{first, second, first, added})) << "a newcomer waits for the next";
 }
 
-TEST_F(DispatchTest, ABehaviourDestroyedByAnEarlierOneEndsTheDispatchWithoutLeaks) {
-  const QVA_HVID h = fwtest::NewHandler();
-  const QVA_HVID killer = fwtest::NewBehavior("M", {.handler = h, .scope = true});
-  const QVA_HVID victim = fwtest::NewBehavior("M", {.handler = h});
-  const QVA_HVID last = fwtest::NewBehavior("M", {.handler = h});
-  Recorder::hook() = [&](QVA_HVID self, QVA_VPTR) {
-    if (self == killer) fwtest::Destroy(victim);
+TEST_F(NetworkTest, AnErrorOrADestroyedBehaviourEndsTheDispatchReleasingTheCopy) {
+  const QVA_HVID first = NewBehavior("M", {.handler = a_, .scope = true});
+  const QVA_HVID victim = NewBehavior("M", {.handler = a_});
+  const QVA_HVID last = NewBehavior("M", {.handler = a_});
+  auto send = [&] {
+    auto e = ExpectHostError([&] {
+      SendText(a_, "M", Own(qvahost::make_string_array({"shared", "value"})));
+    });
+    ReleaseTemps();
+    return e;
   };
-  const int64_t objects_before = Objects();
+  ReleaseTemps();
   const qvahost::Accounting before = qvahost::accounting();
-  QVA_VPTR tmp = qvahost::make_string_array({"shared", "value"});
-  qvahost::HostError e = ExpectHostError([&] { fwtest::SendText(h, "M", tmp); });
+  g_hook = [&](QVA_HVID self, QVA_VPTR) {
+    if (self == first) QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "behaviour fails");
+  };
+  EXPECT_EQ(send().text, "behaviour fails");
+  EXPECT_EQ(qvahost::accounting(), before);
+  g_hook = [&](QVA_HVID self, QVA_VPTR) {
+    if (self == first) Destroy(victim);
+  };
+  qvahost::HostError e = send();
   EXPECT_EQ(e.code, qvahost::M_INVALID_OBJ);
   EXPECT_NE(e.text.find(std::to_string(victim)), std::string::npos) << e.text;
-  EXPECT_EQ(Recorder::selves(), std::vector<QVA_HVID>{killer}) << "nothing after the dead one";
-  QVA_Deltmp(tmp);
-  EXPECT_EQ(Objects(), objects_before - 1);
+  EXPECT_EQ(Selves(), (Ids{first, first})) << "nothing after the dead one";
   qvahost::Accounting after = qvahost::accounting();
-  EXPECT_EQ(after.temporaries, before.temporaries);
-  EXPECT_EQ(after.allocations, before.allocations) << "the snapshot went with the error";
-  // The victim unregistered in its CLEANUP: the next dispatch runs the rest.
-  Recorder::hook() = nullptr;
-  Recorder::log().clear();
-  fwtest::SendText(h, "M");
-  EXPECT_EQ(Recorder::selves(), (std::vector<QVA_HVID>{killer, last}));
+  EXPECT_EQ(after.objects, before.objects - 1);
+  EXPECT_TRUE(after.temporaries == before.temporaries && after.allocations == before.allocations);
+  g_hook = nullptr;  // the victim unregistered in its CLEANUP: the rest runs
+  SendText(a_, "M");
+  EXPECT_EQ(Selves(), (Ids{first, first, first, last}));
 }
 
-TEST_F(DispatchTest, AnErrorInsideABehaviourReleasesTheSharedCopy) {
-  const QVA_HVID h = fwtest::NewHandler();
-  const QVA_HVID failing = fwtest::NewBehavior("M", {.handler = h, .scope = true});
-  fwtest::NewBehavior("M", {.handler = h});
-  Recorder::hook() = [&](QVA_HVID self, QVA_VPTR) {
-    if (self == failing) QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "behaviour fails");
+TEST_F(NetworkTest, BehavioursDestroyingThemselvesTheMessageOrScopingElsewhere) {
+  // Destroying itself at the top takes the top-level handler with it.
+  const QVA_HVID lone = NewBehavior("Lone"), top = TopLevel(), lone_msg = NewMessage("Lone");
+  g_hook = [&](QVA_HVID self, QVA_VPTR) { Destroy(self); };
+  Send(lone_msg);
+  EXPECT_FALSE(Alive(lone));
+  EXPECT_FALSE(Alive(top)) << "its last scope went";
+  EXPECT_EQ(TopLevel(), 0u);
+  Send(lone_msg);
+  EXPECT_EQ(Selves(), Ids{lone});
+  // Destroying the message lets the dispatch finish; scoping below moves Y
+  // for the next dispatch only.
+  const QVA_HVID msg = NewMessage("M", a_);
+  const QVA_HVID x = NewBehavior("M", {.handler = a_, .scope = true});
+  const QVA_HVID y = NewBehavior("M", {.handler = b_});
+  g_hook = [&](QVA_HVID self, QVA_VPTR) {
+    if (self == x && Alive(msg)) Destroy(msg);
+    if (self == x && !IsScoped(b_, "M")) Scope(b_, "M");
   };
-  const qvahost::Accounting before = qvahost::accounting();
-  QVA_VPTR tmp = qvahost::make_string("a text the copy owns");
-  EXPECT_EQ(ExpectHostError([&] { fwtest::SendText(h, "M", tmp); }).text, "behaviour fails");
-  EXPECT_EQ(Recorder::log().size(), 1u);
-  QVA_Deltmp(tmp);
-  EXPECT_EQ(qvahost::accounting(), before);
+  Send(msg);
+  EXPECT_FALSE(Alive(msg));
+  EXPECT_EQ(Behaviors(b_, "M"), Ids{y});
+  SendText(b_, "M");
+  EXPECT_EQ(Selves(), (Ids{lone, x, y, y})) << "B claims it now";
 }
 
-TEST_F(DispatchTest, ABehaviourThatDestroysItselfAtTheTopTakesTheTopLevelHandlerWithIt) {
-  const QVA_HVID self_destroying = fwtest::NewBehavior("M");
-  const QVA_HVID msg = fwtest::NewMessage("M");
-  const QVA_HVID top = fwtest::TopLevel();
-  ASSERT_NE(top, 0u);
-  Recorder::hook() = [&](QVA_HVID self, QVA_VPTR) { fwtest::Destroy(self); };
-  fwtest::Send(msg);
-  EXPECT_EQ(Recorder::selves(), std::vector<QVA_HVID>{self_destroying});
-  EXPECT_FALSE(fwtest::Alive(self_destroying));
-  EXPECT_FALSE(fwtest::Alive(top)) << "its last scope went";
-  EXPECT_EQ(fwtest::TopLevel(), 0u);
-  Recorder::log().clear();
-  fwtest::Send(msg);
-  EXPECT_TRUE(Recorder::log().empty());
-}
-
-TEST_F(DispatchTest, ABehaviourThatDestroysTheMessageLetsTheDispatchFinish) {
-  const QVA_HVID h = fwtest::NewHandler();
-  const QVA_HVID msg = fwtest::NewMessage("M", h);
-  const QVA_HVID x = fwtest::NewBehavior("M", {.handler = h, .scope = true});
-  const QVA_HVID y = fwtest::NewBehavior("M", {.handler = h});
-  Recorder::hook() = [&](QVA_HVID self, QVA_VPTR) {
-    if (self == x) fwtest::Destroy(msg);
-  };
-  fwtest::Send(msg);
-  EXPECT_EQ(Recorder::selves(), (std::vector<QVA_HVID>{x, y}));
-  EXPECT_FALSE(fwtest::Alive(msg));
-}
-
-TEST_F(DispatchTest, ScopingDuringADispatchMovesTheOthersForTheNextOne) {
-  const QVA_HVID a = fwtest::NewHandler();
-  const QVA_HVID b = fwtest::NewHandler(a);
-  const QVA_HVID scoper = fwtest::NewBehavior("M", {.handler = a, .scope = true});
-  const QVA_HVID below = fwtest::NewBehavior("M", {.handler = b});
-  ASSERT_EQ(fwtest::Behaviors(a, "M"), (std::vector<QVA_HVID>{scoper, below}));
-  Recorder::hook() = [&](QVA_HVID self, QVA_VPTR) {
-    if (self == scoper && !fwtest::IsScoped(b, "M")) fwtest::Scope(b, "M");
-  };
-  fwtest::SendText(a, "M");
-  EXPECT_EQ(Recorder::selves(), (std::vector<QVA_HVID>{scoper, below}));
-  EXPECT_EQ(fwtest::Behaviors(a, "M"), std::vector<QVA_HVID>{scoper});
-  EXPECT_EQ(fwtest::Behaviors(b, "M"), std::vector<QVA_HVID>{below});
-  Recorder::log().clear();
-  fwtest::SendText(b, "M");
-  EXPECT_EQ(Recorder::selves(), std::vector<QVA_HVID>{below}) << "B claims it now";
-}
-
-TEST_F(DispatchTest, DestroyingEverythingLeavesNoObjectAndNoTopLevelHandler) {
-  const int64_t start = Objects();
-  const QVA_HVID a = fwtest::NewHandler();
-  const QVA_HVID b = fwtest::NewHandler(a);
-  const QVA_HVID x = fwtest::NewBehavior("M", {.handler = b});
-  const QVA_HVID y = fwtest::NewBehavior("N");
-  const QVA_HVID m = fwtest::NewMessage("M", b);
-  fwtest::Send(m);
-  EXPECT_EQ(Recorder::selves(), std::vector<QVA_HVID>{x});
-  for (QVA_HVID id : {m, x, y, b, a}) fwtest::Destroy(id);
-  EXPECT_EQ(fwtest::TopLevel(), 0u);
-  EXPECT_EQ(Objects(), start);
-  // Nobody holds the texts any more.
-  fwtest::CollectIdents();
-  EXPECT_EQ(qvahost::heap_ids(), std::vector<QVA_HVID>{});
+TEST_F(NetworkTest, ALinkThatWouldCloseACycleIsRefusedAndLeftAsItWas) {
+  const QVA_HVID c = NewHandler(b_), outside = NewHandler();
+  SetHandler(a_, outside);
+  const QVA_HVID top = HandlerOf(outside);
+  const std::pair<QVA_HVID, QVA_HVID> cycles[] = {{a_, a_}, {a_, b_},  {a_, c},   {b_, c},
+                                                  {c, c},   {top, a_}, {top, top}};
+  for (auto [obj, target] : cycles) {
+    SCOPED_TRACE(testing::Message() << obj << " -> " << target);
+    const QVA_HVID before = FieldRef<QVA_HVID>(obj, "MYHANDLER");
+    qvahost::HostError e = ExpectHostError([&] { SetHandler(obj, target); });
+    EXPECT_EQ(e.code, QVA_M_GENERIC);
+    EXPECT_TRUE(obj == top || e.text.find("cycle") != std::string::npos) << e.text;
+    EXPECT_EQ(FieldRef<QVA_HVID>(obj, "MYHANDLER"), before);
+  }
+  EXPECT_EQ(HandlerOf(top), 0u);
+  SetHandler(c, a_);  // above: allowed, and the chain still climbs
+  Scope(outside, "M");
+  EXPECT_EQ(Behaviors(outside, "M"), Ids{NewBehavior("M", {.handler = c})});
 }
 
 }  // namespace
+}  // namespace fwtest

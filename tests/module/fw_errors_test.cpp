@@ -1,268 +1,176 @@
 // Wrong arguments to the routines of QVAfwHasAHandler, QVAfwMessage,
-// QVAfwMessageHandler and QVAfwBehavior: each is refused with its error,
-// and the network, the identifiers and the host's accounting are as they
-// were.
+// QVAfwMessageHandler and QVAfwBehavior: each is refused with its error, and
+// the network, the identifiers and the host's accounting are as they were.
 #include <gtest/gtest.h>
 #include <qva/qva.h>
 
 #include <cctype>
 
-#include "fw_recorder.h"
+#include "fw_support.h"
 #include "internal.h"
 
+namespace fwtest {
 namespace {
 
-using fwtest::Args;
-using fwtest::Recorder;
 using qvatest::ExpectHostError;
+using testing::PrintToString;
 
 std::string Upper(std::string s) {
   for (char &c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return s;
 }
 
-class FwErrorsTest : public fwtest::FwTest {
+class FwErrorsTest : public FwTest {
  protected:
   void SetUp() override {
-    fwtest::FwTest::SetUp();
-    qvatest::DefineStructOnce("FWTEST_FOREIGN", "", {qvatest::Field("VALUE", QVA_TYP_LONG)});
-    h_ = fwtest::NewHandler();
-    x_ = fwtest::NewBehavior("M", {.handler = h_, .scope = true});
-    msg_ = fwtest::NewMessage("M", h_);
-    foreign_ = fwtest::NewObject("FWTEST_FOREIGN", {});
+    FwTest::SetUp();
+    h_ = NewHandler();
+    x_ = NewBehavior("M", {.handler = h_, .scope = true});
+    msg_ = NewMessage("M", h_);
+    foreign_ = New("FWTEST_FOREIGN");
   }
-
-  // What an error must leave as it was.
-  struct State {
-    std::vector<std::string> scoped;
-    std::vector<QVA_HVID> listed;
-    std::vector<QVA_HVID> heap;
-    std::string msg_text, beh_text;
-    bool registered;
-    qvahost::Accounting acc;
-    bool operator==(const State &) const = default;
-  };
-  State Now() {
-    State s;
-    s.scoped = fwtest::ScopedMessages(h_);
-    s.listed = fwtest::Behaviors(h_, "M");
-    s.msg_text = fwtest::MessageString(msg_);
-    s.beh_text = fwtest::MessageString(x_);
-    s.registered = fwtest::IsRegistered(x_);
-    // Identifiers interned for a failed call are collectable.
-    fwtest::CollectIdents();
-    s.heap = qvahost::heap_ids();
-    s.acc = qvahost::accounting();
-    return s;
+  // What an error must leave as it was (identifiers interned for a failed
+  // call are collectable).
+  std::string State() {
+    ReleaseTemps();
+    CollectIdents();
+    return PrintToString(ScopedMessages(h_)) + PrintToString(Behaviors(h_, "M")) +
+           MessageString(msg_) + "/" + MessageString(x_) + PrintToString(IsRegistered(x_)) +
+           PrintToString(FieldRef<QVA_HVID>(msg_, "MYHANDLER")) +
+           PrintToString(qvahost::heap_ids()) + qvahost::to_string(qvahost::accounting()) +
+           PrintToString(g_log.size());
   }
-  void ExpectUnchanged(const State &before) {
-    State after = Now();
-    EXPECT_EQ(after.scoped, before.scoped);
-    EXPECT_EQ(after.listed, before.listed);
-    EXPECT_EQ(after.heap, before.heap);
-    EXPECT_EQ(after.msg_text, before.msg_text);
-    EXPECT_EQ(after.beh_text, before.beh_text);
-    EXPECT_EQ(after.registered, before.registered);
-    EXPECT_EQ(after.acc, before.acc)
-        << qvahost::to_string(after.acc) << " vs " << qvahost::to_string(before.acc);
-    EXPECT_TRUE(Recorder::log().empty());
+  // obj->method(args), a function when `function`, which must fail.
+  static qvahost::HostError Fails(QVA_HVID obj, const std::string &method,
+                                  std::vector<QVA_VPTR> args, bool function = false) {
+    return ExpectHostError([&] {
+      if (function) {
+        Func(obj, method, args);
+      } else {
+        Proc(obj, method, args);
+      }
+    });
   }
-
-  // A pointer heap variable holding a string, which is no identifier.
-  QVA_HVID PlainPointer(const std::string &text) {
-    QVA_VPTR t = qvahost::make_string(text);
-    QVA_HVPTR hv = QVA_HeapVarNew(QVA_TYP_PTR, t, 1, QVA_MSG_LONGJMP);
-    if (t->flags & QVA_V_TEMP) QVA_Deltmp(t);
-    return hv->hash_id;
-  }
-
   QVA_HVID h_ = 0, x_ = 0, msg_ = 0, foreign_ = 0;
 };
 
 TEST_F(FwErrorsTest, WhatNamesNoMessageIsRefusedByEveryRoutineTakingAMessage) {
-  const QVA_HVID plain = PlainPointer("M");
-  const QVA_HVID other_handler = fwtest::NewHandler();
-  const State before = Now();
-  {
-    Args a;
-    struct Wrong {
-      const char *what;
-      QVA_VPTR value;
-      int code;
-    };
-    const std::vector<Wrong> wrongs = {
-        {"long", a.Own(qvahost::make_long(1)), QVA_M_NOT_OF_CLASS},
-        {"double", a.Own(qvahost::make_double(2.5)), QVA_M_NOT_OF_CLASS},
-        {"pointer to a plain string", a.Own(qvahost::make_ptr(plain)), QVA_M_NOT_OF_CLASS},
-        {"null pointer", a.Own(qvahost::make_ptr(0)), QVA_M_NOT_OF_CLASS},
-        {"pointer to a behaviour", a.Own(qvahost::make_ptr(x_)), QVA_M_NOT_OF_CLASS},
-        {"behaviour", a.Ref(x_), QVA_M_NOT_OF_CLASS},
-        {"handler", a.Ref(other_handler), QVA_M_NOT_OF_CLASS},
-        {"foreign object", a.Ref(foreign_), QVA_M_NOT_OF_CLASS},
-        {"null object", a.Ref(0), qvahost::M_INVALID_OBJ},
-        {"string array", a.Own(qvahost::make_string_array({"M", "N"})), qvahost::M_NOTSCALAR},
-    };
-    for (const char *method :
-         {"SENDMESSAGE", "SCOPEMESSAGE", "UNSCOPEMESSAGE", "ISSCOPED", "BEHAVIORS"}) {
-      const bool function = std::string(method) == "ISSCOPED" || std::string(method) == "BEHAVIORS";
-      for (const Wrong &w : wrongs) {
-        SCOPED_TRACE(std::string(method) + " with a " + w.what);
+  QVA_VPTR text = qvahost::make_string("M");  // a pointer to a string, which is no identifier
+  const QVA_HVID plain = QVA_HeapVarNew(QVA_TYP_PTR, text, 1, QVA_MSG_LONGJMP)->hash_id;
+  if (text->flags & QVA_V_TEMP) QVA_Deltmp(text);
+  const std::string before = State();
+  const std::pair<QVA_VPTR, int> wrongs[] = {
+      {Long(1), QVA_M_NOT_OF_CLASS},
+      {Own(qvahost::make_ptr(plain)), QVA_M_NOT_OF_CLASS},
+      {Own(qvahost::make_ptr(0)), QVA_M_NOT_OF_CLASS},
+      {Own(qvahost::make_ptr(x_)), QVA_M_NOT_OF_CLASS},
+      {Ref(x_), QVA_M_NOT_OF_CLASS},
+      {Ref(foreign_), QVA_M_NOT_OF_CLASS},
+      {Ref(0), qvahost::M_INVALID_OBJ},
+      {Own(qvahost::make_string_array({"M", "N"})), qvahost::M_NOTSCALAR}};
+  for (std::string method :
+       {"SENDMESSAGE", "SCOPEMESSAGE", "UNSCOPEMESSAGE", "ISSCOPED", "BEHAVIORS"}) {
+    for (auto [wrong, code] : wrongs) {
+      SCOPED_TRACE(method + " with a " + PrintToString(wrong->type));
+      qvahost::HostError e =
+          Fails(h_, method, {wrong}, method == "ISSCOPED" || method == "BEHAVIORS");
+      EXPECT_EQ(e.code, code) << e.text;
+      if (code == QVA_M_NOT_OF_CLASS) {
+        EXPECT_NE(e.text.find("QVAfwMessage"), std::string::npos) << e.text;
+      }
+    }
+  }
+  EXPECT_EQ(State(), before);
+  QVA_HeapVarDelete(plain, 0, QVA_MSG_LONGJMP);
+}
+
+TEST_F(FwErrorsTest, EveryMethodRefusesASelfOfAnotherClassOrAGoneOne) {
+  const QVA_HVID dead = NewMessage("Dead");
+  Destroy(dead);
+  const std::string before = State();
+  int checked = 0;
+  for (bool function : {true, false}) {
+    for (const qvahost::RoutineInfo &r : qvahost::routine_rows(function)) {
+      const std::string cls = r.name.substr(0, r.name.find(':')),
+                        method = r.name.substr(cls.size());
+      if ((cls != "QVAFWHASAHANDLER" && cls != "QVAFWMESSAGE" && cls != "QVAFWBEHAVIOR" &&
+           cls != "QVAFWMESSAGEHANDLER") ||
+          method == "::INIT" || method == "::CLEANUP")
+        continue;
+      SCOPED_TRACE(r.name);
+      ++checked;
+      // Objects of another framework class (all of them have a handler), a
+      // foreign object, a destroyed one; arguments of the right kind.
+      const QVA_HVID other = cls == "QVAFWMESSAGEHANDLER" ? x_ : h_;
+      for (QVA_HVID self : {cls == "QVAFWHASAHANDLER" ? foreign_ : other, foreign_, dead}) {
+        std::vector<QVA_VPTR> args{Ref(self)};
+        for (int i = 1; i < r.arg_min; ++i)
+          args.push_back(method.ends_with("HANDLER") || method.ends_with("BEHAVIOR") ? Ref(h_)
+                                                                                     : Str("M"));
         qvahost::HostError e = ExpectHostError([&] {
-          if (function)
-            qvatest::Release(fwtest::Func(h_, method, {w.value}));
-          else
-            fwtest::Proc(h_, method, {w.value});
+          if (function) {
+            Own(qvahost::call_function(r.name, args));
+          } else {
+            qvahost::call_procedure(r.name, args);
+          }
         });
-        EXPECT_EQ(e.code, w.code) << e.text;
-        if (w.code == QVA_M_NOT_OF_CLASS) {
-          EXPECT_NE(e.text.find("QVAfwMessage"), std::string::npos) << e.text;
-        }
+        // The host names the structure, the module the class.
+        EXPECT_EQ(e.code, self == dead ? qvahost::M_INVALID_OBJ : QVA_M_NOT_OF_CLASS) << e.text;
+        EXPECT_TRUE(self == dead || Upper(e.text).find(cls) != std::string::npos) << e.text;
       }
     }
   }
-  ExpectUnchanged(before);
+  EXPECT_EQ(checked, 23);
+  EXPECT_EQ(State(), before);
 }
 
-TEST_F(FwErrorsTest, EveryMethodRefusesASelfOfAnotherClass) {
-  const QVA_HVID dead = fwtest::NewMessage("Dead");
-  fwtest::Destroy(dead);
-  const State before = Now();
-  {
-    Args a;
-    struct Call {
-      std::string routine;
-      bool function;
-      QVA_HVID self;
-      std::vector<QVA_VPTR> more;
-      const char *cls;
-    };
-    const std::vector<Call> calls = {
-        {"QVAFWHASAHANDLER::HANDLER", true, foreign_, {}, "QVAfwHasAHandler"},
-        {"QVAFWHASAHANDLER::SETHANDLER", false, foreign_, {a.Ref(h_)}, "QVAfwHasAHandler"},
-        {"QVAFWHASAHANDLER::RESTORE", false, foreign_, {}, "QVAfwHasAHandler"},
-        {"QVAFWMESSAGE::SEND", false, h_, {}, "QVAfwMessage"},
-        {"QVAFWMESSAGE::SEND", false, x_, {a.Own(qvahost::make_long(1))}, "QVAfwMessage"},
-        {"QVAFWMESSAGE::MESSAGESTRING", true, h_, {}, "QVAfwMessage"},
-        {"QVAFWMESSAGE::SETMESSAGESTRING", false, x_, {a.Str("N")}, "QVAfwMessage"},
-        {"QVAFWMESSAGE::RESTORE", false, h_, {}, "QVAfwMessage"},
-        {"QVAFWMESSAGEHANDLER::SENDMESSAGE", false, msg_, {a.Str("M")}, "QVAfwMessageHandler"},
-        {"QVAFWMESSAGEHANDLER::SCOPEMESSAGE",
-         false,
-         msg_,
-         {a.Str("New Text")},
-         "QVAfwMessageHandler"},
-        {"QVAFWMESSAGEHANDLER::UNSCOPEMESSAGE", false, x_, {a.Str("M")}, "QVAfwMessageHandler"},
-        {"QVAFWMESSAGEHANDLER::ISSCOPED", true, msg_, {a.Str("Other Text")}, "QVAfwMessageHandler"},
-        {"QVAFWMESSAGEHANDLER::BEHAVIORS", true, x_, {a.Str("M")}, "QVAfwMessageHandler"},
-        {"QVAFWMESSAGEHANDLER::SCOPEDMESSAGES", true, msg_, {}, "QVAfwMessageHandler"},
-        {"QVAFWMESSAGEHANDLER::ADDBEHAVIOR", false, msg_, {a.Ref(x_)}, "QVAfwMessageHandler"},
-        {"QVAFWMESSAGEHANDLER::REMOVEBEHAVIOR", false, x_, {a.Ref(x_)}, "QVAfwMessageHandler"},
-        {"QVAFWMESSAGEHANDLER::RESTORE", false, msg_, {}, "QVAfwMessageHandler"},
-        {"QVAFWBEHAVIOR::MESSAGESTRING", true, msg_, {}, "QVAfwBehavior"},
-        {"QVAFWBEHAVIOR::SETMESSAGESTRING", false, msg_, {a.Str("N")}, "QVAfwBehavior"},
-        {"QVAFWBEHAVIOR::EXECUTE", false, msg_, {}, "QVAfwBehavior"},
-        {"QVAFWBEHAVIOR::REGISTER", false, h_, {}, "QVAfwBehavior"},
-        {"QVAFWBEHAVIOR::UNREGISTER", false, msg_, {}, "QVAfwBehavior"},
-        {"QVAFWBEHAVIOR::ISREGISTERED", true, h_, {}, "QVAfwBehavior"},
-        {"QVAFWBEHAVIOR::RESTORE", false, h_, {}, "QVAfwBehavior"},
-    };
-    for (const Call &c : calls) {
-      SCOPED_TRACE(c.routine);
-      for (QVA_HVID self : {c.self, dead}) {
-        std::vector<QVA_VPTR> args{a.Ref(self)};
-        args.insert(args.end(), c.more.begin(), c.more.end());
-        qvahost::HostError e = ExpectHostError([&] {
-          if (c.function)
-            qvatest::Release(qvahost::call_function(c.routine, args));
-          else
-            qvahost::call_procedure(c.routine, args);
-        });
-        if (self == dead) {
-          EXPECT_EQ(e.code, qvahost::M_INVALID_OBJ) << e.text;
-        } else {
-          EXPECT_EQ(e.code, QVA_M_NOT_OF_CLASS) << e.text;
-          // The host names the structure, the module the class.
-          EXPECT_NE(Upper(e.text).find(Upper(c.cls)), std::string::npos) << e.text;
-        }
-      }
-    }
+TEST_F(FwErrorsTest, ArgumentsAndKeywordsOfTheWrongClassOrTypeAreRefused) {
+  const QVA_HVID dead = NewHandler(), orphan = NewMessage("M", dead);
+  Destroy(dead);
+  const std::string before = State();
+  struct Case {
+    QVA_HVID self;
+    const char *method;
+    QVA_VPTR arg;
+    int code;
+    std::string named;  // in the text
+  };
+  const std::string set_string = "::SetMessageString", set_handler = "::SetHandler";
+  const Case cases[] = {
+      {h_, "ADDBEHAVIOR", Ref(msg_), QVA_M_NOT_OF_CLASS, "QVAfwBehavior"},
+      {h_, "ADDBEHAVIOR", Str("M"), qvahost::M_REQOBJREF, ""},
+      {h_, "ADDBEHAVIOR", Ref(0), qvahost::M_INVALID_OBJ, ""},
+      {h_, "REMOVEBEHAVIOR", Ref(msg_), QVA_M_NOT_OF_CLASS, "QVAfwBehavior"},
+      {h_, "REMOVEBEHAVIOR", Str("M"), qvahost::M_REQOBJREF, ""},
+      {h_, "REMOVEBEHAVIOR", Ref(0), qvahost::M_INVALID_OBJ, ""},
+      {msg_, "SETHANDLER", Long(h_), QVA_M_OBJREF_REQUIRED, "QVAfwHasAHandler" + set_handler},
+      {msg_, "SETHANDLER", Own(qvahost::make_ptr(h_)), QVA_M_OBJREF_REQUIRED, ""},
+      {msg_, "SETHANDLER", Ref(msg_), QVA_M_NOT_OF_CLASS, "QVAfwMessageHandler"},
+      {msg_, "SETHANDLER", Ref(foreign_), QVA_M_NOT_OF_CLASS, ""},
+      {msg_, "SETHANDLER", Ref(dead), qvahost::M_INVALID_OBJ, ""},
+      {msg_, "SETMESSAGESTRING", Long(5), QVA_M_WRONG_TYPE, "QVAfwMessage" + set_string},
+      {msg_, "SETMESSAGESTRING", Own(qvahost::make_ptr(0)), QVA_M_WRONG_TYPE, ""},
+      {msg_, "SETMESSAGESTRING", Own(qvahost::make_string_array({"N"})), qvahost::M_NOTSCALAR, ""},
+      {x_, "SETMESSAGESTRING", Long(5), QVA_M_WRONG_TYPE, "QVAfwBehavior" + set_string},
+      {x_, "SETMESSAGESTRING", Own(qvahost::make_ptr(0)), QVA_M_WRONG_TYPE, ""},
+      {x_, "SETMESSAGESTRING", Own(qvahost::make_string_array({"N"})), qvahost::M_NOTSCALAR, ""}};
+  for (const Case &c : cases) {
+    SCOPED_TRACE(testing::Message() << c.method << " with " << Printed(c.arg));
+    qvahost::HostError e = Fails(c.self, c.method, {c.arg});
+    EXPECT_EQ(e.code, c.code) << e.text;
+    EXPECT_NE(e.text.find(c.named), std::string::npos) << e.text;
   }
-  ExpectUnchanged(before);
-}
-
-TEST_F(FwErrorsTest, AddAndRemoveBehaviorRefuseWhatIsNoBehaviour) {
-  const State before = Now();
-  {
-    Args a;
-    for (const char *method : {"ADDBEHAVIOR", "REMOVEBEHAVIOR"}) {
-      SCOPED_TRACE(method);
-      for (QVA_HVID not_behaviour : {msg_, h_, foreign_}) {
-        qvahost::HostError e =
-            ExpectHostError([&] { fwtest::Proc(h_, method, {a.Ref(not_behaviour)}); });
-        EXPECT_EQ(e.code, QVA_M_NOT_OF_CLASS);
-        EXPECT_NE(e.text.find("QVAfwBehavior"), std::string::npos) << e.text;
-      }
-      EXPECT_EQ(ExpectHostError([&] { fwtest::Proc(h_, method, {a.Str("M")}); }).code,
-                qvahost::M_REQOBJREF);
-      EXPECT_EQ(ExpectHostError([&] { fwtest::Proc(h_, method, {a.Ref(0)}); }).code,
-                qvahost::M_INVALID_OBJ);
-    }
+  // A HANDLER keyword naming what is no handler, or a gone one, makes no object.
+  for (const char *cls : {"QVAFWMESSAGE", "QVAFWMESSAGEHANDLER", "FWTEST_RECORDER"}) {
+    EXPECT_EQ(ExpectHostError([&] { New(cls, Under(msg_)); }).code, QVA_M_NOT_OF_CLASS) << cls;
+    EXPECT_EQ(ExpectHostError([&] { New(cls, Under(dead)); }).code, qvahost::M_INVALID_OBJ);
   }
-  ExpectUnchanged(before);
-}
-
-TEST_F(FwErrorsTest, SetMessageStringTakesOnlyAScalarString) {
-  const State before = Now();
-  {
-    Args a;
-    struct Owner {
-      QVA_HVID id;
-      const char *routine;
-    };
-    for (Owner o : {Owner{msg_, "QVAfwMessage::SetMessageString"},
-                    Owner{x_, "QVAfwBehavior::SetMessageString"}}) {
-      SCOPED_TRACE(o.routine);
-      for (QVA_VPTR wrong :
-           {a.Own(qvahost::make_long(5)), a.Ref(h_), a.Own(qvahost::make_ptr(0))}) {
-        qvahost::HostError e =
-            ExpectHostError([&] { fwtest::Proc(o.id, "SETMESSAGESTRING", {wrong}); });
-        EXPECT_EQ(e.code, QVA_M_WRONG_TYPE);
-        EXPECT_NE(e.text.find(o.routine), std::string::npos) << e.text;
-      }
-      QVA_VPTR array = a.Own(qvahost::make_string_array({"N"}));
-      EXPECT_EQ(ExpectHostError([&] { fwtest::Proc(o.id, "SETMESSAGESTRING", {array}); }).code,
-                qvahost::M_NOTSCALAR);
-    }
-  }
-  ExpectUnchanged(before);
-}
-
-TEST_F(FwErrorsTest, InitWithABadKeywordMakesNothing) {
-  const State before = Now();
-  for (const char *cls : {fwtest::kMessage, fwtest::kHandler, fwtest::kRecorder}) {
-    SCOPED_TRACE(cls);
-    // A handler that is no message handler.
-    EXPECT_EQ(ExpectHostError([&] { fwtest::NewObject(cls, fwtest::HandlerKeyword(msg_)); }).code,
-              QVA_M_NOT_OF_CLASS);
-    // A handler that is gone.
-    const QVA_HVID gone = fwtest::NewHandler();
-    fwtest::Destroy(gone);
-    EXPECT_EQ(ExpectHostError([&] { fwtest::NewObject(cls, fwtest::HandlerKeyword(gone)); }).code,
-              qvahost::M_INVALID_OBJ);
-  }
-  ExpectUnchanged(before);
-}
-
-TEST_F(FwErrorsTest, SendToAMessageWhoseHandlerWasDestroyedFailsCleanly) {
-  const QVA_HVID lost = fwtest::NewHandler();
-  const QVA_HVID orphan = fwtest::NewMessage("M", lost);
-  fwtest::Destroy(lost);
-  const State before = Now();
-  QVA_VPTR tmp = qvahost::make_long(3);
-  EXPECT_EQ(ExpectHostError([&] { fwtest::Send(orphan, tmp); }).code, qvahost::M_INVALID_OBJ);
-  EXPECT_EQ(tmp->type, QVA_TYP_LONG);
-  QVA_Deltmp(tmp);
-  ExpectUnchanged(before);
+  // A message whose handler is gone fails to send, leaving the argument alone.
+  QVA_VPTR tmp = Long(3);
+  EXPECT_EQ(ExpectHostError([&] { Send(orphan, tmp); }).code, qvahost::M_INVALID_OBJ);
+  EXPECT_EQ(Printed(tmp), "L:3");
+  EXPECT_EQ(State(), before);
 }
 
 }  // namespace
+}  // namespace fwtest

@@ -1,224 +1,176 @@
 // A network of handlers, messages and behaviours saved, the session reset,
-// restored, and brought back with QVAFWSAVEABLERESTOREARRAY: the restored
-// messages reach the restored behaviours as before, every identifier field
-// names this session's identifiers, each RESTORE runs once, and old version
-// fields are raised.
+// restored and brought back with QVAFWSAVEABLERESTOREARRAY: the restored
+// messages reach the restored behaviours as before, identifier fields name
+// this session's identifiers, each RESTORE runs once, old versions are raised.
 #include <gtest/gtest.h>
 #include <qva/qva.h>
 
 #include <algorithm>
 #include <cstdint>
 
-#include "fw_recorder.h"
+#include "fw_support.h"
 
+namespace fwtest {
 namespace {
-
-using fwtest::Args;
-using fwtest::FieldRef;
-using fwtest::Recorder;
 
 // Indices into the saved array NET.
 enum : size_t { kA, kB, kX, kY, kZ, kQ, kM1, kM2, kCount };
 
-class RestoreTest : public fwtest::FwTest {
+class RestoreTest : public FwTest {
  protected:
-  // A scopes M; B below A.  X (handler B) and Y (handler A) registered for
-  // M land at A; Z registered for N lands at the top; Q is not registered;
-  // M1 sends M from B, M2 sends N from the top.  X and Y name each other
-  // as peers.
-  std::vector<QVA_HVID> Build() {
-    std::vector<QVA_HVID> ids(kCount);
-    ids[kA] = fwtest::NewHandler();
-    ids[kB] = fwtest::NewHandler(ids[kA]);
-    fwtest::Scope(ids[kA], "M");
-    ids[kX] = fwtest::NewBehavior("M", {.handler = ids[kB]});
-    ids[kY] = fwtest::NewBehavior("M", {.handler = ids[kA]});
-    ids[kZ] = fwtest::NewBehavior("N");
-    ids[kQ] = fwtest::NewBehavior("M", {.handler = ids[kB], .register_it = false});
-    ids[kM1] = fwtest::NewMessage("M", ids[kB]);
-    ids[kM2] = fwtest::NewMessage("N");
+  // A scopes M; B below A.  X (handler B) and Y (handler A) registered for M
+  // land at A; Z registered for N lands at the top; Q is not registered; M1
+  // sends M from B, M2 sends N from the top.  X and Y name each other as peers.
+  static Ids Build() {
+    Ids ids(kCount);
+    ids[kA] = NewHandler();
+    ids[kB] = NewHandler(ids[kA]);
+    Scope(ids[kA], "M");
+    ids[kX] = NewBehavior("M", {.handler = ids[kB]});
+    ids[kY] = NewBehavior("M", {.handler = ids[kA]});
+    ids[kZ] = NewBehavior("N");
+    ids[kQ] = NewBehavior("M", {.handler = ids[kB], .register_it = false});
+    ids[kM1] = NewMessage("M", ids[kB]);
+    ids[kM2] = NewMessage("N");
     FieldRef<QVA_HVID>(ids[kX], "PEER") = ids[kY];
     FieldRef<QVA_HVID>(ids[kY], "PEER") = ids[kX];
     return ids;
   }
-
-  // The main-level variable NET: an array of references to `ids`.
-  static void Keep(const std::vector<QVA_HVID> &ids) {
-    qvatest::ObjRefArray array(ids);
-    QVA_VarCopy(array, qvahost::main_variable("NET"));
-  }
-  static std::vector<QVA_HVID> Restored() {
-    QVA_VPTR v = qvahost::find_main_variable("NET");
-    EXPECT_NE(v, nullptr);
-    if (!v) return {};
-    auto *ids = reinterpret_cast<QVA_HVID *>(v->value.arr->data);
-    return std::vector<QVA_HVID>(ids, ids + v->value.arr->n_elts);
-  }
-
-  // Saves everything, resets, restores: the restored ids in NET's order.
-  std::vector<QVA_HVID> SaveResetRestore(const std::vector<QVA_HVID> &ids) {
-    Keep(ids);
+  // Keeps `ids` in the main-level variable NET, saves everything, resets and
+  // restores: the restored ids in NET's order.
+  Ids SaveResetRestore(const Ids &ids) {
+    session_replaced_ = true;
+    QVA_VarCopy(qvatest::ObjRefArray(ids), qvahost::main_variable("NET"));
     const std::vector<uint8_t> bytes = qvahost::save_all_to_bytes();
+    ReleaseTemps();
     qvahost::reset_session();
-    EXPECT_EQ(fwtest::TopLevel(), 0u);
+    EXPECT_EQ(TopLevel(), 0u);
     qvahost::restore_from_bytes(bytes.data(), bytes.size());
-    return Restored();
+    QVA_VPTR v = qvahost::find_main_variable("NET");
+    auto *r = reinterpret_cast<QVA_HVID *>(v->value.arr->data);
+    return Ids(r, r + v->value.arr->n_elts);
   }
-
-  static void RestoreArray(const std::vector<QVA_HVID> &ids) {
-    qvatest::ObjRefArray list(ids);
-    qvahost::call_procedure("QVAFWSAVEABLERESTOREARRAY", {list});
+  static void RestoreArray(const Ids &ids) {
+    qvahost::call_procedure("QVAFWSAVEABLERESTOREARRAY", {qvatest::ObjRefArray(ids)});
   }
-
-  static std::vector<QVA_HVID> Sent(QVA_HVID msg) {
-    Recorder::log().clear();
-    fwtest::Send(msg);
-    return Recorder::selves();
+  static Ids Sent(QVA_HVID msg) {
+    g_log.clear();
+    Send(msg);
+    return Selves();
   }
 };
 
-TEST_F(RestoreTest, ARestoredNetworkAnswersAsBefore) {
-  const std::vector<QVA_HVID> before = Build();
-  ASSERT_EQ(Sent(before[kM1]), (std::vector<QVA_HVID>{before[kX], before[kY]}));
-  ASSERT_EQ(Sent(before[kM2]), std::vector<QVA_HVID>{before[kZ]});
-
-  const std::vector<QVA_HVID> r = SaveResetRestore(before);
+TEST_F(RestoreTest, ARestoredNetworkAnswersAsBeforeWithItsIdentifiersRolledOver) {
+  const Ids before = Build();
+  ASSERT_EQ(Sent(before[kM1]), (Ids{before[kX], before[kY]}));
+  ASSERT_EQ(Sent(before[kM2]), Ids{before[kZ]});
+  // Old version fields are raised to 1, newer ones kept.
+  struct Version {
+    size_t obj;
+    const char *tag;
+    QVA_LONG saved, restored;
+  };
+  const Version versions[] = {
+      {kM1, "QVAFWSAVEABLE_VERSION", 0, 1},      {kM1, "HASAHANDLER_VERSION", 0, 1},
+      {kM1, "QVAFWMESSAGE_VERSION", 0, 1},       {kM2, "QVAFWMESSAGE_VERSION", 2, 2},
+      {kM2, "HASAHANDLER_VERSION", 2, 2},        {kX, "QVAFWBEHAVIOR_VERSION", 2, 2},
+      {kX, "HASAHANDLER_VERSION", 0, 1},         {kQ, "QVAFWBEHAVIOR_VERSION", 0, 1},
+      {kA, "QVAFWMESSAGEHANDLER_VERSION", 2, 2}, {kB, "QVAFWMESSAGEHANDLER_VERSION", 0, 1},
+      {kB, "QVAFWSAVEABLE_VERSION", 2, 2},       {kY, "QVAFWSAVEABLE_VERSION", 1, 1}};
+  for (const Version &v : versions) FieldRef<QVA_LONG>(before[v.obj], v.tag) = v.saved;
+  const Ids r = SaveResetRestore(before);
   ASSERT_EQ(r.size(), static_cast<size_t>(kCount));
-  // Before the restore calls, the fields name the saved identifiers.
   const QVA_HVID stale_m = FieldRef<QVA_HVID>(r[kM1], "MESS_IDENT");
-  ASSERT_NE(stale_m, 0u);
-
+  ASSERT_NE(stale_m, 0u) << "before RESTORE the fields name the saved identifiers";
   RestoreArray(r);
-  const QVA_HVID m = fwtest::IdentOf("M");
-  const QVA_HVID n = fwtest::IdentOf("N");
+  for (const Version &v : versions)
+    EXPECT_EQ(FieldRef<QVA_LONG>(r[v.obj], v.tag), v.restored) << v.obj << " " << v.tag;
+  const QVA_HVID m = IdentOf("M"), n = IdentOf("N");
   EXPECT_NE(m, stale_m);
   EXPECT_EQ(FieldRef<QVA_HVID>(r[kM1], "MESS_IDENT"), m);
   EXPECT_EQ(FieldRef<QVA_HVID>(r[kM2], "MESS_IDENT"), n);
   for (size_t i : {kX, kY, kQ}) EXPECT_EQ(FieldRef<QVA_HVID>(r[i], "MESSIDENT"), m) << i;
   EXPECT_EQ(FieldRef<QVA_HVID>(r[kZ], "MESSIDENT"), n);
+  CollectIdents();
+  EXPECT_FALSE(Alive(stale_m)) << "nothing may still name it";
 
-  // The stale identifiers go with a collection; nothing may still name them.
-  fwtest::CollectIdents();
-  EXPECT_FALSE(fwtest::Alive(stale_m));
+  EXPECT_EQ(Sent(r[kM1]), (Ids{r[kX], r[kY]}));
+  EXPECT_EQ(Sent(r[kM2]), Ids{r[kZ]});
+  EXPECT_EQ(Behaviors(r[kA], "M"), (Ids{r[kX], r[kY]}));
+  EXPECT_EQ(ScopedMessages(r[kA]), Texts{"M"});
+  for (size_t i : {kX, kY, kZ}) EXPECT_TRUE(IsRegistered(r[i])) << i;
+  EXPECT_FALSE(IsRegistered(r[kQ]));
+  ASSERT_NE(TopLevel(), 0u) << "Z registered at a new top-level handler";
+  EXPECT_EQ(Behaviors(TopLevel(), "N"), Ids{r[kZ]});
 
-  EXPECT_EQ(Sent(r[kM1]), (std::vector<QVA_HVID>{r[kX], r[kY]}));
-  EXPECT_EQ(Sent(r[kM2]), std::vector<QVA_HVID>{r[kZ]});
-  EXPECT_EQ(fwtest::Behaviors(r[kA], "M"), (std::vector<QVA_HVID>{r[kX], r[kY]}));
-  EXPECT_EQ(fwtest::ScopedMessages(r[kA]), std::vector<std::string>{"M"});
-  for (size_t i : {kX, kY, kZ}) EXPECT_TRUE(fwtest::IsRegistered(r[i])) << i;
-  EXPECT_FALSE(fwtest::IsRegistered(r[kQ]));
-  const QVA_HVID top = fwtest::TopLevel();
-  ASSERT_NE(top, 0u) << "Z registered at a new top-level handler";
-  EXPECT_EQ(fwtest::Behaviors(top, "N"), std::vector<QVA_HVID>{r[kZ]});
+  // References counted once per holder.  M: X, Y, Q, M1 and A's scope.  N: Z,
+  // M2 and the top's scope.
+  EXPECT_TRUE(SurvivesRelease(m, 4));
+  EXPECT_TRUE(SurvivesRelease(n, 2));
 
-  // Still a working network: scoping at B pulls X down.
-  fwtest::Scope(r[kB], "M");
-  EXPECT_EQ(fwtest::Behaviors(r[kB], "M"), std::vector<QVA_HVID>{r[kX]});
-  EXPECT_EQ(Sent(r[kM1]), std::vector<QVA_HVID>{r[kX]});
+  EXPECT_EQ(ScopedMessages(r[kB]), Texts{});
+  // With every holder gone, nothing is left.
+  for (QVA_HVID id : r) Destroy(id);
+  EXPECT_EQ(TopLevel(), 0u);
+  CollectIdents();
+  EXPECT_FALSE(Alive(m));
+  EXPECT_FALSE(Alive(n));
 }
 
 TEST_F(RestoreTest, EachRestoreRunsOnceWhateverTheArrayAndThePeers) {
-  const std::vector<QVA_HVID> r = SaveResetRestore(Build());
-  // X restores Y as its peer before Y's turn; X appears twice.
+  const Ids r = SaveResetRestore(Build());
+  // X restores Y as its peer before Y's turn; X and Y appear twice.
   RestoreArray({r[kX], r[kA], r[kX], r[kB], r[kY], r[kZ], r[kQ], r[kM1], r[kM2], r[kY]});
-  EXPECT_EQ(Recorder::restored(), (std::vector<QVA_HVID>{r[kX], r[kY], r[kZ], r[kQ]}));
+  EXPECT_EQ(g_restored, (Ids{r[kX], r[kY], r[kZ], r[kQ]}));
   for (QVA_HVID id : r) EXPECT_EQ(FieldRef<double>(id, "QVAFWSAVEABLE_TOP"), 1.0) << id;
-  EXPECT_EQ(Sent(r[kM1]), (std::vector<QVA_HVID>{r[kX], r[kY]}));
+  EXPECT_EQ(Sent(r[kM1]), (Ids{r[kX], r[kY]}));
+
+  // An element destroyed by an earlier element's RESTORE is skipped.
+  const Ids again = SaveResetRestore(Build());
+  g_restored.clear();
+  g_hook = [&](QVA_HVID self, QVA_VPTR) {
+    if (self == again[kZ]) Destroy(again[kQ]);
+  };
+  RestoreArray({again[kZ], again[kQ], again[kX], again[kM1]});
+  EXPECT_EQ(g_restored, (Ids{again[kZ], again[kX], again[kY]}));
+  EXPECT_FALSE(Alive(again[kQ]));
 }
 
-TEST_F(RestoreTest, RestoredReferencesAreCountedOncePerHolder) {
-  const std::vector<QVA_HVID> r = SaveResetRestore(Build());
-  RestoreArray(r);
-  fwtest::CollectIdents();
-  const QVA_HVID m = fwtest::IdentOf("M");
-  const QVA_HVID n = fwtest::IdentOf("N");
-  // M: X, Y, Q, M1 and A's scope.  N: Z, M2 and the top's scope.
-  EXPECT_TRUE(fwtest::SurvivesRelease(m, 4));
-  EXPECT_TRUE(fwtest::SurvivesRelease(n, 2));
-  // With every holder gone, nothing is left.
-  for (QVA_HVID id : r) fwtest::Destroy(id);
-  EXPECT_EQ(fwtest::TopLevel(), 0u);
-  fwtest::CollectIdents();
-  EXPECT_FALSE(fwtest::Alive(m));
-  EXPECT_FALSE(fwtest::Alive(n));
-}
-
+// Restoring objects of this session (their identifiers already this
+// session's) once gave them an extra identifier reference.
 TEST_F(RestoreTest, RestoringObjectsOfThisSessionAgainKeepsTheirCounts) {
-  const std::vector<QVA_HVID> ids = Build();
-  // RESTORE run on live objects of this session: their identifiers are
-  // already this session's, and must not gain holders.
+  const Ids ids = Build();
   RestoreArray(ids);
-  fwtest::Proc(ids[kM1], "RESTORE");
-  fwtest::Proc(ids[kX], "RESTORE");
-  fwtest::Proc(ids[kA], "RESTORE");
-  EXPECT_EQ(Sent(ids[kM1]), (std::vector<QVA_HVID>{ids[kX], ids[kY]}));
-  const QVA_HVID m = fwtest::IdentOf("M");
-  const QVA_HVID n = fwtest::IdentOf("N");
-  for (QVA_HVID id : ids) fwtest::Destroy(id);
-  fwtest::CollectIdents();
-  EXPECT_FALSE(fwtest::Alive(m));
-  EXPECT_FALSE(fwtest::Alive(n));
+  Proc(ids[kM1], "RESTORE");
+  Proc(ids[kX], "RESTORE");
+  Proc(ids[kA], "RESTORE");
+  EXPECT_EQ(Sent(ids[kM1]), (Ids{ids[kX], ids[kY]}));
+  // The fixture's end collects every identifier once the objects are gone.
 }
 
-TEST_F(RestoreTest, OldVersionFieldsAreRaisedToOneAndNewerOnesKept) {
-  std::vector<QVA_HVID> ids = Build();
-  FieldRef<QVA_LONG>(ids[kM1], "QVAFWSAVEABLE_VERSION") = 0;
-  FieldRef<QVA_LONG>(ids[kM1], "HASAHANDLER_VERSION") = 0;
-  FieldRef<QVA_LONG>(ids[kM1], "QVAFWMESSAGE_VERSION") = 0;
-  FieldRef<QVA_LONG>(ids[kM2], "QVAFWMESSAGE_VERSION") = 2;
-  FieldRef<QVA_LONG>(ids[kM2], "HASAHANDLER_VERSION") = 2;
-  FieldRef<QVA_LONG>(ids[kX], "QVAFWBEHAVIOR_VERSION") = 2;
-  FieldRef<QVA_LONG>(ids[kX], "HASAHANDLER_VERSION") = 0;
-  FieldRef<QVA_LONG>(ids[kQ], "QVAFWBEHAVIOR_VERSION") = 0;
-  FieldRef<QVA_LONG>(ids[kA], "QVAFWMESSAGEHANDLER_VERSION") = 2;
-  FieldRef<QVA_LONG>(ids[kB], "QVAFWMESSAGEHANDLER_VERSION") = 0;
-  FieldRef<QVA_LONG>(ids[kB], "QVAFWSAVEABLE_VERSION") = 2;
-  const std::vector<QVA_HVID> r = SaveResetRestore(ids);
-  RestoreArray(r);
-  auto v = [&](size_t i, const char *tag) { return FieldRef<QVA_LONG>(r[i], tag); };
-  EXPECT_EQ(v(kM1, "QVAFWSAVEABLE_VERSION"), 1);
-  EXPECT_EQ(v(kM1, "HASAHANDLER_VERSION"), 1);
-  EXPECT_EQ(v(kM1, "QVAFWMESSAGE_VERSION"), 1);
-  EXPECT_EQ(v(kM2, "QVAFWMESSAGE_VERSION"), 2);
-  EXPECT_EQ(v(kM2, "HASAHANDLER_VERSION"), 2);
-  EXPECT_EQ(v(kX, "QVAFWBEHAVIOR_VERSION"), 2);
-  EXPECT_EQ(v(kX, "HASAHANDLER_VERSION"), 1);
-  EXPECT_EQ(v(kQ, "QVAFWBEHAVIOR_VERSION"), 1);
-  EXPECT_EQ(v(kA, "QVAFWMESSAGEHANDLER_VERSION"), 2);
-  EXPECT_EQ(v(kB, "QVAFWMESSAGEHANDLER_VERSION"), 1);
-  EXPECT_EQ(v(kB, "QVAFWSAVEABLE_VERSION"), 2);
-  EXPECT_EQ(v(kY, "QVAFWSAVEABLE_VERSION"), 1) << "1 stays 1";
-  // Raised or kept, the network still answers.
-  EXPECT_EQ(Sent(r[kM1]), (std::vector<QVA_HVID>{r[kX], r[kY]}));
-  EXPECT_EQ(Sent(r[kM2]), std::vector<QVA_HVID>{r[kZ]});
-  EXPECT_EQ(fwtest::ScopedMessages(r[kB]), std::vector<std::string>{});
-}
-
-// RESTORE numbers heap variables afresh, meeting them here in reverse; the
-// behaviour lists, kept in heap-identifier order, must come back in order,
-// so that no behaviour runs twice and each can still leave.
+// The restore renumbers heap variables; behaviour lists, kept in identifier
+// order, once came back out of order, so that behaviours ran twice and could
+// not leave.
 TEST_F(RestoreTest, ARestoredListIsStillInIdentifierOrder) {
-  const QVA_HVID a = fwtest::NewHandler();
-  fwtest::Scope(a, "M");
-  std::vector<QVA_HVID> made;
-  for (int i = 0; i < 5; ++i) made.push_back(fwtest::NewBehavior("M", {.handler = a}));
-  const QVA_HVID m = fwtest::NewMessage("M", a);
+  const QVA_HVID a = NewHandler();
+  Scope(a, "M");
+  Ids made;
+  for (int i = 0; i < 5; ++i) made.push_back(NewBehavior("M", {.handler = a}));
   // Kept newest first, so the restore meets them in reverse.
-  std::vector<QVA_HVID> ids(made.rbegin(), made.rend());
+  Ids ids(made.rbegin(), made.rend());
   ids.push_back(a);
-  ids.push_back(m);
-  const std::vector<QVA_HVID> r = SaveResetRestore(ids);
+  ids.push_back(NewMessage("M", a));
+  const Ids r = SaveResetRestore(ids);
   ASSERT_GT(r[0], r[4]) << "the newest behaviour still has the highest identifier";
-
   // The handler first, then the behaviours in the order they were made.
   RestoreArray({r[5], r[6], r[4], r[3], r[2], r[1], r[0]});
-  std::vector<QVA_HVID> sorted(r.begin(), r.begin() + 5);
+  Ids sorted(r.begin(), r.begin() + 5);
   std::sort(sorted.begin(), sorted.end());
-  EXPECT_EQ(fwtest::Behaviors(r[5], "M"), sorted);
+  EXPECT_EQ(Behaviors(r[5], "M"), sorted);
   EXPECT_EQ(Sent(r[6]), sorted) << "each once";
-  for (size_t i = 0; i < 5; ++i) fwtest::Proc(r[i], "UNREGISTER");
-  EXPECT_EQ(fwtest::Behaviors(r[5], "M"), std::vector<QVA_HVID>{});
-  EXPECT_EQ(fwtest::IsScoped(r[5], "M"), 1);
+  for (size_t i = 0; i < 5; ++i) Proc(r[i], "UNREGISTER");
+  EXPECT_EQ(Behaviors(r[5], "M"), Ids{});
 }
 
 }  // namespace
+}  // namespace fwtest
