@@ -20,7 +20,6 @@ def fail(why):
 
 
 def expect(pattern, count=1):
-    """Reads until the terminal has shown `pattern` `count` times in all."""
     global seen
     end = time.time() + 10
     while seen.count(pattern) < count:
@@ -36,28 +35,22 @@ def expect(pattern, count=1):
         seen += chunk
 
 
-def send(text):
+def step(text, *expected):
+    """Types `text`, then waits for each (pattern, times seen in all)."""
     os.write(fd, text.encode())
+    for pattern, count in expected:
+        expect(pattern, count)
 
 
-expect(b"QVA> ")
-send("x = 6 * 7\r")
-expect(b"QVA> ", 2)
-send("print, x + 0\r")
-expect(b"42")
-expect(b"QVA> ", 3)
-send("print, no_such_variable\r")
-expect(b"Variable is undefined: NO_SUCH_VARIABLE.")
-expect(b"QVA> ", 4)
-send("\x1b[A\x1b[A\r")  # up twice: past the failing line to the PRINT of x
-expect(b"42", 2)
-expect(b"QVA> ", 5)
-send("for i = 1, 2 do begin\r")
-expect(b"...> ")
-send("print, 'line', i\rendfor\r")
-expect(b"line           2")
-expect(b"QVA> ", 6)
-send("exit\r")
+P = b"QVA> "
+expect(P)
+step("x = 6 * 7\r", (P, 2))
+step("print, x + 0\r", (b"42", 1), (P, 3))
+step("print, no_such_variable\r", (b"Variable is undefined: NO_SUCH_VARIABLE.", 1), (P, 4))
+step("\x1b[A\x1b[A\r", (b"42", 2), (P, 5))  # up twice: past the failing line to the PRINT
+step("for i = 1, 2 do begin\r", (b"...> ", 1))
+step("print, 'line', i\rendfor\r", (b"line           2", 1), (P, 6))
+step("exit\r")
 _, status = os.waitpid(pid, 0)
 if not os.WIFEXITED(status) or os.WEXITSTATUS(status) != 0:
     fail("qva ended with status %r" % status)
