@@ -59,7 +59,7 @@ std::string ExprOf(const std::string &src) {
   return Show(*p.main[0]->value);
 }
 
-TEST(Parser, PrecedenceAndAssociativity) {
+TEST(Parser, PrecedenceAssociativityAndLiteralTypes) {
   EXPECT_EQ(ExprOf("1 + 2 * 3"), "(+ 1 (* 2 3))");
   EXPECT_EQ(ExprOf("1 - 2 - 3"), "(- (- 1 2) 3)");
   EXPECT_EQ(ExprOf("2 ^ 3 ^ 2"), "(^ 2 (^ 3 2))");
@@ -103,7 +103,7 @@ TEST(Parser, StatementsDefinitionsBlocksAndContinuation) {
       "t.pro");
   std::string main;  // name@line of each statement, and the arguments of the first
   for (const auto &st : p.main) main += st->name + "@" + std::to_string(st->line) + " ";
-  EXPECT_EQ(main, "PRINT@1 METHOD@2 BASE::METHOD@2 HEAP_GC@3 @19 ");
+  ASSERT_EQ(main, "PRINT@1 METHOD@2 BASE::METHOD@2 HEAP_GC@3 @19 ");
   ASSERT_EQ(p.main[0]->args.size(), 4u);
   EXPECT_EQ(p.main[0]->args[2].keyword, "KEY");
   EXPECT_TRUE(p.main[0]->args[3].flag);
