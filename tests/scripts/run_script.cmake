@@ -1,5 +1,5 @@
-# Runs one script through qva with the leak check and compares everything
-# it printed (standard output and error, in order) with the expected file.
+# Runs one script through qva with the leak check; all it printed (standard
+# output and error, in order) must equal the expected file.
 #   -DQVA=... -DSCRIPT=... -DEXPECTED=... -DEXPECT_RC=... -DWORKDIR=...
 file(MAKE_DIRECTORY ${WORKDIR})
 execute_process(COMMAND ${QVA} --check-leaks ${SCRIPT}
