@@ -1,14 +1,15 @@
 // The heap: pointer heap variables and objects, named by identifiers that
 // count up from 1 and are never reused within a process.
 //
-// The table is a three-level radix index over the 32-bit identifier (root,
-// middle pages, record pages) whose last level holds the records
-// themselves, in identifier order: a look-up is two small index reads and
-// the record, with no search, and records made one after another (the
-// nodes of a growing tree, say) sit next to each other.  A record page
-// goes away as soon as every identifier in its range has been issued and
-// deleted, and a middle page when its last record page goes, so memory
-// follows the live heap variables, not the identifiers ever issued.
+// The table is a two-level radix index over the 32-bit identifier: one
+// directory of record pages, then the records themselves, in identifier
+// order.  A look-up is one directory read and the record, with no search,
+// and records made one after another (the nodes of a growing tree, say) sit
+// next to each other.  The directory is a zero-initialised array of 2^24
+// page pointers: the system gives it memory only where it is written, a
+// page of it per 131,072 identifiers issued.  A record page goes away as
+// soon as every identifier in its range has been issued and deleted, so
+// memory follows the live heap variables, not the identifiers ever issued.
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -19,78 +20,52 @@
 namespace qvahost {
 namespace {
 
-constexpr unsigned kPageBits = 8;   // 256 records (48 KiB) per page
-constexpr unsigned kMidBits = 12;
-constexpr unsigned kRootBits = 32 - kPageBits - kMidBits;
+constexpr unsigned kPageBits = 8;  // 256 records (48 KiB) per page
 constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
-constexpr uint32_t kMidSize = uint32_t{1} << kMidBits;
+constexpr size_t kDirectorySize = size_t{1} << (32 - kPageBits);
 
 struct Page {
   HeapVar records[kPageSize];
   uint32_t live = 0;
 };
 
-struct Mid {
-  std::unique_ptr<Page> pages[kMidSize];
-  uint32_t page_count = 0;
-};
-
-// Constant-initialised and never destroyed (it lives as long as the
-// process), so that a look-up needs no initialisation check.
+// Constant-initialised and never destroyed (they live as long as the
+// process), so that a look-up needs no initialisation check.  The
+// directory is all zero, so it takes no room in the library file.
+constinit Page *g_directory[kDirectorySize] = {};
 struct Heap {
-  Mid *root[size_t{1} << kRootBits];
   uint64_t next_id;   // 2^32 once every identifier has been issued
   size_t page_count;  // record pages in existence
-  // The last middle page given up, kept (all its entries null) for the
-  // next range instead of allocating and zeroing 32 KiB again: a map that
-  // is filled and emptied over and over would otherwise do so each time.
-  Mid *spare_mid;
 };
-constinit Heap g_heap{{}, 1, 0, nullptr};
+constinit Heap g_heap{1, 0};
 
 Heap &heap() { return g_heap; }
 
-uint32_t root_index(uint32_t id) { return id >> (kPageBits + kMidBits); }
-uint32_t mid_index(uint32_t id) { return (id >> kPageBits) & (kMidSize - 1); }
+uint32_t page_number(uint32_t id) { return id >> kPageBits; }
 uint32_t page_index(uint32_t id) { return id & (kPageSize - 1); }
 
 // The page for id, made (every record dead) when missing.  Throws
 // std::bad_alloc.
 Page &page_for(Heap &h, uint32_t id) {
-  Mid *&mid = h.root[root_index(id)];
-  if (!mid) {
-    if (h.spare_mid) {
-      mid = h.spare_mid;
-      h.spare_mid = nullptr;
-    } else {
-      mid = new Mid;
-    }
-  }
-  auto &page = mid->pages[mid_index(id)];
+  Page *&page = g_directory[page_number(id)];
   if (!page) {
     // Only the liveness marks are cleared: the rest of a record is written
     // when it is made, so zeroing all 48 KiB is not needed.
-    page.reset(new Page);
+    page = new Page;
     for (HeapVar &rec : page->records) rec.hv.hash_id = 0;
-    mid->page_count++;
     h.page_count++;
   }
   return *page;
 }
 
-// Drops the pages of id's range when nothing in them can be used again.
-void maybe_free_pages(Heap &h, uint32_t id) {
-  Mid *&mid = h.root[root_index(id)];
-  auto &page = mid->pages[mid_index(id)];
+// Drops the page of id's range when nothing in it can be used again.
+void maybe_free_page(Heap &h, uint32_t id) {
+  Page *&page = g_directory[page_number(id)];
   uint64_t page_end = (uint64_t{id} | (kPageSize - 1)) + 1;
   if (page->live != 0 || h.next_id < page_end) return;  // live, or ids still to issue
-  page.reset();
+  delete page;
+  page = nullptr;
   h.page_count--;
-  if (--mid->page_count == 0) {
-    delete h.spare_mid;
-    h.spare_mid = mid;
-    mid = nullptr;
-  }
 }
 
 // Moves a small array value into the record's own storage, releasing the
@@ -129,9 +104,7 @@ void check_object_source(QVA_VPTR src) {
 }  // namespace
 
 HeapVar *heap_find(QVA_HVID id) {
-  const Mid *mid = heap().root[root_index(id)];
-  if (!mid) return nullptr;
-  Page *page = mid->pages[mid_index(id)].get();
+  Page *page = g_directory[page_number(id)];
   if (!page) return nullptr;
   HeapVar *rec = &page->records[page_index(id)];
   return rec->hv.hash_id == id && id != 0 ? rec : nullptr;
@@ -185,27 +158,25 @@ void heap_delete(QVA_HVID id) {
   Heap &h = heap();
   HeapVar *rec = heap_find(id);
   if (!rec) return;
-  Page &page = *h.root[root_index(id)]->pages[mid_index(id)];
+  Page &page = *g_directory[page_number(id)];
   counters().heap_vars--;
   if (rec->hv.flags & QVA_HV_OBJECT) counters().objects--;
   var_free_value(&rec->hv.var);
   rec->hv.hash_id = 0;
   page.live--;
-  maybe_free_pages(h, id);
+  maybe_free_page(h, id);
 }
 
 std::vector<QVA_HVID> heap_all() {
   std::vector<QVA_HVID> ids;
   const Heap &h = heap();
-  for (uint32_t r = 0; r < (uint32_t{1} << kRootBits); ++r) {
-    const Mid *mid = h.root[r];
-    if (!mid) continue;
-    for (uint32_t m = 0; m < kMidSize; ++m) {
-      const Page *page = mid->pages[m].get();
-      if (!page || page->live == 0) continue;
-      for (uint32_t l = 0; l < kPageSize; ++l)
-        if (page->records[l].hv.hash_id) ids.push_back(page->records[l].hv.hash_id);
-    }
+  // Pages exist only for identifiers issued so far.
+  const uint64_t last_page = (h.next_id - 1) >> kPageBits;
+  for (uint64_t p = 0; p <= last_page && p < kDirectorySize; ++p) {
+    const Page *page = g_directory[p];
+    if (!page || page->live == 0) continue;
+    for (const HeapVar &rec : page->records)
+      if (rec.hv.hash_id) ids.push_back(rec.hv.hash_id);
   }
   return ids;
 }
@@ -229,7 +200,8 @@ using namespace qvahost;
 
 QVA_HVPTR QVA_HeapVarNew(int type, QVA_VPTR src, int steal, int action) {
   if (type != QVA_TYP_PTR && type != QVA_TYP_OBJREF) {
-    message(M_BAD_ARG, action, format("Heap variables are pointers or objects, not type code %d.", type));
+    message(M_BAD_ARG, action,
+            format("Heap variables are pointers or objects, not type code %d.", type));
     return nullptr;
   }
   bool object = type == QVA_TYP_OBJREF;
