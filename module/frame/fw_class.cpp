@@ -2,6 +2,7 @@
 // shared by the module's classes.
 #include "frame/fw_class.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -112,21 +113,37 @@ ClassCheck &checkSlot(QVA_SDEF sdef, const char *structure) {
 
 }  // namespace
 
+namespace {
+
+[[noreturn, gnu::cold]] void notOfClass(const char *class_name) {
+  QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
+  std::abort();  // action 2 never returns
+}
+
+// The class check proper, for a class not met at this slot before; kept out
+// of line so that the usual, remembered case stays a short leaf.
+[[gnu::noinline]] QVA_MEMINT checkClass(QVA_HVPTR hv, const char *structure, const char *class_name,
+                                        ClassCheck &slot) {
+  QVA_SDEF sdef = hv->var.value.s.sdef;
+  if (!QVA_ObjContainsClassByStr(sdef, structure, 0, 0, QVA_MSG_LONGJMP)) notOfClass(class_name);
+  QVA_MEMINT offset = 0;
+  if (!QVA_StructGetTagAddress(&hv->var, FW_SAVEABLE_TOP_FIELD, &offset, nullptr, QVA_MSG_RET))
+    notOfClass(class_name);
+  slot = ClassCheck{sdef, structure, offset};
+  return offset;
+}
+
+}  // namespace
+
 ClassPart fw_classPart(QVA_HVID hvid, const char *structure, const char *class_name) {
   QVA_HVPTR hv = QVA_ObjValidate(hvid, QVA_MSG_LONGJMP);
-  if (!(hv->var.flags & QVA_V_STRUCT))
-    QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
+  if (!(hv->var.flags & QVA_V_STRUCT)) notOfClass(class_name);
   QVA_SDEF sdef = hv->var.value.s.sdef;
   ClassCheck &slot = checkSlot(sdef, structure);
-  if (slot.sdef != sdef || slot.structure != structure) {
-    if (!QVA_ObjContainsClassByStr(sdef, structure, 0, 0, QVA_MSG_LONGJMP))
-      QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
-    QVA_MEMINT offset = 0;
-    if (!QVA_StructGetTagAddress(&hv->var, FW_SAVEABLE_TOP_FIELD, &offset, nullptr, QVA_MSG_RET))
-      QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
-    slot = ClassCheck{sdef, structure, offset};
-  }
-  return ClassPart{hv->var.value.s.arr->data + slot.offset, hvid};
+  QVA_MEMINT offset = slot.sdef == sdef && slot.structure == structure
+                          ? slot.offset
+                          : checkClass(hv, structure, class_name, slot);
+  return ClassPart{hv->var.value.s.arr->data + offset, hvid};
 }
 
 QVA_HVID fw_newObject(const char *structure) {
