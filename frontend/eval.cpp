@@ -69,17 +69,6 @@ std::vector<QVA_MEMINT> subscripts_of(QVA_VPTR v, QVA_MEMINT n, bool *scalar) {
   return out;
 }
 
-int array_rank(int type) {
-  switch (type) {
-    case QVA_TYP_BYTE: return 1;
-    case QVA_TYP_INT: return 2;
-    case QVA_TYP_LONG: return 3;
-    case QVA_TYP_LONG64: return 4;
-    case QVA_TYP_DOUBLE: return 5;
-    default: return 0;
-  }
-}
-
 }  // namespace
 
 Val Interp::eval(Frame &f, const Expr &e) {
@@ -191,8 +180,8 @@ Val Interp::eval_array(Frame &f, const Expr &e) {
     if (type == QVA_TYP_UNDEF) {
       type = t;
       if (t == QVA_TYP_STRUCT) sdef = v->value.s.sdef;
-    } else if (array_rank(type) && array_rank(t)) {
-      if (array_rank(t) > array_rank(type)) type = t;
+    } else if (numeric_rank(type) && numeric_rank(t)) {
+      if (numeric_rank(t) > numeric_rank(type)) type = t;
     } else if (type != t || (t == QVA_TYP_STRUCT && v->value.s.sdef != sdef)) {
       qvahost::raise_error(std::string("Unable to concatenate variables of type ") +
                            qvahost::type_name(type) + " and " + qvahost::type_name(t) + ".");

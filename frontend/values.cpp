@@ -46,10 +46,18 @@ Val undefined_value() { return Val::temp(QVA_Gettmp()); }
 
 bool is_scalar(QVA_VPTR v) { return !(v->flags & QVA_V_NOT_SCALAR); }
 
-bool is_numeric_type(int t) {
-  return t == QVA_TYP_BYTE || t == QVA_TYP_INT || t == QVA_TYP_LONG || t == QVA_TYP_LONG64 ||
-         t == QVA_TYP_DOUBLE;
+int numeric_rank(int type) {
+  switch (type) {
+    case QVA_TYP_BYTE: return 1;
+    case QVA_TYP_INT: return 2;
+    case QVA_TYP_LONG: return 3;
+    case QVA_TYP_LONG64: return 4;
+    case QVA_TYP_DOUBLE: return 5;
+    default: return 0;
+  }
 }
+
+bool is_numeric_type(int t) { return numeric_rank(t) != 0; }
 
 namespace {
 
@@ -93,17 +101,6 @@ View view_of(QVA_VPTR v) {
     w.size = elt_size(v->type);
   }
   return w;
-}
-
-int rank(int type) {
-  switch (type) {
-    case QVA_TYP_BYTE: return 1;
-    case QVA_TYP_INT: return 2;
-    case QVA_TYP_LONG: return 3;
-    case QVA_TYP_LONG64: return 4;
-    case QVA_TYP_DOUBLE: return 5;
-    default: return 0;
-  }
 }
 
 int64_t get_i(int type, const char *p) {
@@ -294,7 +291,8 @@ bool truth(QVA_VPTR v) {
   View w = view_of(v);
   if (w.array && w.n != 1)
     qvahost::raise_error("Expression must be a scalar in this context.");
-  if (rank(w.type) >= 1 && rank(w.type) <= 4) return (get_i(w.type, w.data) & 1) != 0;
+  int r = numeric_rank(w.type);
+  if (r >= 1 && r <= 4) return (get_i(w.type, w.data) & 1) != 0;
   return nonzero(v);
 }
 
@@ -306,7 +304,7 @@ Val unary_op(const std::string &op, QVA_VPTR a) {
     return r;
   }
   View w = view_of(a);
-  if (!rank(w.type)) bad_operands(op, w.type, w.type);
+  if (!numeric_rank(w.type)) bad_operands(op, w.type, w.type);
   if (op == "NOT" && w.type == QVA_TYP_DOUBLE) {
     Result r = make_result(QVA_TYP_DOUBLE, w.array, w.n);
     for (QVA_MEMINT i = 0; i < w.n; ++i)
@@ -363,9 +361,9 @@ Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
     }
     return std::move(r.val);
   }
-  if (!rank(x.type) || !rank(y.type)) bad_operands(op, x.type, y.type);
+  if (!numeric_rank(x.type) || !numeric_rank(y.type)) bad_operands(op, x.type, y.type);
 
-  int rt = rank(x.type) >= rank(y.type) ? x.type : y.type;
+  int rt = numeric_rank(x.type) >= numeric_rank(y.type) ? x.type : y.type;
   bool real = rt == QVA_TYP_DOUBLE;
   if (cmp) {
     Result r = make_result(QVA_TYP_BYTE, array, n);

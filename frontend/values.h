@@ -44,6 +44,9 @@ Val undefined_value();
 
 bool is_scalar(QVA_VPTR v);
 bool is_numeric_type(int type);
+// Order of the numeric types in mixed arithmetic (BYTE 1 .. DOUBLE 5); 0
+// for any other type.
+int numeric_rank(int type);
 
 // The value of an IF/WHILE test: integers are true when odd, reals when
 // not zero, strings when not empty, references when not null.  Must be a

@@ -94,6 +94,28 @@ void tmp_release(TmpRec *r) {
   counters().temporaries--;
 }
 
+// A new temporary for the array block `a`, which is freed when none can be
+// made.
+QVA_VPTR tmp_for_block(QVA_ARRAY *a) {
+  try {
+    return tmp_new();
+  } catch (...) {
+    array_free(a);
+    throw;
+  }
+}
+
+// Makes the temporary v hold `a` as an array of structure sdef; hands back
+// its data (and v through var when asked).
+char *hold_struct_array(QVA_VPTR v, QVA_ARRAY *a, QVA_SDEF sdef, QVA_VPTR *var) {
+  v->type = QVA_TYP_STRUCT;
+  v->flags |= QVA_V_STRUCT | QVA_V_ARR;
+  v->value.s.arr = a;
+  v->value.s.sdef = sdef;
+  if (var) *var = v;
+  return reinterpret_cast<char *>(a->data);
+}
+
 void release_texts(QVA_STRING *s, QVA_MEMINT n) {
   for (QVA_MEMINT i = 0; i < n; ++i) text_release(s[i].s);
 }
@@ -360,13 +382,7 @@ char *QVA_MakeTempVector(int type, QVA_MEMINT n, int zero, QVA_VPTR *var) {
   QVA_MEMINT dims[1] = {n};
   QVA_ARRAY *a = array_new(static_cast<QVA_MEMINT>(size), 1, dims, zero || needs_zeroing(type),
                            QVA_MSG_LONGJMP);
-  QVA_VPTR v;
-  try {
-    v = tmp_new();
-  } catch (...) {
-    array_free(a);
-    throw;
-  }
+  QVA_VPTR v = tmp_for_block(a);
   v->type = static_cast<QVA_UCHAR>(type);
   v->flags |= QVA_V_ARR;
   v->value.arr = a;
@@ -391,29 +407,12 @@ char *QVA_MakeTempStructVector(QVA_SDEF sdef, QVA_MEMINT n, QVA_VPTR *var, int z
     a->flags = kArrayInTemp;
     a->dim[0] = 1;
     std::memset(r->inline_data, 0, kInlineValueBytes);
-    v->type = QVA_TYP_STRUCT;
-    v->flags |= QVA_V_STRUCT | QVA_V_ARR;
-    v->value.s.arr = a;
-    v->value.s.sdef = sdef;
-    if (var) *var = v;
-    return reinterpret_cast<char *>(a->data);
+    return hold_struct_array(v, a, sdef, var);
   }
   QVA_MEMINT dims[1] = {n};
   // Texts and heap references must never be read from uninitialised data.
   QVA_ARRAY *a = array_new(static_cast<QVA_MEMINT>(sdef->length), 1, dims, true, QVA_MSG_LONGJMP);
-  QVA_VPTR v;
-  try {
-    v = tmp_new();
-  } catch (...) {
-    array_free(a);
-    throw;
-  }
-  v->type = QVA_TYP_STRUCT;
-  v->flags |= QVA_V_STRUCT | QVA_V_ARR;
-  v->value.s.arr = a;
-  v->value.s.sdef = sdef;
-  if (var) *var = v;
-  return reinterpret_cast<char *>(a->data);
+  return hold_struct_array(tmp_for_block(a), a, sdef, var);
 }
 
 void QVA_VarCopy(QVA_VPTR src, QVA_VPTR dst) {
