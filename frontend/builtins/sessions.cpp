@@ -1,0 +1,137 @@
+// sessions.cpp - built-ins about files and the session: HELP, MESSAGE,
+// EXIT, the running routine's facts, SAVE, RESTORE and RESET_SESSION.
+#include "builtins.h"
+
+namespace qva {
+
+namespace {
+
+std::string pad(const std::string &s, size_t w) { return s.size() >= w ? s + " " : s + std::string(w - s.size(), ' '); }
+
+// One line of HELP about a variable.
+std::string help_line(const std::string &name, QVA_VPTR v) {
+  std::string type = qvahost::type_name(v->type);
+  std::string value;
+  if (v->type == QVA_TYP_UNDEF) value = "<Undefined>";
+  else if (v->flags & QVA_V_STRUCT) {
+    std::string sn = qvahost::struct_name(v->value.s.sdef);
+    value = "-> " + (sn.empty() ? std::string("<Anonymous>") : sn) + " Array[" +
+            std::to_string(qvahost::element_count(v)) + "]";
+  } else if (!is_scalar(v)) value = "Array[" + std::to_string(qvahost::element_count(v)) + "]";
+  else if (v->type == QVA_TYP_STRING) value = "'" + format_value(v) + "'";
+  else value = format_value(v);
+  return pad(name, 16) + pad(type, 10) + "= " + value;
+}
+
+void help_fields(Interp &in, QVA_SDEF sd, QVA_VPTR holder) {
+  for (const qvahost::FieldInfo &fi : qvahost::struct_field_info(sd)) {
+    Val fv = Val::temp(qvahost::field_value(holder, 0, fi.name));
+    in.print("   " + help_line(fi.name, fv.get()));
+  }
+}
+
+void help(Interp &in, int argc, QVA_VPTR argv[]) {
+  if (argc == 0) {
+    Frame &f = in.frame();
+    std::vector<std::pair<std::string, QVA_VPTR>> vars;
+    if (f.main) {
+      for (const std::string &n : qvahost::main_variable_names())
+        vars.emplace_back(n, qvahost::find_main_variable(n));
+    } else {
+      for (auto &[n, v] : f.vars) vars.emplace_back(n, v);
+    }
+    if (!f.main) in.print("% At " + f.routine);
+    for (auto &[n, v] : vars) in.print(help_line(n, v));
+    return;
+  }
+  for (int i = 0; i < argc; ++i) {
+    QVA_VPTR v = argv[i];
+    in.print(help_line(var_name(v), v));
+    if (QVA_SDEF cls = class_of(v)) {
+      std::string line = "** Object class " + qvahost::struct_name(cls);
+      QVA_SDEF super = qvahost::struct_super(cls);
+      if (super) line += ", inherits " + qvahost::struct_name(super);
+      in.print(line + ", fields:");
+      help_fields(in, cls, &QVA_HeapVarHashFind(v->value.hvid)->var);
+    } else if ((v->flags & QVA_V_STRUCT) && qvahost::element_count(v) == 1) {
+      std::string sn = qvahost::struct_name(v->value.s.sdef);
+      in.print("** Structure " + (sn.empty() ? std::string("<Anonymous>") : sn) + ", fields:");
+      help_fields(in, v->value.s.sdef, v);
+    }
+  }
+}
+
+QVA_VPTR save(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("SAVE", argk, {"FILENAME", "ALL", "VERBOSE"});
+  std::string file = kw[0] ? qvahost::string_value(kw[0]) : "qvasave.sav";
+  if (keyword_set(kw[1])) {
+    qvahost::save_all(file);
+    return nullptr;
+  }
+  std::vector<std::string> names;
+  for (int i = 0; i < argc; ++i) {
+    std::string n = var_name(argv[i]);
+    if (qvahost::find_main_variable(n) != argv[i])
+      qvahost::raise_error("Only main-level variables can be saved: " + n + ".");
+    names.push_back(n);
+  }
+  if (names.empty()) qvahost::raise_error("Nothing to save: name variables or give /ALL.");
+  qvahost::save_variables(file, names);
+  return nullptr;
+}
+
+QVA_VPTR restore(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("RESTORE", argk, {"FILENAME", "VERBOSE"});
+  QVA_VPTR f = argc > 0 ? argv[0] : kw[0];
+  std::string file = f ? qvahost::string_value(f) : "qvasave.sav";
+  std::vector<std::string> names = qvahost::restore(file);
+  if (keyword_set(kw[1]))
+    for (const std::string &n : names) current_interp().print("% RESTORE: Restored variable: " + n + ".");
+  return nullptr;
+}
+
+}  // namespace
+
+std::vector<Builtin> session_builtins() {
+  return {
+      {"HELP", false, 0, kManyArgs, true,
+       [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+         take_keywords("HELP", argk, {"OBJECTS"});
+         help(current_interp(), argc, argv);
+         return static_cast<QVA_VPTR>(nullptr);
+       }},
+      {"MESSAGE", false, 1, 1, true,
+       [](int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+         auto kw = take_keywords("MESSAGE", argk, {"INFORMATIONAL", "CONTINUE", "NONAME"});
+         std::string text = format_value(argv[0]);
+         std::string routine = keyword_set(kw[2]) ? "" : current_interp().frame().routine;
+         qvahost::HostError e{QVA_M_GENERIC, routine, text};
+         if (keyword_set(kw[0]) || keyword_set(kw[1])) {
+           qvahost::emit(e.report());
+           return static_cast<QVA_VPTR>(nullptr);
+         }
+         throw e;
+       }},
+      {"EXIT", false, 0, 0, true,
+       [](int, QVA_VPTR[], QVA_KW_ARGS *argk) -> QVA_VPTR {
+         auto kw = take_keywords("EXIT", argk, {"STATUS"});
+         throw ExitRequest{kw[0] ? static_cast<int>(qvahost::integer_value(kw[0])) : 0};
+       }},
+      {"N_PARAMS", true, 0, 0, false,
+       [](int, QVA_VPTR[], QVA_KW_ARGS *) { return qvahost::make_long(current_interp().frame().n_params); }},
+      {"COMMAND_LINE_ARGS", true, 0, 0, false,
+       [](int, QVA_VPTR[], QVA_KW_ARGS *) {
+         if (current_interp().args().empty()) return QVA_Gettmp();
+         return qvahost::make_string_array(current_interp().args());
+       }},
+      {"SAVE", false, 0, kManyArgs, true, save},
+      {"RESTORE", false, 0, 1, true, restore},
+      {"RESET_SESSION", false, 0, 0, false,
+       [](int, QVA_VPTR[], QVA_KW_ARGS *) {
+         qvahost::reset_session();
+         return static_cast<QVA_VPTR>(nullptr);
+       }},
+  };
+}
+
+}  // namespace qva
