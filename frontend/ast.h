@@ -63,6 +63,19 @@ struct Expr {
   mutable QVA_SDEF anon_sdef = nullptr;                  // anonymous structure, reused
 
   Expr(Kind k, int l) : kind(k), line(l) {}
+  Expr(const Expr &) = delete;
+  Expr &operator=(const Expr &) = delete;
+  // A left chain (a+b+c..., s.a.b..., a[i].b->m()) is as deep as it is
+  // long; it is taken apart link by link here so that freeing it does not
+  // nest one call per link.  Every other kid is bounded by the parser's
+  // nesting limit.
+  ~Expr() {
+    ExprPtr next = kids.empty() ? nullptr : std::move(kids[0]);
+    while (next) {
+      ExprPtr link = std::move(next);
+      if (!link->kids.empty()) next = std::move(link->kids[0]);
+    }
+  }
 };
 
 struct Stmt {

@@ -69,9 +69,59 @@ std::vector<QVA_MEMINT> subscripts_of(QVA_VPTR v, QVA_MEMINT n, bool *scalar) {
   return out;
 }
 
+// Nodes whose first kid is their left operand.
+bool is_chain_link(const Expr &e) {
+  return e.kind == Expr::Binary || e.kind == Expr::Field || e.kind == Expr::Subscript ||
+         e.kind == Expr::Method;
+}
+
 }  // namespace
 
+// A left chain (a+b+c..., s.a.b..., a[i].b->m()) is evaluated from its
+// innermost operand outwards in a loop, so the C stack does not grow with
+// the chain's length; every other nesting is bounded by the parser.
 Val Interp::eval(Frame &f, const Expr &e) {
+  if (!is_chain_link(e)) return eval_node(f, e);
+  const Expr *inner = e.kids[0].get();
+  if (!is_chain_link(*inner)) return apply_link(f, e, eval_node(f, *inner));
+  std::vector<const Expr *> links{&e};
+  for (; is_chain_link(*inner); inner = inner->kids[0].get()) links.push_back(inner);
+  Val v = eval_node(f, *inner);
+  for (size_t i = links.size(); i-- > 0;) v = apply_link(f, *links[i], std::move(v));
+  return v;
+}
+
+// One link of a left chain, given the value of its left operand.
+Val Interp::apply_link(Frame &f, const Expr &e, Val left) {
+  switch (e.kind) {
+    case Expr::Binary: {
+      if (e.op == "&&" || e.op == "||") {
+        bool x = nonzero(left.get());
+        bool r = e.op == "&&" ? (x && nonzero(eval(f, *e.kids[1]).get()))
+                              : (x || nonzero(eval(f, *e.kids[1]).get()));
+        return Val::temp(qvahost::make_byte(r ? 1 : 0));
+      }
+      Val b = eval(f, *e.kids[1]);
+      return binary_op(e.op, left.get(), b.get());
+    }
+    case Expr::Subscript: {
+      bool scalar = false;
+      auto idx = indices(f, e.indices, qvahost::element_count(left.get()), &scalar);
+      return Val::temp(qvahost::element_values(left.get(), idx, scalar));
+    }
+    case Expr::Field:
+      return eval_field(e, std::move(left));
+    case Expr::Method: {
+      CallArgs a;
+      build_args(f, e.args, a);
+      return Val::temp(qvahost::call_method_function(left.get(), e.name, a.positional, a.keywords));
+    }
+    default:  // not a link
+      return eval_node(f, e);
+  }
+}
+
+Val Interp::eval_node(Frame &f, const Expr &e) {
   switch (e.kind) {
     case Expr::Int: {
       Val v = Val::temp(QVA_Gettmp());
@@ -99,42 +149,22 @@ Val Interp::eval(Frame &f, const Expr &e) {
       Val a = eval(f, *e.kids[0]);
       return unary_op(e.op, a.get());
     }
-    case Expr::Binary: {
-      Val a = eval(f, *e.kids[0]);
-      if (e.op == "&&" || e.op == "||") {
-        bool x = nonzero(a.get());
-        bool r = e.op == "&&" ? (x && nonzero(eval(f, *e.kids[1]).get()))
-                              : (x || nonzero(eval(f, *e.kids[1]).get()));
-        return Val::temp(qvahost::make_byte(r ? 1 : 0));
-      }
-      Val b = eval(f, *e.kids[1]);
-      return binary_op(e.op, a.get(), b.get());
-    }
     case Expr::Array:
       return eval_array(f, e);
     case Expr::Struct:
       return eval_struct(f, e);
     case Expr::Call:
       return eval_call(f, e);
-    case Expr::Subscript: {
-      Val base = eval(f, *e.kids[0]);
-      bool scalar = false;
-      auto idx = indices(f, e.indices, qvahost::element_count(base.get()), &scalar);
-      return Val::temp(qvahost::element_values(base.get(), idx, scalar));
-    }
-    case Expr::Field:
-      return eval_field(f, e);
-    case Expr::Method: {
-      Val obj = eval(f, *e.kids[0]);
-      CallArgs a;
-      build_args(f, e.args, a);
-      return Val::temp(qvahost::call_method_function(obj.get(), e.name, a.positional, a.keywords));
-    }
     case Expr::MethodRef:
       qvahost::raise_error("Syntax error: a function method call needs parentheses: ->" + e.name +
                            "().");
     case Expr::Deref:
       return eval_deref(f, e);
+    case Expr::Binary:  // chain links: eval takes them
+    case Expr::Subscript:
+    case Expr::Field:
+    case Expr::Method:
+      return eval(f, e);
     case Expr::Cond: {
       bool yes;
       {
@@ -252,8 +282,7 @@ Val Interp::eval_call(Frame &f, const Expr &e) {
   return Val::temp(qvahost::call_function(e.name, a.positional, a.keywords));
 }
 
-Val Interp::eval_field(Frame &f, const Expr &e) {
-  Val base = eval(f, *e.kids[0]);
+Val Interp::eval_field(const Expr &e, Val base) {
   if (base->type == QVA_TYP_OBJREF) {
     QVA_HVPTR hv = heap_of_ptr(base.get(), true);
     return Val::temp(qvahost::field_value(&hv->var, 0, e.name));
@@ -331,6 +360,21 @@ QVA_VPTR Interp::addressable(Frame &f, const Expr &e) {
   return nullptr;
 }
 
+// Storing into a field or element of a value that is not a variable
+// changes a copy of that value and stores the copy back, one nested call
+// per link of the target; that nesting is bounded here.
+constexpr size_t kMaxStoreBackLinks = 1000;
+
+void Interp::store_back(Frame &f, const Expr &base, Val copy) {
+  size_t links = 0;
+  for (const Expr *x = &base; is_chain_link(*x) && links <= kMaxStoreBackLinks; x = x->kids[0].get())
+    ++links;
+  if (links > kMaxStoreBackLinks)
+    qvahost::raise_error("Expression too deep: an assignment through more than " +
+                         std::to_string(kMaxStoreBackLinks) + " fields and subscripts.");
+  assign(f, base, std::move(copy));
+}
+
 void Interp::assign(Frame &f, const Expr &target, Val value) {
   switch (target.kind) {
     case Expr::Var:
@@ -362,7 +406,7 @@ void Interp::assign(Frame &f, const Expr &target, Val value) {
                      ? indices(f, target.indices, qvahost::element_count(dst), &scalar)
                      : call_indices(f, target.args, qvahost::element_count(dst), &scalar);
       qvahost::store_elements(dst, idx, value.get());
-      if (copy) assign(f, base, std::move(copy));
+      if (copy) store_back(f, base, std::move(copy));
       return;
     }
     case Expr::Field: {
@@ -387,7 +431,7 @@ void Interp::assign(Frame &f, const Expr &target, Val value) {
         // store the copy back where the value came from.
         if (!held.owned()) held = copy_of(held.get());
         qvahost::store_field(held.get(), 0, target.name, value.get());
-        assign(f, base, std::move(held));
+        store_back(f, base, std::move(held));
         return;
       }
       qvahost::store_field(dst, 0, target.name, value.get());

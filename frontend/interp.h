@@ -102,17 +102,20 @@ class Interp {
   bool handle_catch(Frame &f, const qvahost::HostError &e);
 
   Val eval(Frame &f, const Expr &e);
+  Val eval_node(Frame &f, const Expr &e);
+  Val apply_link(Frame &f, const Expr &e, Val left);
   Val eval_sysvar(const Expr &e);
   Val eval_array(Frame &f, const Expr &e);
   Val eval_struct(Frame &f, const Expr &e);
   Val eval_call(Frame &f, const Expr &e);
-  Val eval_field(Frame &f, const Expr &e);
+  Val eval_field(const Expr &e, Val base);
   Val eval_deref(Frame &f, const Expr &e);
   std::vector<QVA_MEMINT> indices(Frame &f, const std::vector<Index> &ix, QVA_MEMINT n,
                                   bool *scalar);
   std::vector<QVA_MEMINT> call_indices(Frame &f, const std::vector<Arg> &args, QVA_MEMINT n,
                                        bool *scalar);
   void assign(Frame &f, const Expr &target, Val value);
+  void store_back(Frame &f, const Expr &base, Val copy);
   QVA_VPTR addressable(Frame &f, const Expr &e);
 
   // Arguments of a call as the language passes them: a named variable by

@@ -128,4 +128,44 @@ TEST_F(Eval, HeapGcKeepsWhatRunningRoutinesHold) {
             "% HEAP_GC: 0 heap variables freed.\nkept\n");
 }
 
+// Left chains are evaluated in a loop: their length does not reach the C
+// stack.  A target that must be copied and stored back link by link is
+// bounded instead, with a catchable error.
+TEST_F(Eval, LongOperatorFieldAndMethodChainsEndInAResult) {
+  std::string sum = "x = 1";
+  for (int i = 1; i < 50000; ++i) sum += "+1";
+  EXPECT_EQ(Run(sum + "\nPRINT, x\n"), "       50000\n");
+  std::string lines = "y = 0 $\n";
+  for (int i = 0; i < 100000; ++i) lines += (i % 2 ? "- 1 $\n" : "+ 3 $\n");
+  EXPECT_EQ(Run(lines + "+ 0\nPRINT, y\n"), "      100000\n");
+
+  Run("PRO Link__define\n  v = {Link, a: OBJ_NEW(), v: 0L}\nEND\n"
+      "FUNCTION Link::Me\n  RETURN, self\nEND\n"
+      "o = OBJ_NEW('Link') & o.a = o & o.v = 7\n");
+  std::string fields = "o";
+  for (int i = 0; i < 30000; ++i) fields += ".a";
+  EXPECT_EQ(Run("PRINT, " + fields + ".v\n"), "           7\n");
+  EXPECT_EQ(Run(fields + ".v = 8 & PRINT, o.v\n"), "           8\n");
+  std::string mixed = "o";
+  for (int i = 0; i < 10000; ++i) mixed += "->Me().a[0]";
+  EXPECT_EQ(Run("PRINT, " + mixed + ".v\n"), "           8\n");
+  Run("OBJ_DESTROY, o");
+}
+
+TEST_F(Eval, DeepTargetsAndNestingEndInACatchableError) {
+  std::string target = "x";
+  for (int i = 0; i < 30000; ++i) target += "[0]";
+  EXPECT_EQ(Run("x = [4]\nCATCH, e\nIF e NE 0 THEN BEGIN\n  PRINT, !ERROR_STATE.MSG\n"
+                "  CATCH, /CANCEL\nENDIF ELSE " + target + " = 5\nPRINT, x\n"),
+            "Expression too deep: an assignment through more than 1000 fields and subscripts.\n"
+            "           4\n");
+  EXPECT_EQ(Run("x[0][0][0] = 6 & PRINT, x\n"), "           6\n");
+  for (const char *open : {"(", "[", "{a:", "-(", "f("}) {
+    std::string deep = "x = ";
+    for (int i = 0; i < 5000; ++i) deep += open;
+    std::string err = Run(deep + "1\n", "t.pro", false);
+    EXPECT_NE(err.find("nested too deeply"), std::string::npos) << open << ": " << err;
+  }
+}
+
 }  // namespace

@@ -156,4 +156,20 @@ TEST(Parser, SyntaxErrorsGiveTheLineAndWhetherInputWasCut) {
   EXPECT_THROW(qva::parse_program("x = " + std::string(5000, '('), "t.pro"), qva::SyntaxError);
 }
 
+TEST(Parser, LeftChainsOfAnyLengthParseAndAreFreed) {
+  // A left chain is one node deep per link; building and freeing it must
+  // not nest a call per link.
+  std::string src = "x = a";
+  for (int i = 0; i < 100000; ++i) src += ".t[1]";
+  for (int i = 0; i < 100000; ++i) src += "+b";
+  {
+    qva::Program p = qva::parse_program(src, "t.pro");
+    const Expr *e = p.main.at(0)->value.get();
+    int depth = 0;
+    for (; !e->kids.empty(); e = e->kids[0].get()) ++depth;
+    EXPECT_EQ(depth, 300000);
+    EXPECT_EQ(e->name, "A");
+  }
+}
+
 }  // namespace
