@@ -4,7 +4,8 @@
 // only counts).  Next to it, in the same run, the same number of calls
 // through a vector of std::function and through one signal's connected
 // slots.  Every benchmark reports time_per_behaviour: the time of one run
-// divided by the behaviours it ran.
+// divided by the behaviours it ran; each runs five times and reports the
+// median.
 #include <benchmark/benchmark.h>
 #include <qva/qva.h>
 
@@ -103,7 +104,10 @@ void BM_FrameworkSend(benchmark::State &state) {
   for (auto _ : state) qvahost::call_method_procedure(net.message.get(), "SEND", {arg.get()});
   report(state, n, g_runs);
 }
-BENCHMARK(BM_FrameworkSend)->ArgsProduct({{1, 4, 16}, {1, 10, 1000}});
+BENCHMARK(BM_FrameworkSend)
+    ->ArgsProduct({{1, 4, 16}, {1, 10, 1000}})
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 
 void BM_StdFunctionLoop(benchmark::State &state) {
   const int n = static_cast<int>(state.range(0));
@@ -118,7 +122,8 @@ void BM_StdFunctionLoop(benchmark::State &state) {
   }
   report(state, n, runs);
 }
-BENCHMARK(BM_StdFunctionLoop)->Arg(1)->Arg(10)->Arg(1000);
+BENCHMARK(BM_StdFunctionLoop)->Arg(1)->Arg(10)->Arg(1000)
+    ->Repetitions(5)->ReportAggregatesOnly(true);
 
 #ifdef QVA_BENCH_SIGNALS2
 void BM_Signals2Emit(benchmark::State &state) {
@@ -134,7 +139,8 @@ void BM_Signals2Emit(benchmark::State &state) {
   }
   report(state, n, runs);
 }
-BENCHMARK(BM_Signals2Emit)->Arg(1)->Arg(10)->Arg(1000);
+BENCHMARK(BM_Signals2Emit)->Arg(1)->Arg(10)->Arg(1000)
+    ->Repetitions(5)->ReportAggregatesOnly(true);
 #endif
 
 }  // namespace
