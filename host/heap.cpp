@@ -92,6 +92,30 @@ void take_inline(HeapVar *rec) {
   slot = &rec->inline_arr;
 }
 
+}  // namespace
+
+QVA_ARRAY *heap_inline_array(HeapVar *rec, QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims) {
+  QVA_MEMINT n = 1;
+  for (int d = 0; d < n_dim; ++d)
+    if (__builtin_mul_overflow(n, dims[d], &n)) return nullptr;
+  QVA_MEMINT bytes;
+  if (__builtin_mul_overflow(n, elt_len, &bytes) ||
+      bytes > static_cast<QVA_MEMINT>(kInlineValueBytes))
+    return nullptr;
+  QVA_ARRAY &in = rec->inline_arr;
+  in.elt_len = elt_len;
+  in.arr_len = bytes;
+  in.n_elts = n;
+  in.n_dim = n_dim;
+  std::copy(dims, dims + n_dim, in.dim);
+  in.flags = kArrayInRecord;
+  in.data = rec->inline_data;
+  std::memset(rec->inline_data, 0, kInlineValueBytes);
+  return &in;
+}
+
+namespace {
+
 void check_object_source(QVA_VPTR src) {
   bool ok = src && (src->flags & QVA_V_STRUCT) && src->value.s.arr &&
             src->value.s.arr->n_elts == 1 && src->value.s.sdef &&

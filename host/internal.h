@@ -228,6 +228,10 @@ HeapVar *heap_find(QVA_HVID id);  // nullptr when none
 // according to action.
 HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action);
 void heap_delete(QVA_HVID id);  // frees value and record; no CLEANUP
+// The record's own array storage, zeroed and described as an array of
+// n_dim dimensions of elt_len-byte elements, when the array fits there
+// (else nullptr).  The caller stores it as the record's array value.
+QVA_ARRAY *heap_inline_array(HeapVar *rec, QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims);
 std::vector<QVA_HVID> heap_all();
 size_t heap_leaf_pages();  // pages of the heap table in existence
 

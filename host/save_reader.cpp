@@ -9,13 +9,14 @@
 // session as it was.
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <unordered_map>
 #include <unordered_set>
 
 #include "internal.h"
 #include "save_format.h"
+#include "save_ids.h"
 
 namespace qvahost {
 namespace {
@@ -86,7 +87,7 @@ class Restorer {
 
   void read_sdefs();
   void resolve(SavedSdef &sd);
-  void read_value(Mode mode, QVA_VPTR out);
+  void read_value(Mode mode, QVA_VPTR out, HeapVar *record = nullptr);
   void read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_MEMINT n);
   void read_dims(int *n_dim, QVA_MEMINT *dims, QVA_MEMINT *n_elts, uint64_t elt_min);
   void map_fields(SavedSdef &sd);
@@ -98,8 +99,8 @@ class Restorer {
   std::vector<SavedSdef> sdefs_;
   std::vector<SavedHeap> heap_;
   std::vector<SavedVar> vars_;
-  std::unordered_set<QVA_HVID> referenced_;
-  std::unordered_map<QVA_HVID, QVA_HVID> new_id_;
+  std::vector<QVA_HVID> referenced_;  // every non-null reference, in file order
+  savefile::IdRemap ids_;
   std::vector<QVA_HVID> made_heap_;
   std::vector<QVA_VARIABLE> staged_;
 };
@@ -219,9 +220,9 @@ void Restorer::read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_
     case QVA_TYP_OBJREF:
       for (QVA_MEMINT i = 0; i < n; ++i) {
         QVA_HVID id = r_.u32();
-        if (mode == kCheck && id) referenced_.insert(id);
+        if (mode == kCheck && id) referenced_.push_back(id);
         if (dst) {
-          QVA_HVID mapped = id ? new_id_.at(id) : 0;
+          QVA_HVID mapped = id ? ids_.new_id(id) : 0;
           std::memcpy(dst + i * sizeof(QVA_HVID), &mapped, sizeof mapped);
         }
       }
@@ -244,8 +245,9 @@ void Restorer::read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_
 }
 
 // Reads one value: checks it (mode kCheck, out ignored) or builds it into
-// `out`, an undefined variable (mode kBuild).
-void Restorer::read_value(Mode mode, QVA_VPTR out) {
+// `out`, an undefined variable (mode kBuild).  When `out` is the value of
+// heap record `record`, a small array goes straight into the record.
+void Restorer::read_value(Mode mode, QVA_VPTR out, HeapVar *record) {
   int type = r_.u8();
   if (type == QVA_TYP_UNDEF) return;
   int shape = r_.u8();
@@ -275,8 +277,9 @@ void Restorer::read_value(Mode mode, QVA_VPTR out) {
     read_elts(mode, type, sdef, nullptr, n);
     return;
   }
-  size_t elt_len = sdef >= 0 ? sdefs_[sdef].live->length : type_size(type);
-  QVA_ARRAY *a = array_new(static_cast<QVA_MEMINT>(elt_len), n_dim, dims, true, QVA_MSG_RET);
+  auto elt_len = static_cast<QVA_MEMINT>(sdef >= 0 ? sdefs_[sdef].live->length : type_size(type));
+  QVA_ARRAY *a = record ? heap_inline_array(record, elt_len, n_dim, dims) : nullptr;
+  if (!a) a = array_new(elt_len, n_dim, dims, true, QVA_MSG_RET);
   if (!a) throw OutOfMemory{};
   out->type = static_cast<QVA_UCHAR>(type);
   if (sdef >= 0) {
@@ -306,12 +309,12 @@ void Restorer::check(bool verify_checksum) {
 
   uint32_t n_heap = r_.u32();
   if (n_heap > r_.left() / 9) corrupt("too many heap variables");
-  std::unordered_set<QVA_HVID> ids;
+  heap_.reserve(n_heap);
   for (uint32_t i = 0; i < n_heap; ++i) {
     SavedHeap h;
     h.id = r_.u32();
     h.flags = r_.u32();
-    if (h.id == 0 || !ids.insert(h.id).second) corrupt("bad heap identifier");
+    if (h.id == 0) corrupt("bad heap identifier");
     if (h.flags & ~uint32_t{QVA_HV_OBJECT | QVA_HV_HELD}) corrupt("bad heap flags");
     h.value = r_.pos();
     read_value(kCheck, nullptr);
@@ -337,8 +340,13 @@ void Restorer::check(bool verify_checksum) {
     vars_.push_back(std::move(v));
   }
   if (r_.left() != 4) corrupt("unexpected data at the end");
+  std::vector<QVA_HVID> saved_ids;
+  saved_ids.reserve(heap_.size());
+  for (const SavedHeap &h : heap_) saved_ids.push_back(h.id);
+  if (!ids_.build(saved_ids)) corrupt("bad heap identifier");
   for (QVA_HVID id : referenced_)
-    if (!ids.count(id)) corrupt("reference to a heap variable that is not in the file");
+    if (!ids_.contains(id)) corrupt("reference to a heap variable that is not in the file");
+  referenced_ = {};
 }
 
 void Restorer::map_fields(SavedSdef &sd) {
@@ -371,24 +379,21 @@ std::vector<std::string> Restorer::commit() {
       }
       map_fields(sd);
     }
-    // New identifiers are handed out in the order of the saved ones, so
-    // whatever was ordered by heap identifier (lists kept in identifier
-    // order) is still in order after the remapping.
-    std::vector<const SavedHeap *> by_id;
-    by_id.reserve(heap_.size());
-    for (const SavedHeap &h : heap_) by_id.push_back(&h);
-    std::sort(by_id.begin(), by_id.end(),
-              [](const SavedHeap *a, const SavedHeap *b) { return a->id < b->id; });
-    for (const SavedHeap *h : by_id) {
+    // New identifiers are handed out in the order of the saved ones (their
+    // ranks), so whatever was ordered by heap identifier (lists kept in
+    // identifier order) is still in order after the remapping.  All records
+    // are made first, since values refer to each other in any order.
+    made_heap_.reserve(heap_.size());
+    for (uint32_t rank = 0; rank < heap_.size(); ++rank) {
       HeapVar *made = heap_new(false, nullptr, false, QVA_MSG_RET);
       if (!made) throw OutOfMemory{};
       made_heap_.push_back(made->hv.hash_id);
-      new_id_[h->id] = made->hv.hash_id;
+      ids_.set_new_id(rank, made->hv.hash_id);
     }
     for (const SavedHeap &h : heap_) {
-      HeapVar *made = heap_find(new_id_[h.id]);
+      HeapVar *made = heap_find(ids_.new_id(h.id));
       r_.seek(h.value);
-      read_value(kBuild, &made->hv.var);
+      read_value(kBuild, &made->hv.var, made);
       made->hv.flags |= h.flags & QVA_HV_HELD;
       if (h.flags & QVA_HV_OBJECT) {
         made->hv.flags |= QVA_HV_OBJECT;
@@ -435,7 +440,18 @@ std::vector<std::string> restore_from_bytes(const uint8_t *data, size_t size,
 std::vector<std::string> restore(const std::string &path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) raise_fmt(M_BAD_ARG, "Unable to open save file: %s.", path.c_str());
-  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<uint8_t> bytes;
+  // A regular file is read at once into a buffer of its size; anything
+  // else (a pipe, a directory) is read to its end as a stream.
+  std::error_code ec;
+  std::uintmax_t size = std::filesystem::file_size(path, ec);
+  if (!ec && std::filesystem::is_regular_file(path, ec) && !ec) {
+    bytes.resize(static_cast<size_t>(size));
+    in.read(reinterpret_cast<char *>(bytes.data()), static_cast<std::streamsize>(size));
+    bytes.resize(static_cast<size_t>(in.gcount()));
+  } else {
+    bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
   return restore_from_bytes(bytes.data(), bytes.size());
 }
 

@@ -7,6 +7,7 @@
 
 #include "internal.h"
 #include "save_format.h"
+#include "save_ids.h"
 #include "value_refs.h"
 
 namespace qvahost {
@@ -24,7 +25,7 @@ class SaveSet {
     add_value(v);
   }
   void add_heap(HeapVar *h) {
-    if (!heap_index_.emplace(h->hv.hash_id, true).second) return;
+    if (!in_save_.insert(h->hv.hash_id)) return;
     heap_.push_back(h);
     pending_.push_back(h);
   }
@@ -58,13 +59,13 @@ class SaveSet {
   void write_elts(Writer &w, int type, QVA_SDEF sd, const QVA_UCHAR *data, QVA_MEMINT n) const;
   void write_ref(Writer &w, QVA_HVID id) const {
     // A reference to a heap variable that no longer exists is saved as null.
-    w.u32(heap_index_.count(id) ? id : 0);
+    w.u32(in_save_.contains(id) ? id : 0);
   }
 
   std::vector<QVA_VPTR> vars_;
   std::vector<HeapVar *> heap_;
   std::deque<HeapVar *> pending_;
-  std::unordered_map<QVA_HVID, bool> heap_index_;
+  savefile::IdBits in_save_;
   std::vector<QVA_SDEF> sdefs_;
   std::unordered_map<QVA_SDEF, int32_t> sdef_index_;
 };

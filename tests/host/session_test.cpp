@@ -5,6 +5,7 @@
 
 #include "host_fixture.h"
 #include "save_format.h"
+#include "save_ids.h"
 
 namespace {
 
@@ -141,20 +142,47 @@ TEST_F(SessionTest, EveryKindOfValueComesBackWithReferencesRemappedToNewHeapVari
 // be in order after a restore renumbers their members, whatever order the
 // save file holds them in.
 TEST_F(SessionTest, RestoredHeapVariablesKeepTheOrderOfTheirIdentifiers) {
-  QVA_VPTR refs = nullptr;
-  auto *ids = reinterpret_cast<QVA_HVID *>(QVA_MakeTempVector(QVA_TYP_PTR, 6, 1, &refs));
-  for (int i = 0; i < 6; ++i) ids[5 - i] = NewPtr(qvahost::make_long(i));  // newest first
-  Set("REFS", refs);
-  auto bytes = qvahost::save_variables_to_bytes({"REFS"});
-  qvahost::reset_session();
-  Restore(bytes);
-  auto back = Elements<QVA_HVID>(Var("REFS"));
-  ASSERT_EQ(back.size(), 6u);
-  for (int i = 0; i < 6; ++i) {
-    EXPECT_EQ(Deref(back[i]).value.l, 5 - i);
-    if (i > 0) {
-      EXPECT_LT(back[i], back[i - 1]);
+  // Close identifiers, then identifiers far apart (tens of thousands issued
+  // and deleted between them), which the restore remaps another way.
+  for (int gap : {0, 40000}) {
+    SCOPED_TRACE(gap);
+    QVA_VPTR refs = nullptr;
+    auto *ids = reinterpret_cast<QVA_HVID *>(QVA_MakeTempVector(QVA_TYP_PTR, 6, 1, &refs));
+    for (int i = 0; i < 6; ++i) {
+      ids[5 - i] = NewPtr(qvahost::make_long(i));  // newest first
+      for (int k = 0; k < gap; ++k) QVA_HeapVarDelete(NewPtr(qvahost::make_long(k)), 0, 0);
     }
+    Set("REFS", refs);
+    auto bytes = qvahost::save_variables_to_bytes({"REFS"});
+    qvahost::reset_session();
+    Restore(bytes);
+    auto back = Elements<QVA_HVID>(Var("REFS"));
+    ASSERT_EQ(back.size(), 6u);
+    for (int i = 0; i < 6; ++i) {
+      EXPECT_EQ(Deref(back[i]).value.l, 5 - i);
+      if (i > 0) {
+        EXPECT_LT(back[i], back[i - 1]);
+      }
+    }
+  }
+}
+
+TEST_F(SessionTest, IdentifierRemapRanksDenseAndSparseSetsAlikeAndRefusesZeroAndRepeats) {
+  using qvahost::savefile::IdRemap;
+  for (QVA_HVID stride : {1u, 100000u}) {
+    SCOPED_TRACE(stride);
+    std::vector<QVA_HVID> ids{5 * stride, 2 * stride, 9 * stride};
+    IdRemap remap;
+    ASSERT_TRUE(remap.build(ids));
+    EXPECT_EQ(remap.rank(2 * stride), 0u);
+    EXPECT_EQ(remap.rank(5 * stride), 1u);
+    EXPECT_EQ(remap.rank(9 * stride), 2u);
+    EXPECT_FALSE(remap.contains(3 * stride));
+    EXPECT_FALSE(remap.contains(10 * stride + 7));
+    remap.set_new_id(1, 77);
+    EXPECT_EQ(remap.new_id(5 * stride), 77u);
+    EXPECT_FALSE(IdRemap().build({stride, 0}));
+    EXPECT_FALSE(IdRemap().build({stride, 3 * stride, stride}));
   }
 }
 
