@@ -10,6 +10,10 @@
 // page of it per 131,072 identifiers issued.  A record page goes away as
 // soon as every identifier in its range has been issued and deleted, so
 // memory follows the live heap variables, not the identifiers ever issued.
+//
+// A record is the public QVA_HEAP_VAR alone (32 bytes, two to a cache
+// line).  A small one-dimensional array value (a tree node, most objects)
+// lives in a small block (small_blocks.cpp).
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -20,9 +24,10 @@
 namespace qvahost {
 namespace {
 
-constexpr unsigned kPageBits = 8;  // 256 records (48 KiB) per page
+constexpr unsigned kPageBits = 8;  // 256 records (8 KiB) per page
 constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
 constexpr size_t kDirectorySize = size_t{1} << (32 - kPageBits);
+static_assert(sizeof(HeapVar) == sizeof(QVA_HEAP_VAR), "a record is the public part alone");
 
 struct Page {
   HeapVar records[kPageSize];
@@ -33,6 +38,8 @@ struct Page {
 // process), so that a look-up needs no initialisation check.  The
 // directory is all zero, so it takes no room in the library file.
 constinit Page *g_directory[kDirectorySize] = {};
+
+Page *page_at(uint32_t number) { return g_directory[number]; }
 struct Heap {
   uint64_t next_id;   // 2^32 once every identifier has been issued
   size_t page_count;  // record pages in existence
@@ -47,12 +54,13 @@ uint32_t page_index(uint32_t id) { return id & (kPageSize - 1); }
 // The page for id, made (every record dead) when missing.  Throws
 // std::bad_alloc.
 Page &page_for(Heap &h, uint32_t id) {
-  Page *&page = g_directory[page_number(id)];
+  Page *page = page_at(page_number(id));
   if (!page) {
     // Only the liveness marks are cleared: the rest of a record is written
-    // when it is made, so zeroing all 48 KiB is not needed.
+    // when it is made.
     page = new Page;
     for (HeapVar &rec : page->records) rec.hv.hash_id = 0;
+    g_directory[page_number(id)] = page;
     h.page_count++;
   }
   return *page;
@@ -60,61 +68,39 @@ Page &page_for(Heap &h, uint32_t id) {
 
 // Drops the page of id's range when nothing in it can be used again.
 void maybe_free_page(Heap &h, uint32_t id) {
-  Page *&page = g_directory[page_number(id)];
+  Page *page = page_at(page_number(id));
   uint64_t page_end = (uint64_t{id} | (kPageSize - 1)) + 1;
   if (page->live != 0 || h.next_id < page_end) return;  // live, or ids still to issue
+  g_directory[page_number(id)] = nullptr;
   delete page;
-  page = nullptr;
   h.page_count--;
 }
 
-// Moves a small array value into the record's own storage, releasing the
-// block it came in.  Texts inside the data move with it.
-void take_inline(HeapVar *rec) {
-  QVA_VARIABLE &v = rec->hv.var;
-  if (!(v.flags & QVA_V_ARR)) return;
-  QVA_ARRAY *&slot = (v.flags & QVA_V_STRUCT) ? v.value.s.arr : v.value.arr;
-  QVA_ARRAY *a = slot;
-  if (!a || a->arr_len > static_cast<QVA_MEMINT>(kInlineValueBytes)) return;
-  QVA_ARRAY &in = rec->inline_arr;
-  in.elt_len = a->elt_len;
-  in.arr_len = a->arr_len;
-  in.n_elts = a->n_elts;
-  in.n_dim = a->n_dim;
-  std::copy(a->dim, a->dim + a->n_dim, in.dim);
-  in.flags = kArrayInRecord;
-  in.data = rec->inline_data;
-  if (a->flags & kArrayInTemp)  // a temporary's inline buffer: all of it is readable
-    std::memcpy(rec->inline_data, a->data, kInlineValueBytes);
-  else
-    std::memcpy(rec->inline_data, a->data, static_cast<size_t>(a->arr_len));
-  array_free(a);
-  slot = &rec->inline_arr;
+// The array a value holds (a structure's included), or null.
+QVA_ARRAY **array_slot(QVA_VARIABLE *v) {
+  if (!(v->flags & QVA_V_ARR)) return nullptr;
+  QVA_ARRAY **slot = (v->flags & QVA_V_STRUCT) ? &v->value.s.arr : &v->value.arr;
+  return *slot ? slot : nullptr;
 }
 
-}  // namespace
-
-QVA_ARRAY *heap_inline_array(HeapVar *rec, QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims) {
-  QVA_MEMINT n = 1;
-  for (int d = 0; d < n_dim; ++d)
-    if (__builtin_mul_overflow(n, dims[d], &n)) return nullptr;
-  QVA_MEMINT bytes;
-  if (__builtin_mul_overflow(n, elt_len, &bytes) ||
-      bytes > static_cast<QVA_MEMINT>(kInlineValueBytes))
-    return nullptr;
-  QVA_ARRAY &in = rec->inline_arr;
-  in.elt_len = elt_len;
-  in.arr_len = bytes;
-  in.n_elts = n;
-  in.n_dim = n_dim;
-  std::copy(dims, dims + n_dim, in.dim);
-  in.flags = kArrayInRecord;
-  in.data = rec->inline_data;
-  std::memset(rec->inline_data, 0, kInlineValueBytes);
-  return &in;
+// A small block for src's array when it is one-dimensional and small;
+// null otherwise, when a moved array is in one already, or when no block
+// can be had.
+QVA_ARRAY *small_block_for(QVA_VPTR src, bool move) {
+  QVA_ARRAY **slot = src ? array_slot(src) : nullptr;
+  if (!slot || (*slot)->n_dim != 1) return nullptr;
+  if (move && ((*slot)->flags & kArrayInSmallBlock)) return nullptr;  // it moves as it is
+  return small_block_new((*slot)->elt_len, (*slot)->n_elts);
 }
 
-namespace {
+// Moves the record's array value into `block` (its data and the texts in
+// it), releasing the array it was in.
+void move_into_block(HeapVar *rec, QVA_ARRAY *block) {
+  QVA_ARRAY **slot = array_slot(&rec->hv.var);
+  std::memcpy(block->data, (*slot)->data, static_cast<size_t>(block->arr_len));
+  array_free(*slot);
+  *slot = block;
+}
 
 void check_object_source(QVA_VPTR src) {
   bool ok = src && (src->flags & QVA_V_STRUCT) && src->value.s.arr &&
@@ -152,26 +138,30 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
     message(M_NOMEM, action, "Unable to allocate memory: to make heap variable.");
     return nullptr;
   }
+  // A small array goes to a small block.  Made before the value, so that
+  // an array inside a temporary's own record, which cannot stay there, has
+  // somewhere to go; when there is none, it goes to a block of its own.
+  QVA_ARRAY *block = small_block_for(src, move);
+  bool in_temp = move && src && array_slot(src) && ((*array_slot(src))->flags & kArrayInTemp);
   // The value next: a failed copy leaves nothing behind (an empty page
   // made above is freed with the next identifiers of its range).
   QVA_VARIABLE value{};
-  if (src && move) {
-    var_move_value(src, &value, true);  // take_inline below copies a temporary's inline array
-  } else if (src) {
-    try {
+  try {
+    if (src && move)
+      var_move_value(src, &value, block != nullptr || !in_temp);
+    else if (src)
       var_copy_value(src, &value);
-    } catch (const HostError &e) {
-      message(e.code, action, e.text);
-      return nullptr;
-    }
+  } catch (const HostError &e) {
+    if (block) small_block_free(block);
+    message(e.code, action, e.text);
+    return nullptr;
   }
   h.next_id++;
   HeapVar *rec = &page->records[page_index(id)];
-  rec->state = 0;
   rec->hv.hash_id = id;
   rec->hv.flags = object ? QVA_HV_OBJECT : 0;
   rec->hv.var = value;
-  take_inline(rec);
+  if (block) move_into_block(rec, block);
   page->live++;
   counters().heap_vars++;
   if (object) counters().objects++;
@@ -182,7 +172,7 @@ void heap_delete(QVA_HVID id) {
   Heap &h = heap();
   HeapVar *rec = heap_find(id);
   if (!rec) return;
-  Page &page = *g_directory[page_number(id)];
+  Page &page = *page_at(page_number(id));
   counters().heap_vars--;
   if (rec->hv.flags & QVA_HV_OBJECT) counters().objects--;
   var_free_value(&rec->hv.var);
@@ -197,7 +187,7 @@ std::vector<QVA_HVID> heap_all() {
   // Pages exist only for identifiers issued so far.
   const uint64_t last_page = (h.next_id - 1) >> kPageBits;
   for (uint64_t p = 0; p <= last_page && p < kDirectorySize; ++p) {
-    const Page *page = g_directory[p];
+    const Page *page = page_at(static_cast<uint32_t>(p));
     if (!page || page->live == 0) continue;
     for (const HeapVar &rec : page->records)
       if (rec.hv.hash_id) ids.push_back(rec.hv.hash_id);

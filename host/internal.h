@@ -127,15 +127,24 @@ void var_copy_value(const QVA_VARIABLE *src, QVA_VPTR dst);
 // variable, copies it into the heap record at once).
 void var_move_value(QVA_VPTR src, QVA_VPTR dst, bool keep_embedded = false);
 
-// Array data: one block holding the QVA_ARRAY and its data.
+// Array data: one block holding the QVA_ARRAY and its data (or a small
+// block, below).
 QVA_ARRAY *array_new(QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims, bool zero, int action);
-// Frees an array block; an array held inline in a heap record (flags has
-// kArrayInRecord) or in a temporary's record (kArrayInTemp) belongs to
-// that record and is left alone.
+// Frees an array block; an array held inline in a temporary's record
+// (flags has kArrayInTemp) belongs to that record and is left alone.
 void array_free(QVA_ARRAY *a);
-constexpr QVA_LONG kArrayInRecord = 0x1;  // QVA_ARRAY::flags
+constexpr QVA_LONG kArrayInSmallBlock = 0x1;  // QVA_ARRAY::flags
 constexpr QVA_LONG kArrayInTemp = 0x2;
-constexpr QVA_LONG kArrayEmbedded = kArrayInRecord | kArrayInTemp;
+
+// Small blocks (small_blocks.cpp): a one-dimensional array of up to
+// kSmallBlockData bytes in a block of its size class, whose descriptor
+// ends after dim[0] (dimensions past n_dim are never read).  Heap
+// variables keep their small arrays in them.  small_block_new gives zeroed
+// data, or nullptr when the array does not fit or memory runs out; the
+// block is freed by array_free like any other.
+constexpr size_t kSmallBlockData = 256;
+QVA_ARRAY *small_block_new(QVA_MEMINT elt_len, QVA_MEMINT n);
+void small_block_free(QVA_ARRAY *a);
 size_t type_size(int type);  // element size of a scalar type code, 0 if none
 
 // Scalar conversion of one element of type `from` at `src` to type `to`
@@ -200,27 +209,17 @@ void sdef_release_texts(QVA_SDEF sdef, QVA_UCHAR *data, QVA_MEMINT n);
 const std::vector<QVA_SDEF> &sdef_all();
 
 // ------------------------------------------------------------------- heap
-// A heap variable record; the host keeps private state after the public
-// part.  Records sit in the heap table's pages at positions given by their
-// identifiers (heap.cpp), three cache lines each:
-//   line 0   the public record and the descriptor of an array held inline
-//   line 2   private state and up to kInlineValueBytes of inline array data
-// A record is live while its public hash_id holds its identifier (0 when
-// dead), so a look-up of a scalar heap variable reads line 0 only.
-// An array value (a structure included) that small is kept inside the
-// record instead of in a block of its own, so that reading a small
-// structure through its heap variable touches the record's own lines only.
-constexpr size_t kInlineValueBytes = 48;
-struct alignas(64) HeapVar {
-  QVA_HEAP_VAR hv;       // must stay first
-  QVA_ARRAY inline_arr;  // descriptor of an array kept inline
-  uint32_t state;        // HV_* below
-  alignas(16) QVA_UCHAR inline_data[kInlineValueBytes];
+// A heap variable record: the public part and nothing else, at the place
+// its identifier gives in the heap table (heap.cpp, rules in qva.h).  The
+// host's own state is kept in bits of hv.flags that QVA_HV_* leave free.
+// A small array value lives in a small block.
+struct HeapVar {
+  QVA_HEAP_VAR hv;
 };
-static_assert(sizeof(HeapVar) == 192, "a heap record is three cache lines");
-static_assert(offsetof(HeapVar, inline_arr) + offsetof(QVA_ARRAY, data) < 64,
-              "the inline descriptor's data pointer shares the record's first line");
-enum : uint32_t { HV_DESTROYING = 1 };
+enum : uint32_t { HV_DESTROYING = 0x80000000u };  // in hv.flags: CLEANUP running
+// A temporary's record keeps a one-element structure of up to this size
+// inline (variables.cpp).
+constexpr size_t kInlineValueBytes = 48;
 
 HeapVar *heap_find(QVA_HVID id);  // nullptr when none
 // Makes a heap variable; the value is moved from `src` when `move`, else
@@ -228,10 +227,6 @@ HeapVar *heap_find(QVA_HVID id);  // nullptr when none
 // according to action.
 HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action);
 void heap_delete(QVA_HVID id);  // frees value and record; no CLEANUP
-// The record's own array storage, zeroed and described as an array of
-// n_dim dimensions of elt_len-byte elements, when the array fits there
-// (else nullptr).  The caller stores it as the record's array value.
-QVA_ARRAY *heap_inline_array(HeapVar *rec, QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims);
 std::vector<QVA_HVID> heap_all();
 size_t heap_leaf_pages();  // pages of the heap table in existence
 

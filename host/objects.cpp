@@ -168,11 +168,11 @@ QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA
 
 void object_destroy(QVA_HVID id, QVA_KW_ARGS *argk) {
   HeapVar *h = live_object(id);
-  if (!h || (h->state & HV_DESTROYING)) return;
+  if (!h || (h->hv.flags & HV_DESTROYING)) return;
   Routine *cleanup = method_find(object_class(h), ident_cleanup(), false);
   if (!cleanup && has_keywords(argk))
     raise(M_KW_NOT_ALLOWED, "Keyword parameters not allowed in call.");
-  h->state |= HV_DESTROYING;
+  h->hv.flags |= HV_DESTROYING;
   // The object goes even when its CLEANUP is abandoned.
   struct Deleter {
     QVA_HVID id;

@@ -87,7 +87,7 @@ class Restorer {
 
   void read_sdefs();
   void resolve(SavedSdef &sd);
-  void read_value(Mode mode, QVA_VPTR out, HeapVar *record = nullptr);
+  void read_value(Mode mode, QVA_VPTR out, bool in_heap = false);
   void read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_MEMINT n);
   void read_dims(int *n_dim, QVA_MEMINT *dims, QVA_MEMINT *n_elts, uint64_t elt_min);
   void map_fields(SavedSdef &sd);
@@ -246,8 +246,8 @@ void Restorer::read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_
 
 // Reads one value: checks it (mode kCheck, out ignored) or builds it into
 // `out`, an undefined variable (mode kBuild).  When `out` is the value of
-// heap record `record`, a small array goes straight into the record.
-void Restorer::read_value(Mode mode, QVA_VPTR out, HeapVar *record) {
+// a heap variable, a small array goes straight into a small block.
+void Restorer::read_value(Mode mode, QVA_VPTR out, bool in_heap) {
   int type = r_.u8();
   if (type == QVA_TYP_UNDEF) return;
   int shape = r_.u8();
@@ -278,7 +278,7 @@ void Restorer::read_value(Mode mode, QVA_VPTR out, HeapVar *record) {
     return;
   }
   auto elt_len = static_cast<QVA_MEMINT>(sdef >= 0 ? sdefs_[sdef].live->length : type_size(type));
-  QVA_ARRAY *a = record ? heap_inline_array(record, elt_len, n_dim, dims) : nullptr;
+  QVA_ARRAY *a = in_heap && n_dim == 1 ? small_block_new(elt_len, n) : nullptr;
   if (!a) a = array_new(elt_len, n_dim, dims, true, QVA_MSG_RET);
   if (!a) throw OutOfMemory{};
   out->type = static_cast<QVA_UCHAR>(type);
@@ -393,7 +393,7 @@ std::vector<std::string> Restorer::commit() {
     for (const SavedHeap &h : heap_) {
       HeapVar *made = heap_find(ids_.new_id(h.id));
       r_.seek(h.value);
-      read_value(kBuild, &made->hv.var, made);
+      read_value(kBuild, &made->hv.var, true);
       made->hv.flags |= h.flags & QVA_HV_HELD;
       if (h.flags & QVA_HV_OBJECT) {
         made->hv.flags |= QVA_HV_OBJECT;

@@ -278,7 +278,10 @@ QVA_ARRAY *array_new(QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims, bool
 }
 
 void array_free(QVA_ARRAY *a) {
-  if (!(a->flags & kArrayEmbedded)) raw_free(a);
+  if (a->flags & kArrayInSmallBlock)
+    small_block_free(a);
+  else if (!(a->flags & kArrayInTemp))
+    raw_free(a);
 }
 
 // ----------------------------------------------------------------- values

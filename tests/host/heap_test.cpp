@@ -1,5 +1,5 @@
-// The heap: identifiers, pointer heap variables and objects, look-up, values
-// kept inside their heap record, and the memory of the heap table.
+// The heap: identifiers, pointer heap variables and objects, look-up, small
+// values kept in small blocks, and the memory of the heap table.
 #include <algorithm>
 
 #include "host_fixture.h"
@@ -88,9 +88,9 @@ TEST_F(HeapTest, PointerVariablesCopyOrStealAndObjectsAreOneElementStructures) {
   EXPECT_EQ(qvahost::accounting().heap_vars, baseline_.heap_vars + 3);
 }
 
-// A one-element structure this small is kept inside its heap record; the
-// value must behave as any other: replaced, copied, read back and freed
-// with its texts, without the record's storage ever being freed as a block.
+// A one-element structure this small is kept in a small block; the value
+// must behave as any other: replaced, copied, read back and freed with its
+// texts, its block given back to the right size class.
 TEST_F(HeapTest, SmallStructureValuesBehaveAsAnyOther) {
   Tmp source(MakePoint(5, "kept"));
   QVA_HVPTR copied = QVA_HeapVarNew(QVA_TYP_PTR, source.get(), 0, 2);
@@ -153,14 +153,15 @@ TEST_F(HeapTest, ASmallStructureLeavesItsTemporaryWithoutBlocksAndKeepsItsValue)
 }
 
 TEST_F(HeapTest, ValuesOfEverySizeSurviveNeighbouringRecords) {
-  // Arrays just inside and just past the size kept in a record, and a held
-  // structure, among many neighbours made and deleted around them.
+  // Arrays at the edges of the small blocks' size classes (16 bytes each,
+  // up to 256) and past them, and a held structure, among many neighbours
+  // made and deleted around them.
   Tmp point(MakePoint(7, "node"));
   QVA_HVPTR held = QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 1, 2);
   HeapGuard held_guard{held->hash_id};
   held->flags |= QVA_HV_HELD;
   QVA_UCHAR *held_data = held->var.value.s.arr->data;
-  const std::vector<QVA_MEMINT> sizes = {1, 11, 12, 13, 100};
+  const std::vector<QVA_MEMINT> sizes = {1, 4, 5, 11, 12, 13, 63, 64, 65, 100};
   std::vector<QVA_HVID> ids, others;
   for (QVA_MEMINT n : sizes) {
     QVA_VPTR t = nullptr;
