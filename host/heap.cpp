@@ -12,8 +12,10 @@
 // memory follows the live heap variables, not the identifiers ever issued.
 //
 // A record is the public QVA_HEAP_VAR alone (32 bytes, two to a cache
-// line).  A small one-dimensional array value (a tree node, most objects)
-// lives in a small block (small_blocks.cpp).
+// line); its layout and the directory are published in qva.h (with the
+// rules they keep), so that a module looks records up inline.  A small
+// one-dimensional array value (a tree node, most objects) lives in a small
+// block (small_blocks.cpp).
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -24,22 +26,23 @@
 namespace qvahost {
 namespace {
 
-constexpr unsigned kPageBits = 8;  // 256 records (8 KiB) per page
+constexpr unsigned kPageBits = QVA_HEAP_PAGE_BITS;  // 256 records (8 KiB) per page
 constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
 constexpr size_t kDirectorySize = size_t{1} << (32 - kPageBits);
 static_assert(sizeof(HeapVar) == sizeof(QVA_HEAP_VAR), "a record is the public part alone");
 
 struct Page {
-  HeapVar records[kPageSize];
+  HeapVar records[kPageSize];  // first: the directory points at records[0]
   uint32_t live = 0;
 };
 
-// Constant-initialised and never destroyed (they live as long as the
-// process), so that a look-up needs no initialisation check.  The
-// directory is all zero, so it takes no room in the library file.
-constinit Page *g_directory[kDirectorySize] = {};
+// The directory: page n holds identifiers n * kPageSize onwards, and its
+// entry points at its first record.  Constant-initialised and never
+// destroyed (it lives as long as the process), so that a look-up needs no
+// initialisation check; all zero, so it takes no room in the library file.
+constinit QVA_HEAP_VAR *g_directory[kDirectorySize] = {};
 
-Page *page_at(uint32_t number) { return g_directory[number]; }
+Page *page_at(uint32_t number) { return reinterpret_cast<Page *>(g_directory[number]); }
 struct Heap {
   uint64_t next_id;   // 2^32 once every identifier has been issued
   size_t page_count;  // record pages in existence
@@ -60,7 +63,7 @@ Page &page_for(Heap &h, uint32_t id) {
     // when it is made.
     page = new Page;
     for (HeapVar &rec : page->records) rec.hv.hash_id = 0;
-    g_directory[page_number(id)] = page;
+    g_directory[page_number(id)] = &page->records[0].hv;
     h.page_count++;
   }
   return *page;
@@ -114,10 +117,10 @@ void check_object_source(QVA_VPTR src) {
 }  // namespace
 
 HeapVar *heap_find(QVA_HVID id) {
-  Page *page = g_directory[page_number(id)];
+  QVA_HEAP_VAR *page = g_directory[page_number(id)];
   if (!page) return nullptr;
-  HeapVar *rec = &page->records[page_index(id)];
-  return rec->hv.hash_id == id && id != 0 ? rec : nullptr;
+  QVA_HEAP_VAR *rec = page + page_index(id);
+  return rec->hash_id == id && id != 0 ? reinterpret_cast<HeapVar *>(rec) : nullptr;
 }
 
 HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
@@ -209,6 +212,10 @@ void reset_session() {
 }  // namespace qvahost
 
 // ------------------------------------------------------------- module API
+
+// Published as a pointer, not as the array itself: a program that reads
+// the table inline then copies 8 bytes at start-up, not the directory.
+QVA_HEAP_VAR *const *const QVA_HeapPages = qvahost::g_directory;
 
 using namespace qvahost;
 

@@ -120,10 +120,38 @@ typedef QVA_VARIABLE *QVA_VPTR;
 /* The record of a heap variable or object. */
 typedef struct QVA_HEAP_VAR {
   QVA_HVID hash_id;  /* its heap identifier */
-  uint32_t flags;    /* QVA_HV_* */
+  uint32_t flags;    /* QVA_HV_*; bits not named here are the host's */
   QVA_VARIABLE var;  /* its value; for an object, a one-element structure */
 } QVA_HEAP_VAR;
 typedef QVA_HEAP_VAR *QVA_HVPTR;
+
+/*
+ * The heap table, published so that a module can look records up inline
+ * (QVA_HeapVarFind) instead of calling the host.  Its rules:
+ *  - Identifier id names the record at index id % QVA_HEAP_PAGE_SIZE of
+ *    the page QVA_HeapPages[id / QVA_HEAP_PAGE_SIZE].  The directory has
+ *    an entry for every 32-bit identifier, so no identifier indexes past
+ *    it; an entry is NULL when no record of its range exists.
+ *  - A page is an array of QVA_HEAP_PAGE_SIZE records with nothing between
+ *    them.
+ *  - A record is live exactly when its hash_id equals its identifier; a
+ *    dead record's hash_id is 0, and identifier 0 is never issued.
+ *  - A live record stays where it is until it is deleted.
+ *  - Identifiers are never reused within a process.
+ * The table is the host's: modules read it and never write to it.
+ */
+#define QVA_HEAP_PAGE_BITS 8
+#define QVA_HEAP_PAGE_SIZE (1u << QVA_HEAP_PAGE_BITS)
+extern QVA_HEAP_VAR *const *const QVA_HeapPages;
+
+/* The record named by hvid, or NULL when hvid names no heap variable (as
+ * QVA_HeapVarHashFind). */
+static inline QVA_HVPTR QVA_HeapVarFind(QVA_HVID hvid) {
+  QVA_HEAP_VAR *page = QVA_HeapPages[hvid >> QVA_HEAP_PAGE_BITS];
+  if (!page) return NULL;
+  QVA_HEAP_VAR *rec = page + (hvid & (QVA_HEAP_PAGE_SIZE - 1));
+  return rec->hash_id == hvid && hvid != 0 ? rec : NULL;
+}
 
 /* ------------------------------------------------------------ messages */
 

@@ -138,7 +138,7 @@ using algo = rb_tree<map_rbh_policy>;
 }  // namespace
 
 QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
-  QVA_HVPTR hv = QVA_HeapVarHashFind(n);
+  QVA_HVPTR hv = QVA_HeapVarFind(n);
   if (!hv) rbh_fail("map_rbh_deref: no heap variable 0x%x", n);
   const QVA_VARIABLE &v = hv->var;
   if ((hv->flags & QVA_HV_OBJECT) || !(v.flags & QVA_V_STRUCT) || !v.value.s.arr ||

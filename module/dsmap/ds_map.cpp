@@ -36,7 +36,7 @@ namespace {
 // The variable inside a heap variable the map holds; a heap variable that
 // language code deleted is reported as a dereference error.
 QVA_VPTR dsMap_makeVar(QVA_HVID h) {
-  QVA_HVPTR hv = QVA_HeapVarHashFind(h);
+  QVA_HVPTR hv = QVA_HeapVarFind(h);
   if (!hv) QVA_MessageFromBlock(qva_cobalt_msg_block, QVA_M_COBALT_DSMAP_HEAPDEREFERR, QVA_MSG_LONGJMP);
   return &hv->var;
 }

@@ -98,10 +98,10 @@ int message_compare(QVA_HVID a, QVA_HVID b) {
 QVA_HVID message_ident(ClassPart message) { return message_data(message)->mess_ident; }
 
 int messageIdentCompare(QVA_HVID searched, QVA_HVID stored) {
-  QVA_HVPTR a = QVA_HeapVarHashFind(searched);
+  QVA_HVPTR a = QVA_HeapVarFind(searched);
   // Interned texts: a look-up that finds its message ends on the very same
   // identifier, which needs no text comparison (only the check below).
-  QVA_HVPTR b = stored == searched ? a : QVA_HeapVarHashFind(stored);
+  QVA_HVPTR b = stored == searched ? a : QVA_HeapVarFind(stored);
   if (!a || !b || a->var.type != QVA_TYP_STRING || b->var.type != QVA_TYP_STRING)
     QVA_MessageFromBlock(qva_cobalt_msg_block, QVA_M_COBALT_FWMSG_IDCORRUPT, QVA_MSG_LONGJMP);
   return a == b ? 0 : QVA_StrCmp(&a->var.value.str, &b->var.value.str);

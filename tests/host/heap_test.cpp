@@ -48,6 +48,10 @@ TEST_F(HeapTest, IdentifiersAreNeverReusedAndDeadOnesFindNothing) {
   EXPECT_EQ(QVA_HeapVarHashFind(made[5])->var.value.l, 5);
   for (QVA_HVID dead : {made[2], made[4], QVA_HVID{0}, QVA_HVID{0xFFFFFF00u}})
     EXPECT_EQ(QVA_HeapVarHashFind(dead), nullptr) << dead;
+  // The inline look-up of qva.h answers as the host does, up to the last
+  // identifier.
+  for (QVA_HVID id : {made[0], made[2], made[5], made[5] + 1, QVA_HVID{0}, QVA_HVID{0xFFFFFFFFu}})
+    EXPECT_EQ(QVA_HeapVarFind(id), QVA_HeapVarHashFind(id)) << id;
   for (QVA_HVID id : made) QVA_HeapVarDelete(id, 0, 0);  // dead ones are ignored
   QVA_HeapVarDelete(0xFFFFFF00u, 0, 0);                  // never issued: ignored
 }
