@@ -20,15 +20,18 @@ constexpr size_t kMaxNesting = 400;
 // Stack a routine call may need before the next check: the evaluator of
 // one QVA statement, a module's own frames, the unwinder when an error is
 // thrown.  Sanitizer builds have much larger frames.
+// On a small stack, a share of it instead.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr size_t kReserve = 768 * 1024;
+constexpr size_t kReserveShare = 2;  // half
 #else
 constexpr size_t kReserve = 256 * 1024;
+constexpr size_t kReserveShare = 4;  // a quarter
 #endif
 
 struct StackBounds {
-  uintptr_t low = 0;    // lowest usable address; 0 when unknown
-  size_t reserve = 0;   // kReserve, or a quarter of a smaller stack
+  uintptr_t low = 0;   // lowest usable address; 0 when unknown
+  size_t reserve = 0;  // kReserve, or a share of a smaller stack
 };
 
 StackBounds this_thread_stack() {
@@ -41,7 +44,7 @@ StackBounds this_thread_stack() {
   if (pthread_attr_getstack(&attr, &addr, &size) == 0 && addr && size > 0) {
     pthread_attr_getguardsize(&attr, &guard);
     b.low = reinterpret_cast<uintptr_t>(addr) + guard;
-    b.reserve = size / 4 < kReserve ? size / 4 : kReserve;
+    b.reserve = size / kReserveShare < kReserve ? size / kReserveShare : kReserve;
   }
   pthread_attr_destroy(&attr);
   return b;
