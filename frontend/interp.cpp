@@ -108,11 +108,8 @@ void Interp::define_routine(std::shared_ptr<RoutineDef> def) {
 }
 
 QVA_VPTR Interp::invoke(const RoutineDef &def, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-  // Each call takes native stack; runaway recursion must end in an error.
-  constexpr size_t kMaxDepth = 400;
-  if (frames_.size() > kMaxDepth)
-    qvahost::raise_error("Routine calls nested too deeply (more than " + std::to_string(kMaxDepth) +
-                         ").");
+  // Runaway recursion ends in the host's nesting error, raised as the host
+  // enters this routine.
   Frame f;
   f.routine = def.name;
   f.is_function = def.is_function;

@@ -12,7 +12,7 @@ template <class F>
 auto at_boundary(F &&body) {
   CallBoundary boundary;
   try {
-    return body();
+    return allocation_errors_raised(body);
   } catch (const HostError &) {
     boundary.abandon();
     throw;
@@ -177,7 +177,7 @@ QVA_VPTR new_object(const std::string &cls, std::vector<QVA_VPTR> args, const Ke
 std::string try_call(const std::function<void()> &body) {
   CallBoundary boundary;
   try {
-    body();
+    allocation_errors_raised(body);
     return {};
   } catch (const HostError &e) {
     boundary.abandon();

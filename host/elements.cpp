@@ -241,7 +241,7 @@ std::string running_routine() { return current_routine(); }
 void guarded(const std::function<void()> &body) {
   CallBoundary boundary;
   try {
-    body();
+    allocation_errors_raised(body);
   } catch (const HostError &) {
     boundary.abandon();
     throw;

@@ -4,6 +4,7 @@
 //   memory.cpp     allocator, failing-allocation hook, accounting counters
 //   messages.cpp   HostError raising, message formats, blocks, output sink,
 //                  the routine call stack used to name errors
+//   nesting.cpp    the limit on nested routine calls and the C stack guard
 //   strings.cpp    text table behind QVA_STRING, QVA_Str*
 //   variables.cpp  temporaries, value copy/free, conversion, arrays, QVA_Var*
 //   structs.cpp    structure definitions, layout, tag look-up
@@ -19,6 +20,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <new>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -60,6 +62,19 @@ void report(int code, const std::string &text, int action);
 // Raises or reports according to `action`.
 void message(int code, int action, const std::string &text);
 std::string vformat(const char *fmt, va_list ap);
+// Raises M_NOMEM for a failed allocation that has no label of its own.
+[[noreturn]] void raise_out_of_memory();
+// Runs `body`, turning a std::bad_alloc (a standard container running out
+// of memory, in the host, a module or a front end) into the host's
+// allocation error, so that it abandons the routine like any other error.
+template <class F>
+auto allocation_errors_raised(F &&body) {
+  try {
+    return body();
+  } catch (const std::bad_alloc &) {
+    raise_out_of_memory();
+  }
+}
 std::string format(const char *fmt, ...);
 
 // Host error codes used by the runtime itself (texts in messages.cpp).
@@ -92,12 +107,19 @@ enum : int {
   M_BAD_DIMS = -121,         // "Array dimensions must be greater than 0."
   M_HEAP_FULL = -122,        // "Heap identifiers exhausted."
   M_BAD_ARG = -123,          // "%s" (a runtime refusal with its own text)
+  M_NESTING = -124,          // "Routine calls nested too deeply (more than %zu)."
 };
 
 // The routine call stack, used to name the routine an error abandons.
 void push_routine(const std::string *name);
 void pop_routine();
 const std::string &current_routine();  // "" at top level
+size_t routine_depth();                // routines running
+
+// (nesting.cpp) Raises M_NESTING when more routines are running than the
+// limit allows, or when this thread's C stack is nearly used up.  Called
+// on entry to every routine.
+void check_nesting();
 
 // ------------------------------------------------------------------ texts
 // The text table behind QVA_STRING::s.  References are never 0 for a live

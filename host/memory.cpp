@@ -257,6 +257,10 @@ void contract_violation(const std::string &what) {
 
 }  // namespace qvahost
 
+namespace qvahost {
+void raise_out_of_memory() { raise(M_NOMEM, "Unable to allocate memory: to make a memory block."); }
+}  // namespace qvahost
+
 using qvahost::raise_fmt;
 
 void *QVA_MemAllocMSG_LONGJMP(size_t size, const char *label) {

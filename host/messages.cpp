@@ -56,6 +56,7 @@ constexpr CodeText kCodeTexts[] = {
     {M_BAD_DIMS, "Array dimensions must be greater than 0."},
     {M_HEAP_FULL, "Heap identifiers exhausted."},
     {M_BAD_ARG, "%s"},
+    {M_NESTING, "Routine calls nested too deeply (more than %zu)."},
 };
 
 const char *code_format(int code) {
@@ -99,6 +100,8 @@ void pop_routine() {
   }
   routine_stack().pop_back();
 }
+
+size_t routine_depth() { return routine_stack().size(); }
 
 const std::string &current_routine() {
   static const std::string top_level;

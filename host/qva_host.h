@@ -35,6 +35,10 @@ struct HostError {
 [[noreturn]] void raise_error(const std::string &text, int code = QVA_M_GENERIC);
 // The routine now running, upper case ("" at top level).
 std::string running_routine();
+// Raises the host's "nested too deeply" error when this thread's C stack is
+// nearly used up: for front ends that recurse on their input (a parser, an
+// evaluator).  Every routine call makes the same check.
+void check_stack();
 
 // Where the host prints messages and reports; defaults to standard error.
 void set_output(std::function<void(const std::string &line)> sink);

@@ -162,6 +162,7 @@ Routine *routine_find(QVA_IDENT name, bool is_function) {
 QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk,
                         bool self_checked) {
   RoutineFrame frame(&r.name_str);
+  check_nesting();
   if (argc < r.arg_min || argc > r.arg_max)
     raise(M_WRONG_ARG_COUNT, "Incorrect number of arguments.");
   for (int i = 0; i < argc; ++i)
@@ -172,7 +173,7 @@ QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk
   if (!cls.empty() && !self_checked) check_self(r, cls, argc, argv);
 
   KeywordScope keywords;
-  QVA_VPTR result = run_body(r, argc, argv, argk);
+  QVA_VPTR result = allocation_errors_raised([&] { return run_body(r, argc, argv, argk); });
   if (keywords.close() != 0)
     contract_violation(r.name_str + " returned without QVA_KWFree after keyword processing");
   if (!r.is_function) {

@@ -26,11 +26,47 @@
 #include <string>
 #include <vector>
 
+#include "internal.h"
+
 namespace qvahost::savefile {
 
 inline constexpr char kMagic[8] = {'Q', 'V', 'A', 'S', 'A', 'V', 'E', '\0'};
 inline constexpr uint32_t kVersion = 1;
-inline constexpr int kMaxStructDepth = 32;  // nesting of structures in fields
+
+// Limits on the structure definitions of a file.  The writer refuses to
+// write, and the reader refuses to read, a definition beyond any of them,
+// so that SAVE never writes a file that RESTORE would refuse.
+inline constexpr int kMaxStructDepth = 32;                       // nesting of structures in fields
+inline constexpr uint64_t kMaxFieldElements = uint64_t{1} << 24;  // elements of one field
+inline constexpr uint64_t kMaxStructBytes = uint64_t{1} << 40;   // fewest bytes of one element
+
+// Bytes the smallest encoding of one element of a plain type takes (a text
+// is at least its length word).
+inline uint64_t min_encoded(int type) { return type == QVA_TYP_STRING ? 4 : type_size(type); }
+
+// What the limits look at in one definition, gathered field by field
+// (inherited fields included): how deep its structure fields nest, and
+// the fewest bytes one element takes in a file.
+struct DefinitionMeasure {
+  int depth = 1;
+  uint64_t min_bytes = 0;
+  // A field of n_elts elements (n_elts <= kMaxFieldElements) of at least
+  // elt_bytes each; sub_depth is the depth of a structure field's
+  // definition, 0 for a plain field.
+  void add_field(uint64_t n_elts, uint64_t elt_bytes, int sub_depth) {
+    if (sub_depth + 1 > depth) depth = sub_depth + 1;
+    uint64_t bytes;
+    if (__builtin_mul_overflow(n_elts, elt_bytes, &bytes) ||
+        __builtin_add_overflow(min_bytes, bytes, &min_bytes))
+      min_bytes = UINT64_MAX;
+  }
+  // What breaks a limit, or nullptr.
+  const char *problem() const {
+    if (depth > kMaxStructDepth) return "structures nested too deeply";
+    if (min_bytes > kMaxStructBytes) return "structure too large";
+    return nullptr;
+  }
+};
 
 enum Shape : uint8_t { kScalar = 0, kArray = 1, kStructArray = 2 };
 

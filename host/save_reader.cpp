@@ -17,10 +17,12 @@
 #include "internal.h"
 #include "save_format.h"
 #include "save_ids.h"
+#include "save_refs.h"
 
 namespace qvahost {
 namespace {
 
+using savefile::min_encoded;
 using savefile::Reader;
 
 struct Corrupt {
@@ -40,9 +42,6 @@ bool scalar_type(int t) {
   }
 }
 
-// Bytes the smallest encoding of one element of a type takes.
-uint64_t min_encoded(int type) { return type == QVA_TYP_STRING ? 4 : type_size(type); }
-
 struct SavedTag {
   std::string name;
   int type = 0;
@@ -61,6 +60,9 @@ struct SavedSdef {
   int depth = 1;
   uint64_t min_bytes = 0;     // smallest encoding of one element
   QVA_SDEF live = nullptr;    // the definition in force, when there is one
+  // Hidden (a module's own record, as the definition in force says when
+  // there is one): its pointer fields may name objects (save_refs.h).
+  bool record = false;
   // Where each saved field goes in the live layout (nullptr: dropped).
   std::vector<const TagInfo *> target;
 };
@@ -99,7 +101,8 @@ class Restorer {
   std::vector<SavedSdef> sdefs_;
   std::vector<SavedHeap> heap_;
   std::vector<SavedVar> vars_;
-  std::vector<QVA_HVID> referenced_;  // every non-null reference, in file order
+  savefile::SavedReferences refs_;
+  bool in_record_ = false;  // reading the fields of a hidden structure
   savefile::IdRemap ids_;
   std::vector<QVA_HVID> made_heap_;
   std::vector<QVA_VARIABLE> staged_;
@@ -158,7 +161,7 @@ void Restorer::read_sdefs() {
       for (int d = 0; d < t.n_dim; ++d) {
         t.dims[d] = r_.i64();
         if (t.dims[d] < 1 || __builtin_mul_overflow(n, static_cast<uint64_t>(t.dims[d]), &n) ||
-            n > (1u << 24))
+            n > savefile::kMaxFieldElements)
           corrupt("bad field dimensions");
       }
       t.n_elts = static_cast<QVA_MEMINT>(n);
@@ -166,14 +169,18 @@ void Restorer::read_sdefs() {
       sd.all.push_back(t);
     }
     if (sd.all.empty()) corrupt("structure without fields");
+    savefile::DefinitionMeasure measure;
     for (const SavedTag &t : sd.all) {
-      uint64_t elt = t.type == QVA_TYP_STRUCT ? sdefs_[t.sub].min_bytes : min_encoded(t.type);
-      if (t.type == QVA_TYP_STRUCT) sd.depth = std::max(sd.depth, sdefs_[t.sub].depth + 1);
-      sd.min_bytes += elt * static_cast<uint64_t>(t.n_elts);
+      bool sub = t.type == QVA_TYP_STRUCT;
+      measure.add_field(static_cast<uint64_t>(t.n_elts),
+                        sub ? sdefs_[t.sub].min_bytes : min_encoded(t.type),
+                        sub ? sdefs_[t.sub].depth : 0);
     }
-    if (sd.depth > savefile::kMaxStructDepth) corrupt("structures nested too deeply");
-    if (sd.min_bytes > (uint64_t{1} << 40)) corrupt("structure too large");
+    if (const char *problem = measure.problem()) corrupt(problem);
+    sd.depth = measure.depth;
+    sd.min_bytes = measure.min_bytes;
     resolve(sd);
+    sd.record = sd.live ? sd.live->hidden : sd.hidden;
     sdefs_.push_back(std::move(sd));
   }
 }
@@ -220,7 +227,10 @@ void Restorer::read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_
     case QVA_TYP_OBJREF:
       for (QVA_MEMINT i = 0; i < n; ++i) {
         QVA_HVID id = r_.u32();
-        if (mode == kCheck && id) referenced_.push_back(id);
+        if (mode == kCheck && id)
+          refs_.note(id, in_record_                ? savefile::SavedReferences::kAnyHeapVar
+                         : type == QVA_TYP_OBJREF ? savefile::SavedReferences::kObject
+                                                  : savefile::SavedReferences::kPointer);
         if (dst) {
           QVA_HVID mapped = id ? ids_.new_id(id) : 0;
           std::memcpy(dst + i * sizeof(QVA_HVID), &mapped, sizeof mapped);
@@ -229,6 +239,8 @@ void Restorer::read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_
       return;
     case QVA_TYP_STRUCT: {
       const SavedSdef &sd = sdefs_[sdef];
+      bool outer = in_record_;
+      in_record_ = outer || sd.record;
       for (QVA_MEMINT i = 0; i < n; ++i) {
         QVA_UCHAR *elt = dst ? dst + i * static_cast<QVA_MEMINT>(sd.live->length) : nullptr;
         for (size_t k = 0; k < sd.all.size(); ++k) {
@@ -237,6 +249,7 @@ void Restorer::read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_
           read_elts(mode, t.type, t.sub, to ? elt + to->offset : nullptr, t.n_elts);
         }
       }
+      in_record_ = outer;
       return;
     }
     default:
@@ -341,12 +354,14 @@ void Restorer::check(bool verify_checksum) {
   }
   if (r_.left() != 4) corrupt("unexpected data at the end");
   std::vector<QVA_HVID> saved_ids;
+  std::vector<bool> is_object;  // by position in the file, then by rank
   saved_ids.reserve(heap_.size());
   for (const SavedHeap &h : heap_) saved_ids.push_back(h.id);
   if (!ids_.build(saved_ids)) corrupt("bad heap identifier");
-  for (QVA_HVID id : referenced_)
-    if (!ids_.contains(id)) corrupt("reference to a heap variable that is not in the file");
-  referenced_ = {};
+  is_object.resize(heap_.size());
+  for (const SavedHeap &h : heap_) is_object[ids_.rank(h.id)] = (h.flags & QVA_HV_OBJECT) != 0;
+  if (std::string problem = refs_.problem(ids_, is_object); !problem.empty()) corrupt(problem);
+  refs_ = {};
 }
 
 void Restorer::map_fields(SavedSdef &sd) {

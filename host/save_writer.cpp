@@ -46,14 +46,8 @@ class SaveSet {
       if (HeapVar *h = id ? heap_find(id) : nullptr) add_heap(h);
     });
   }
-  void add_sdef(QVA_SDEF sd) {
-    if (sdef_index_.count(sd)) return;
-    if (sd->super) add_sdef(sd->super);
-    for (const TagInfo &t : sd->tags)
-      if (t.type == QVA_TYP_STRUCT) add_sdef(t.sdef);
-    sdef_index_[sd] = static_cast<int32_t>(sdefs_.size());
-    sdefs_.push_back(sd);
-  }
+  void add_sdef(QVA_SDEF sd);
+  void check_limits(QVA_SDEF sd);
   void write_sdef(Writer &w, QVA_SDEF sd) const;
   void write_value(Writer &w, const QVA_VARIABLE *v) const;
   void write_elts(Writer &w, int type, QVA_SDEF sd, const QVA_UCHAR *data, QVA_MEMINT n) const;
@@ -68,7 +62,59 @@ class SaveSet {
   savefile::IdBits in_save_;
   std::vector<QVA_SDEF> sdefs_;
   std::unordered_map<QVA_SDEF, int32_t> sdef_index_;
+  std::vector<savefile::DefinitionMeasure> measures_;  // by definition index
 };
+
+// Adds a definition after what it needs (its superclass and the
+// definitions of its structure fields), so that the reader meets every
+// definition after those it refers to.  Definitions may nest far deeper
+// than the file allows, so the walk keeps its own stack; the limits are
+// checked as each definition is added, from the bottom up, and a refusal
+// comes before anything is written.
+void SaveSet::add_sdef(QVA_SDEF root) {
+  if (sdef_index_.count(root)) return;
+  std::vector<QVA_SDEF> stack{root};
+  while (!stack.empty()) {
+    QVA_SDEF sd = stack.back();
+    if (sdef_index_.count(sd)) {  // reached twice before its turn
+      stack.pop_back();
+      continue;
+    }
+    size_t waiting = stack.size();
+    if (sd->super && !sdef_index_.count(sd->super)) stack.push_back(sd->super);
+    for (const TagInfo &t : sd->tags)
+      if (t.type == QVA_TYP_STRUCT && !sdef_index_.count(t.sdef)) stack.push_back(t.sdef);
+    if (stack.size() != waiting) continue;
+    stack.pop_back();
+    check_limits(sd);
+    sdef_index_[sd] = static_cast<int32_t>(sdefs_.size());
+    sdefs_.push_back(sd);
+  }
+}
+
+// Refuses a definition that the reader would refuse; its fields'
+// definitions are in the set already.
+void SaveSet::check_limits(QVA_SDEF sd) {
+  savefile::DefinitionMeasure m;
+  for (const TagInfo &t : sd->tags) {
+    if (static_cast<uint64_t>(t.n_elts) > savefile::kMaxFieldElements)
+      raise_fmt(M_BAD_ARG, "Unable to save: field %s has more than %llu elements.",
+                t.name_str.c_str(), static_cast<unsigned long long>(savefile::kMaxFieldElements));
+    if (t.type == QVA_TYP_STRUCT) {
+      const savefile::DefinitionMeasure &sub = measures_[sdef_index_.at(t.sdef)];
+      m.add_field(static_cast<uint64_t>(t.n_elts), sub.min_bytes, sub.depth);
+    } else {
+      m.add_field(static_cast<uint64_t>(t.n_elts), savefile::min_encoded(t.type), 0);
+    }
+  }
+  if (m.depth > savefile::kMaxStructDepth)
+    raise_fmt(M_BAD_ARG, "Unable to save: structures nested more than %d levels deep.",
+              savefile::kMaxStructDepth);
+  if (m.problem())
+    raise_fmt(M_BAD_ARG, "Unable to save: structure %s is too large.",
+              sd->name_str.empty() ? "<anonymous>" : sd->name_str.c_str());
+  measures_.push_back(m);
+}
 
 void SaveSet::write_sdef(Writer &w, QVA_SDEF sd) const {
   w.text(sd->name_str.data(), sd->name_str.size());

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <map>
+#include <new>
 #include <vector>
 
 #include "host_fixture.h"
@@ -158,6 +160,80 @@ TEST_F(MemoryTest, SweepStructureCopiesStringArraysAndConversions) {
     made.clear();
   };
   EXPECT_GE(Sweep(op, cleanup), 18);
+}
+
+// A standard container's allocator that fails (std::bad_alloc) where the
+// host's failing-allocation hook says so, as a container inside a routine
+// fails when memory runs out.
+template <class T>
+struct HookedAllocator {
+  using value_type = T;
+  HookedAllocator() = default;
+  template <class U>
+  HookedAllocator(const HookedAllocator<U> &) {}
+  T *allocate(size_t n) {
+    if (qvahost::allocation_fails()) throw std::bad_alloc();
+    return std::allocator<T>().allocate(n);
+  }
+  void deallocate(T *p, size_t n) { std::allocator<T>().deallocate(p, n); }
+  bool operator==(const HookedAllocator &) const = default;
+};
+
+// MEM_CONTAINERS(n): 0 + 1 + ... + n-1, gathered in a vector and a map
+// that grow as they go, then returned in a host array; its allocations
+// are the containers' and the host's in turn.
+QVA_VPTR mem_containers(int, QVA_VPTR argv[]) {
+  const QVA_LONG n = argv[0]->value.l;
+  std::vector<QVA_LONG, HookedAllocator<QVA_LONG>> values;
+  std::map<QVA_LONG, QVA_LONG, std::less<>, HookedAllocator<std::pair<const QVA_LONG, QVA_LONG>>>
+      squares;
+  for (QVA_LONG i = 0; i < n; ++i) {
+    values.push_back(i);
+    squares.emplace(i, i * i);
+  }
+  QVA_VPTR result;
+  auto *out = reinterpret_cast<QVA_LONG *>(QVA_MakeTempVector(QVA_TYP_LONG, 2, 1, &result));
+  for (QVA_LONG v : values) out[0] += v;
+  out[1] = squares.rbegin()->second;
+  return result;
+}
+
+// Every allocation of a routine that fails, a standard container's
+// std::bad_alloc included, abandons the routine with the host's allocation
+// error: caught where the routine was called, nothing left behind, and
+// the next call succeeds.
+TEST_F(MemoryTest, FailedAllocationsInStandardContainersBecomeTheHostError) {
+  static QVA_SYSFUN_DEF funs[] = {{QVA_RTN(mem_containers), "MEM_CONTAINERS", 1, 1, 0, 0}};
+  ASSERT_EQ(QVA_SysRtnAdd(funs, 1, 1), 1);
+  hosttest::Tmp n(qvahost::make_long(40));
+  const qvahost::Accounting before = qvahost::accounting();
+  int failures = 0, in_containers = 0;
+  for (int64_t fail = 1;; ++fail, ++failures) {
+    ASSERT_LT(fail, 1000);
+    qvahost::fail_allocation_after(fail);
+    QVA_VPTR result = nullptr;
+    qvahost::HostError error;
+    try {
+      result = qvahost::call_function("MEM_CONTAINERS", {n.get()});
+    } catch (const qvahost::HostError &e) {
+      error = e;
+    }
+    qvahost::fail_allocation_after(0);
+    if (result) {
+      hosttest::Tmp done(result);
+      const auto *sums = reinterpret_cast<const QVA_LONG *>(result->value.arr->data);
+      EXPECT_EQ(sums[0], 780);
+      EXPECT_EQ(sums[1], 39 * 39);
+      break;
+    }
+    EXPECT_EQ(error.code, qvahost::M_NOMEM) << "allocation " << fail;
+    EXPECT_EQ(error.routine, "MEM_CONTAINERS");
+    in_containers +=
+        error.text == "Unable to allocate memory: to make a memory block." ? 1 : 0;
+    ASSERT_EQ(qvahost::accounting(), before) << "allocation " << fail;
+  }
+  EXPECT_GT(in_containers, 40) << "each of the map's nodes and the vector's growth failed";
+  EXPECT_GT(failures, in_containers) << "and the result's array";
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // Saving, restoring and resetting a session, and heap garbage collection.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <set>
 
 #include "host_fixture.h"
@@ -271,6 +273,79 @@ TEST_F(SessionTest, ChangedStructureDefinitionMatchesFieldsByName) {
   Rename(bytes, "SESSION_PTB", "SESSION_PTC");
   EXPECT_NE(ExpectHostError([&] { Restore(bytes); }).text.find("SESSION_PTC"), std::string::npos);
   EXPECT_EQ(Var("PT")->value.s.sdef, later) << "a refused restore changes nothing";
+}
+
+// A pointer naming an object, or an object reference naming a pointer heap
+// variable, is refused before the session sees any of the file; a hidden
+// structure (a module's record) may keep objects in its pointer fields.
+TEST_F(SessionTest, ReferencesOfTheWrongKindAreRefusedExceptInHiddenRecords) {
+  static QVA_STRUCT_TAG_DEF record_tags[] = {{"WORD", nullptr, QVA_TYP_PTR, 0},
+                                             {nullptr, nullptr, 0, 0}};
+  QVA_SDEF record = QVA_MakeStructInternal("SESSION_RECORD", QVA_SDEF_REUSE | QVA_SDEF_HIDDEN,
+                                           record_tags, QVA_MSG_LONGJMP);
+  QVA_HVID thing = NewThing(1, "one");
+  QVA_HVID plain = NewPtr(qvahost::make_long(5));
+  Set("R", qvahost::make_ptr(NewStruct(record, QVA_TYP_PTR, [&](QVA_VARIABLE &v) {
+        At<QVA_HVID>(v, "WORD") = thing;
+      })));
+  Set("N", qvahost::make_ptr(NewNode(plain, thing, "n", 1)));
+  const std::vector<uint8_t> good = qvahost::save_all_to_bytes();
+  // The same identifiers stored in fields of the other kind.
+  QVA_VARIABLE &node = Deref(Var("N")->value.hvid);
+  std::swap(At<QVA_HVID>(node, "NEXT"), At<QVA_HVID>(node, "OWNER"));
+  const std::vector<uint8_t> swapped = qvahost::save_all_to_bytes();
+  std::swap(At<QVA_HVID>(node, "NEXT"), At<QVA_HVID>(node, "OWNER"));
+  Set("P", qvahost::make_ptr(thing));
+  const std::vector<uint8_t> ptr_to_object = qvahost::save_variables_to_bytes({"P"});
+  Set("P", qvahost::make_objref(plain));
+  const std::vector<uint8_t> objref_to_ptr = qvahost::save_variables_to_bytes({"P"});
+
+  const std::vector<QVA_HVID> ids = qvahost::heap_ids();
+  const qvahost::Accounting before = qvahost::accounting();
+  for (const auto *bytes : {&swapped, &ptr_to_object, &objref_to_ptr}) {
+    std::string error = ExpectHostError([&] { Restore(*bytes); }).text;
+    EXPECT_NE(error.find("Save file is corrupt"), std::string::npos) << error;
+    EXPECT_TRUE(error.find("a pointer names <ObjHeapVar") != std::string::npos ||
+                error.find("an object reference names <PtrHeapVar") != std::string::npos)
+        << error;
+    EXPECT_EQ(qvahost::heap_ids(), ids);
+    EXPECT_EQ(qvahost::accounting(), before);
+    EXPECT_EQ(Var("P")->value.hvid, plain);
+  }
+  Restore(good);
+  QVA_HVID word = At<QVA_HVID>(Deref(Var("R")->value.hvid), "WORD");
+  EXPECT_NE(QVA_ObjValidate(word, QVA_MSG_RET), nullptr) << "the record's word names the object";
+}
+
+// SAVE refuses, before writing anything, what RESTORE would refuse: one
+// limit on structure nesting serves both, and a structure nested far
+// deeper (as a loop of s = {a: s} makes) is refused, not followed down.
+TEST_F(SessionTest, SaveRefusesStructuresNestedBeyondWhatRestoreTakes) {
+  auto nested = [](int levels) {
+    QVA_VPTR s;
+    QVA_MakeTempStructVector(qvahost::define_struct("", "", {field("X", QVA_TYP_PTR)}), 1, &s, 1);
+    for (int i = 0; i < levels; ++i) {
+      QVA_SDEF sd = qvahost::define_struct("", "", {{"A", QVA_TYP_STRUCT, s->value.s.sdef, {}}});
+      QVA_VPTR outer;
+      QVA_MakeTempStructVector(sd, 1, &outer, 1);
+      qvahost::store_field(outer, 0, "A", s);
+      QVA_Deltmp(s);
+      s = outer;
+    }
+    return s;
+  };
+  const int limit = qvahost::savefile::kMaxStructDepth;
+  Set("S", nested(limit - 1));
+  const std::vector<uint8_t> deepest = qvahost::save_variables_to_bytes({"S"});
+  Restore(deepest);
+  const std::string path = testing::TempDir() + "session_too_deep.sav";
+  std::remove(path.c_str());
+  for (int levels : {limit, 100000}) {
+    Set("S", nested(levels));
+    std::string error = ExpectHostError([&] { qvahost::save_variables(path, {"S"}); }).text;
+    EXPECT_EQ(error, "Unable to save: structures nested more than 32 levels deep.");
+    EXPECT_FALSE(std::ifstream(path).good()) << "nothing written for " << levels << " levels";
+  }
 }
 
 TEST_F(SessionTest, TruncatedOrFlippedFilesAndFailedAllocationsChangeNothing) {

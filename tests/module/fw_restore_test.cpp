@@ -182,5 +182,47 @@ TEST_F(RestoreTest, ARestoredListIsStillInIdentifierOrder) {
   EXPECT_EQ(Behaviors(r[5], "M"), Ids{});
 }
 
+// A file (checksum valid) in which a query's QUERY_RESULT or a query
+// behaviour's RESPONSE names an object: destroying the restored query or
+// behaviour would write through that object as its result variable.  The
+// restore refuses the file and the session stays as it was; the untouched
+// file, whose behaviour lists keep behaviour objects as keys, restores.
+TEST_F(RestoreTest, APointerFieldNamingAnObjectIsRefusedAndChangesNothing) {
+  session_replaced_ = true;
+  const QVA_HVID query = New("QVAfwQuery", {{"MESSAGESTRING", Str("ASK")}});
+  const QVA_HVID answer = New("QVAfwQueryBehav", {{"MESSAGESTRING", Str("ASK")},
+                                                  {"RESPONSE", Str("yes")},
+                                                  {"REGISTER", Long(1)}});
+  ASSERT_EQ(Call(query, "SENDQUERY"), "S:yes");
+  QVA_VarCopy(qvatest::ObjRefArray({query, answer}), qvahost::main_variable("NET"));
+  const std::vector<uint8_t> good = qvahost::save_all_to_bytes();
+  struct Case {
+    QVA_HVID obj;
+    const char *tag;
+  };
+  for (Case c : {Case{query, "QUERY_RESULT"}, Case{answer, "RESPONSE"}}) {
+    QVA_HVID &field = FieldRef<QVA_HVID>(c.obj, c.tag);
+    const QVA_HVID kept = field;
+    field = c.obj == query ? answer : query;
+    const std::vector<uint8_t> bad = qvahost::save_all_to_bytes();
+    field = kept;
+    const std::vector<QVA_HVID> heap = qvahost::heap_ids();
+    const qvahost::Accounting before = qvahost::accounting();
+    const std::string error = qvatest::ExpectHostError([&] {
+                                qvahost::restore_from_bytes(bad.data(), bad.size());
+                              }).text;
+    EXPECT_NE(error.find("a pointer names <ObjHeapVar"), std::string::npos) << c.tag << ": " << error;
+    EXPECT_EQ(qvahost::heap_ids(), heap) << c.tag;
+    EXPECT_EQ(qvahost::accounting(), before) << c.tag;
+  }
+  ReleaseTemps();
+  qvahost::reset_session();
+  qvahost::restore_from_bytes(good.data(), good.size());
+  QVA_VPTR net = qvahost::find_main_variable("NET");
+  const auto *r = reinterpret_cast<const QVA_HVID *>(net->value.arr->data);
+  RestoreArray({r[0], r[1]});
+  EXPECT_EQ(Call(r[0], "SENDQUERY"), "S:yes");
+}
+
 }  // namespace
 }  // namespace fwtest

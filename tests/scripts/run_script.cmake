@@ -1,8 +1,14 @@
 # Runs one script through qva with the leak check; all it printed (standard
 # output and error, in order) must equal the expected file.
 #   -DQVA=... -DSCRIPT=... -DEXPECTED=... -DEXPECT_RC=... -DWORKDIR=...
+#   -DULIMIT="-s 256" (optional): the shell's resource limit to run under
 file(MAKE_DIRECTORY ${WORKDIR})
-execute_process(COMMAND ${QVA} --check-leaks ${SCRIPT}
+if(ULIMIT)
+  set(command sh -c "ulimit ${ULIMIT} && exec \"$0\" --check-leaks \"$1\"" ${QVA} ${SCRIPT})
+else()
+  set(command ${QVA} --check-leaks ${SCRIPT})
+endif()
+execute_process(COMMAND ${command}
                 WORKING_DIRECTORY ${WORKDIR}
                 OUTPUT_VARIABLE out ERROR_VARIABLE out RESULT_VARIABLE rc)
 file(READ ${EXPECTED} expected)
