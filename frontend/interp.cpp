@@ -188,7 +188,7 @@ QVA_VPTR Interp::invoke(const RoutineDef &def, int argc, QVA_VPTR argv[], QVA_KW
 // ----------------------------------------------------------- statements
 
 bool Interp::handle_catch(Frame &f, const qvahost::HostError &e) {
-  if (!f.catch_armed) return false;
+  if (!f.catch_armed || out_of_steps()) return false;
   f.catch_armed = false;
   last_error_ = e;
   site_ = {};
@@ -299,6 +299,8 @@ Interp::Flow Interp::exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &l
                           size_t index) {
   f.line = s.line;
   try {
+    if (step_limit_ != 0 && ++steps_ > step_limit_)
+      qvahost::raise_error("Statement budget of " + std::to_string(step_limit_) + " exhausted.");
     switch (s.kind) {
       case Stmt::Eval:
         eval(f, *s.value);

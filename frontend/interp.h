@@ -4,6 +4,7 @@
 // same way.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -73,6 +74,13 @@ class Interp {
   void set_print(std::function<void(const std::string &)> sink) { print_ = std::move(sink); }
   void print(const std::string &line) const;
   void set_args(std::vector<std::string> args) { args_ = std::move(args); }
+  // Lets at most `steps` more statements run (0: no limit).  Passing the
+  // budget raises an error that no CATCH stops, so that any program ends
+  // (for sandboxed runs such as fuzzing).
+  void set_step_limit(uint64_t steps) {
+    step_limit_ = steps;
+    steps_ = 0;
+  }
   const std::vector<std::string> &args() const { return args_; }
 
   Frame &frame() { return *frames_.back(); }
@@ -128,7 +136,10 @@ class Interp {
   void build_args(Frame &f, const std::vector<Arg> &args, CallArgs &out);
   Val pass(Frame &f, const Expr &e);
 
+  bool out_of_steps() const { return step_limit_ != 0 && steps_ > step_limit_; }
+
   Interp *previous_ = nullptr;
+  uint64_t step_limit_ = 0, steps_ = 0;
  public:
   // Runs a routine written in QVA (the body the host calls).
   QVA_VPTR invoke(const RoutineDef &def, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk);

@@ -136,14 +136,19 @@ QVA_HVID fwIdent_get(const QVA_STRING *s) {
 QVA_HVID fwIdent_rollover(QVA_HVID id) {
   const QVA_STRING *text = held_text(id);
   if (!text) return 0;
-  QVA_HVID current = fwIdent_get(text);
-  if (current == id) return current;
+  FW_IDENT_RECORD *r = record_of_text(text);
+  if (r && r->hvid == id) {
+    fwIdent_acquire(r);
+    return id;
+  }
+  // A stale identifier is listed as garbage before this session's is
+  // counted, so that a failure in between leaves no holder counted.
   MAP_RB_NODE *garbage = IdentGarbageList();
   if (!mapFind(garbage, key_of(id), fwIdentHVIDCompare) &&
       !mapInsert(garbage, key_of(id), nullptr, fwIdentHVIDCompare))
     QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "Unable to allocate memory: to make %s.",
                 "FW_Ident garbage entry");
-  return current;
+  return fwIdent_get(text);
 }
 
 void fwIdent_acquireHVID(QVA_HVID id) {

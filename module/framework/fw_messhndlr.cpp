@@ -300,18 +300,21 @@ void messagehandler_unscopeMessage(ClassPart handler, QVA_HVID ident) {
   QVA_HVID map = messagehandler_map(handler);
   if (!map) return;
   if (QVA_HVID entry = maphFind(map, ident, messageIdentCompare)) {
-    QVA_HVID list = maphData(entry);
-    QVA_HVID key = maphKey(entry);
-    maphErase(entry);
-    if (list) {
-      {
-        BehaviorSnapshot snapshot(list);
-        for (QVA_HVID b : snapshot) behavior_reregister(Behavior_from_hvid(b));
-        snapshot.freeLabelled("messagehandler_unscopeMessage");
+    // The snapshot is taken while the entry is still listed: when it
+    // cannot be made, nothing has changed.
+    BehaviorSnapshot snapshot(maphData(entry));
+    // Once erased, the list and the key's reference are this call's to
+    // give up, also when re-registering a behaviour fails.
+    struct Unlisted {
+      QVA_HVID list, key;
+      ~Unlisted() {
+        if (list) maphFree(list);
+        fwIdent_releaseHVID(key);
       }
-      maphFree(list);
-    }
-    fwIdent_releaseHVID(key);
+    } unlisted{maphData(entry), maphKey(entry)};
+    maphErase(entry);
+    for (QVA_HVID b : snapshot) behavior_reregister(Behavior_from_hvid(b));
+    snapshot.freeLabelled("messagehandler_unscopeMessage");
   }
   // The top-level handler exists only while it scopes something.  Its
   // object goes without CLEANUP: the map is freed here.

@@ -168,4 +168,14 @@ TEST_F(Eval, DeepTargetsAndNestingEndInACatchableError) {
   }
 }
 
+TEST_F(Eval, AStatementBudgetEndsEveryProgramPastItsCatch) {
+  interp_->set_step_limit(1000);
+  std::string err = Run("CATCH, e\nIF e NE 0 THEN PRINT, 'caught'\nWHILE 1 DO BEGIN\nEND\n",
+                        "t.pro", false);
+  EXPECT_NE(err.find("Statement budget of 1000 exhausted."), std::string::npos) << err;
+  EXPECT_EQ(printed_, "");
+  interp_->set_step_limit(0);
+  EXPECT_EQ(Run("x = 0\nFOR i = 1, 2000 DO x += 1\nPRINT, x\n"), "        2000\n");
+}
+
 }  // namespace
