@@ -54,6 +54,9 @@ Interp::Interp() {
   g_current = this;
   register_builtins();
   qvahost::set_gc_root_hook([this](const qvahost::RootVisitor &visit) { visit_roots(visit); });
+  qvahost::set_routine_loader([](const std::string &name, bool) {
+    return current_interp().load_routine(name);
+  });
 }
 
 Interp::~Interp() {
@@ -63,6 +66,7 @@ Interp::~Interp() {
     qvahost::set_gc_root_hook([back](const qvahost::RootVisitor &visit) { back->visit_roots(visit); });
   } else {
     qvahost::set_gc_root_hook(nullptr);
+    qvahost::set_routine_loader(nullptr);
   }
 }
 
@@ -286,16 +290,6 @@ void Interp::exec_catch(Frame &f, const Stmt &s, const std::vector<StmtPtr> &lis
   f.catch_next = index + 1;
   Val zero = Val::temp(qvahost::make_long(0));
   QVA_VarCopy(zero.get(), lookup_or_create(f, var->name));
-}
-
-void Interp::exec_command(const std::string &text) {
-  std::string cmd = text;
-  for (char &c : cmd) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  if (cmd == ".RESET" || cmd == ".RESET_SESSION" || cmd == ".FULL_RESET_SESSION") {
-    qvahost::reset_session();
-    return;
-  }
-  qvahost::raise_error("Unknown executive command: " + text + ".");
 }
 
 Interp::Flow Interp::exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &list,

@@ -85,6 +85,19 @@ class Interp {
   const qvahost::HostError &last_error() const { return last_error_; }
   void define_routine(std::shared_ptr<RoutineDef> def);
 
+  // Routines found by file name (routine_loading.cpp).  The script's
+  // folder comes first on the search path ("." at the prompt), the shipped
+  // library last.
+  void set_script_dir(std::string dir) { script_dir_ = std::move(dir); }
+  void set_library_dir(std::string dir) { library_dir_ = std::move(dir); }
+  std::vector<std::string> search_path() const;
+  // Defines the routines of a source file (with `announce`, saying so);
+  // with `run_main`, then runs its main-level statements.  A file that
+  // cannot be read or parsed raises a HostError.
+  void compile_file(const std::string &path, bool run_main, bool announce);
+  // The host's routine loader: compiles name.pro from the search path.
+  bool load_routine(const std::string &name);
+
   // Variables of a frame.
   QVA_VPTR lookup(Frame &f, const std::string &name);
   QVA_VPTR lookup_or_create(Frame &f, const std::string &name);
@@ -129,6 +142,8 @@ class Interp {
   Val pass(Frame &f, const Expr &e);
 
   Interp *previous_ = nullptr;
+  std::string script_dir_ = ".";
+  std::string library_dir_;
  public:
   // Runs a routine written in QVA (the body the host calls).
   QVA_VPTR invoke(const RoutineDef &def, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk);

@@ -11,6 +11,7 @@
 
 #include "interp.h"
 #include "session.h"
+#include "source_files.h"
 
 namespace {
 
@@ -36,7 +37,9 @@ std::string exe_dir() {
 std::string default_module() {
   if (const char *env = std::getenv("QVA_MODULE"); env && *env) return env;
   std::string dir = exe_dir();
-  for (const std::string &cand : {dir + "/qva_cobalt.so", dir + "/../qva_cobalt.so"})
+  // Beside qva in the build tree; in the module folder of an installed tree.
+  for (const std::string &cand : {dir + "/qva_cobalt.so", dir + "/../qva_cobalt.so",
+                                  dir + "/../" QVA_INSTALL_MODULE_DIR "/qva_cobalt.so"})
     if (access(cand.c_str(), R_OK) == 0) return cand;
   return dir + "/qva_cobalt.so";
 }
@@ -81,6 +84,7 @@ int main(int argc, char **argv) {
   {
     qva::Interp in;
     in.set_args(script_args);
+    in.set_library_dir(qva::shipped_library(exe_dir(), QVA_INSTALL_ROUTINE_DIR));
     // The baseline is a freshly reset session: a module may keep state that
     // a reset makes anew.
     if (check_leaks) qvahost::reset_session();

@@ -1,24 +1,24 @@
 // session.cpp - script files and the interactive prompt.
 #include "session.h"
 
-#include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include "lineedit.h"
 #include "parser.h"
+#include "source_files.h"
 
 namespace qva {
 
 bool run_file(Interp &in, const std::string &path) {
-  std::ifstream f(path, std::ios::binary);
-  if (!f) {
-    qvahost::emit("% Unable to open file: " + path + ".");
+  std::string error;
+  std::optional<std::string> text = read_source(path, &error);
+  if (!text) {
+    qvahost::emit("% Unable to open file: " + path + " (" + error + ").");
     return false;
   }
-  std::ostringstream text;
-  text << f.rdbuf();
-  return in.run_source(text.str(), path);
+  // Routines the script calls are looked for beside it first.
+  in.set_script_dir(folder_of(path));
+  return in.run_source(*text, path);
 }
 
 int run_prompt(Interp &in, const std::string &history_file) {

@@ -208,7 +208,7 @@ QVA_SDEF QVA_ObjRuntimeDefine(QVA_IDENT cls) {
   const std::string &name = ident_name(cls);
   if ((!sdef || sdef->hidden) && !classes_being_defined().count(cls)) {
     // The front end defines a class in a procedure named NAME__DEFINE.
-    if (Routine *define = routine_find_name(name + "__DEFINE", false)) {
+    if (Routine *define = routine_find_or_load(name + "__DEFINE", false)) {
       classes_being_defined().insert(cls);
       struct Done {
         QVA_IDENT id;

@@ -143,6 +143,13 @@ void define_routine(const std::string &name, bool is_function, int arg_min, int 
                     bool keywords, UserRoutine body);
 bool routine_exists(const std::string &name, bool is_function);
 
+// Asked for a routine that is not registered, before the call fails: a front
+// end may then compile it from a file and define it.  It receives the
+// upper-case name (NAME__DEFINE for the definition of class NAME) and returns
+// true when it defined something; the look-up is then made again.
+using RoutineLoader = std::function<bool(const std::string &name, bool is_function)>;
+void set_routine_loader(RoutineLoader loader);
+
 // Keywords of a QVA_KW_ARGS block as given (for user routines).
 Keywords keywords_of(QVA_KW_ARGS *argk);
 

@@ -1,7 +1,13 @@
 # Runs one script through qva with the leak check; all it printed (standard
 # output and error, in order) must equal the expected file.
 #   -DQVA=... -DSCRIPT=... -DEXPECTED=... -DEXPECT_RC=... -DWORKDIR=...
+#   [-DQVA_PATH=...]  the search path for routines found by file name
 file(MAKE_DIRECTORY ${WORKDIR})
+if(DEFINED QVA_PATH)
+  set(ENV{QVA_PATH} ${QVA_PATH})
+else()
+  unset(ENV{QVA_PATH})
+endif()
 execute_process(COMMAND ${QVA} --check-leaks ${SCRIPT}
                 WORKING_DIRECTORY ${WORKDIR}
                 OUTPUT_VARIABLE out ERROR_VARIABLE out RESULT_VARIABLE rc)
