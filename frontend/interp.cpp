@@ -4,6 +4,7 @@
 #include <cctype>
 #include <iostream>
 
+#include "interrupt.h"
 #include "parser.h"
 
 namespace qva {
@@ -195,7 +196,7 @@ QVA_VPTR Interp::invoke(const RoutineDef &def, int argc, QVA_VPTR argv[], QVA_KW
 // ----------------------------------------------------------- statements
 
 bool Interp::handle_catch(Frame &f, const qvahost::HostError &e) {
-  if (!f.catch_armed) return false;
+  if (!f.catch_armed || interrupting_) return false;
   f.catch_armed = false;
   last_error_ = e;
   site_ = {};
@@ -251,6 +252,7 @@ bool Interp::run_source(const std::string &source, const std::string &file, int 
     return false;
   }
   site_ = {};
+  interrupting_ = false;
   try {
     run_program(program, file);
     return true;
@@ -262,9 +264,16 @@ bool Interp::run_source(const std::string &source, const std::string &file, int 
 }
 
 void Interp::report(const qvahost::HostError &e, const std::string &file) {
-  qvahost::emit(e.report());
   std::string where = site_.set ? base_name(site_.file) : base_name(file);
   std::string routine = site_.set && !site_.routine.empty() ? site_.routine : "$MAIN$";
+  if (interrupting_) {
+    interrupting_ = false;
+    qvahost::emit("% Interrupted at: " + routine + ", " + where + " line " +
+                  std::to_string(site_.line));
+    site_ = {};
+    return;
+  }
+  qvahost::emit(e.report());
   if (site_.set)
     qvahost::emit("% Execution halted at: " + routine + ", " + where + " line " +
                   std::to_string(site_.line));
@@ -296,6 +305,13 @@ Interp::Flow Interp::exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &l
                           size_t index) {
   f.line = s.line;
   try {
+    // Ctrl-C at the prompt: the running statement ends as an error that no
+    // CATCH takes, back to the prompt.
+    if (interrupt_pending()) {
+      take_interrupt();
+      interrupting_ = true;
+      qvahost::raise_error("Interrupted.");
+    }
     switch (s.kind) {
       case Stmt::Eval:
         eval(f, *s.value);
@@ -323,7 +339,12 @@ Interp::Flow Interp::exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &l
         Val obj = eval(f, *s.object);
         CallArgs a;
         build_args(f, s.args, a);
-        qvahost::call_method_procedure(obj.get(), s.name, a.positional, a.keywords);
+        try {
+          qvahost::call_method_procedure(obj.get(), s.name, a.positional, a.keywords);
+        } catch (const qvahost::HostError &) {
+          check_method_kind(obj.get(), s.name, false, *s.object, s.text);
+          throw;
+        }
         return Flow::Next;
       }
       case Stmt::If: {

@@ -121,8 +121,17 @@ class Interp {
   Val eval_array(Frame &f, const Expr &e);
   Val eval_struct(Frame &f, const Expr &e);
   Val eval_call(Frame &f, const Expr &e);
-  Val eval_field(const Expr &e, Val base);
+  Val eval_field(Frame &f, const Expr &e, Val base);
   Val eval_deref(Frame &f, const Expr &e);
+  // The heap variable of object `obj` (written `base` in the source) whose
+  // `field` the running routine reads or writes: refused outside the
+  // methods of the object's class chain.
+  // After a failed method call: when the object's class chain has `method`
+  // only as the other kind (function for procedure or the reverse), raises
+  // the error that says how to call it.
+  void check_method_kind(QVA_VPTR obj, const std::string &method, bool as_function,
+                         const Expr &object, const std::string &spelling);
+  QVA_HVPTR instance_data(Frame &f, QVA_VPTR obj, const Expr &base, const std::string &field);
   std::vector<QVA_MEMINT> indices(Frame &f, const std::vector<Index> &ix, QVA_MEMINT n,
                                   bool *scalar);
   std::vector<QVA_MEMINT> call_indices(Frame &f, const std::vector<Arg> &args, QVA_MEMINT n,
@@ -142,6 +151,8 @@ class Interp {
   Val pass(Frame &f, const Expr &e);
 
   Interp *previous_ = nullptr;
+  // Set while the error that unwinds is a Ctrl-C: no CATCH takes it.
+  bool interrupting_ = false;
   std::string script_dir_ = ".";
   std::string library_dir_;
  public:

@@ -23,7 +23,9 @@ const char kUsage[] =
     "  --no-module     load no module\n"
     "  --check-leaks   at exit, reset the session and fail unless the host's accounting\n"
     "                  is back where it was at start-up\n"
-    "  -h, --help      show this text\n";
+    "  -h, --help      show this text\n"
+    "exit status: 0 done, 1 stopped on an uncaught error, 2 bad usage or no module,\n"
+    "             3 leak check failed, 4 both an uncaught error and a failed leak check\n";
 
 std::string exe_dir() {
   char buf[PATH_MAX];
@@ -103,6 +105,7 @@ int main(int argc, char **argv) {
         std::cerr << "% Leak check failed:\n  start: " << qvahost::to_string(start)
                   << "\n  end:   " << qvahost::to_string(end) << std::endl;
         if (status == 0) status = 3;
+        else if (status == 1) status = 4;
       }
     }
   }

@@ -180,6 +180,17 @@ std::vector<std::pair<std::string, QVA_MEMINT>> struct_fields(QVA_SDEF sdef);
 QVA_MEMINT struct_length(QVA_SDEF sdef);
 QVA_SDEF struct_super(QVA_SDEF sdef);
 
+// The methods an object of class `cls` answers: for each name and kind, the
+// definition a call resolves to (the one nearest `cls` up its chain).  The
+// class's own first, then each superclass's; by name within a class.
+struct MethodInfo {
+  std::string name;      // METHOD, upper case
+  std::string cls;       // the class that defines it
+  bool is_function = false;
+  bool native = false;   // registered by a module, not written in QVA
+};
+std::vector<MethodInfo> class_methods(QVA_SDEF cls);
+
 // ------------------------------------------------------ elements, fields
 
 // A structure field as a front end sees it: its type, its structure
