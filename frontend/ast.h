@@ -51,7 +51,7 @@ struct Expr {
   int line = 0;
   std::string name;  // variable, routine, tag, method, structure name
   std::string op;
-  std::string text;
+  std::string text;  // a string literal; a variable's or a method's name as written
   int64_t ival = 0;
   int itype = QVA_TYP_LONG;
   double dval = 0;
@@ -100,7 +100,7 @@ struct Stmt {
   std::string name;   // routine or method; loop variable
   std::string name2;  // FOREACH index variable
   std::string op;
-  std::string text;
+  std::string text;   // executive command; a method's name as written
   ExprPtr target, value, cond, lo, hi, step, object;
   std::vector<Arg> args;
   std::vector<StmtPtr> body;

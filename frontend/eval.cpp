@@ -110,11 +110,16 @@ Val Interp::apply_link(Frame &f, const Expr &e, Val left) {
       return Val::temp(qvahost::element_values(left.get(), idx, scalar));
     }
     case Expr::Field:
-      return eval_field(e, std::move(left));
+      return eval_field(f, e, std::move(left));
     case Expr::Method: {
       CallArgs a;
       build_args(f, e.args, a);
-      return Val::temp(qvahost::call_method_function(left.get(), e.name, a.positional, a.keywords));
+      try {
+        return Val::temp(qvahost::call_method_function(left.get(), e.name, a.positional, a.keywords));
+      } catch (const qvahost::HostError &) {
+        check_method_kind(left.get(), e.name, true, *e.kids[0], e.text);
+        throw;
+      }
     }
     default:  // not a link
       return eval_node(f, e);
@@ -282,9 +287,9 @@ Val Interp::eval_call(Frame &f, const Expr &e) {
   return Val::temp(qvahost::call_function(e.name, a.positional, a.keywords));
 }
 
-Val Interp::eval_field(const Expr &e, Val base) {
+Val Interp::eval_field(Frame &f, const Expr &e, Val base) {
   if (base->type == QVA_TYP_OBJREF) {
-    QVA_HVPTR hv = heap_of_ptr(base.get(), true);
+    QVA_HVPTR hv = instance_data(f, base.get(), *e.kids[0], e.name);
     return Val::temp(qvahost::field_value(&hv->var, 0, e.name));
   }
   if (!(base->flags & QVA_V_STRUCT))
@@ -301,6 +306,44 @@ Val Interp::eval_field(const Expr &e, Val base) {
   Val result = Val::temp(out);
   for (QVA_MEMINT i = 0; i < n; ++i) qvahost::store_elements(out, {i}, parts[static_cast<size_t>(i)].get());
   return result;
+}
+
+void Interp::check_method_kind(QVA_VPTR obj, const std::string &method, bool as_function,
+                               const Expr &object, const std::string &spelling) {
+  if (method.find("::") != std::string::npos || obj->type != QVA_TYP_OBJREF || !is_scalar(obj))
+    return;
+  QVA_HVPTR hv = QVA_HeapVarHashFind(obj->value.hvid);
+  if (!hv || !(hv->flags & QVA_HV_OBJECT) || !(hv->var.flags & QVA_V_STRUCT)) return;
+  bool called = false, other = false;
+  for (const qvahost::MethodInfo &m : qvahost::class_methods(hv->var.value.s.sdef)) {
+    if (m.name != method) continue;
+    (m.is_function == as_function ? called : other) = true;
+  }
+  // Only when the method itself is missing: an error raised inside it
+  // stays as it was.
+  if (called || !other) return;
+  std::string target = object.kind == Expr::Var && !object.text.empty() ? object.text : "obj";
+  std::string name = spelling.empty() ? method : spelling;
+  if (as_function)
+    qvahost::raise_error(method + " is a procedure method: call it as " + target + "->" + name +
+                         ", ...");
+  qvahost::raise_error(method + " is a function method: call it as " + target + "->" + name + "()");
+}
+
+QVA_HVPTR Interp::instance_data(Frame &f, QVA_VPTR obj, const Expr &base,
+                                const std::string &field) {
+  QVA_HVPTR hv = heap_of_ptr(obj, true);
+  // Only a method of the object's class, or of a class it inherits, sees
+  // the object's fields.
+  size_t sep = f.routine.find("::");
+  if (sep != std::string::npos && (hv->var.flags & QVA_V_STRUCT)) {
+    std::string method_class = f.routine.substr(0, sep);
+    for (QVA_SDEF c = hv->var.value.s.sdef; c; c = qvahost::struct_super(c))
+      if (qvahost::struct_name(c) == method_class) return hv;
+  }
+  std::string label = base.kind == Expr::Var ? base.name : "<Expression>";
+  qvahost::raise_error("Object instance data is not visible outside class methods: " + label +
+                       "." + field + ".");
 }
 
 Val Interp::eval_deref(Frame &f, const Expr &e) {
@@ -420,7 +463,7 @@ void Interp::assign(Frame &f, const Expr &target, Val value) {
       if (dst->type == QVA_TYP_UNDEF)
         undefined_var(base.kind == Expr::Var ? base.name : "<Expression>");
       if (dst->type == QVA_TYP_OBJREF) {
-        QVA_HVPTR hv = heap_of_ptr(dst, true);
+        QVA_HVPTR hv = instance_data(f, dst, base, target.name);
         qvahost::store_field(&hv->var, 0, target.name, value.get());
         return;
       }

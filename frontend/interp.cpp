@@ -4,6 +4,7 @@
 #include <cctype>
 #include <iostream>
 
+#include "interrupt.h"
 #include "parser.h"
 
 namespace qva {
@@ -54,6 +55,9 @@ Interp::Interp() {
   g_current = this;
   register_builtins();
   qvahost::set_gc_root_hook([this](const qvahost::RootVisitor &visit) { visit_roots(visit); });
+  qvahost::set_routine_loader([](const std::string &name, bool) {
+    return current_interp().load_routine(name);
+  });
 }
 
 Interp::~Interp() {
@@ -63,6 +67,7 @@ Interp::~Interp() {
     qvahost::set_gc_root_hook([back](const qvahost::RootVisitor &visit) { back->visit_roots(visit); });
   } else {
     qvahost::set_gc_root_hook(nullptr);
+    qvahost::set_routine_loader(nullptr);
   }
 }
 
@@ -188,7 +193,7 @@ QVA_VPTR Interp::invoke(const RoutineDef &def, int argc, QVA_VPTR argv[], QVA_KW
 // ----------------------------------------------------------- statements
 
 bool Interp::handle_catch(Frame &f, const qvahost::HostError &e) {
-  if (!f.catch_armed || out_of_steps()) return false;
+  if (!f.catch_armed || out_of_steps() || interrupting_) return false;
   f.catch_armed = false;
   last_error_ = e;
   site_ = {};
@@ -244,6 +249,7 @@ bool Interp::run_source(const std::string &source, const std::string &file, int 
     return false;
   }
   site_ = {};
+  interrupting_ = false;
   try {
     run_program(program, file);
     return true;
@@ -255,9 +261,16 @@ bool Interp::run_source(const std::string &source, const std::string &file, int 
 }
 
 void Interp::report(const qvahost::HostError &e, const std::string &file) {
-  qvahost::emit(e.report());
   std::string where = site_.set ? base_name(site_.file) : base_name(file);
   std::string routine = site_.set && !site_.routine.empty() ? site_.routine : "$MAIN$";
+  if (interrupting_) {
+    interrupting_ = false;
+    qvahost::emit("% Interrupted at: " + routine + ", " + where + " line " +
+                  std::to_string(site_.line));
+    site_ = {};
+    return;
+  }
+  qvahost::emit(e.report());
   if (site_.set)
     qvahost::emit("% Execution halted at: " + routine + ", " + where + " line " +
                   std::to_string(site_.line));
@@ -285,22 +298,19 @@ void Interp::exec_catch(Frame &f, const Stmt &s, const std::vector<StmtPtr> &lis
   QVA_VarCopy(zero.get(), lookup_or_create(f, var->name));
 }
 
-void Interp::exec_command(const std::string &text) {
-  std::string cmd = text;
-  for (char &c : cmd) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  if (cmd == ".RESET" || cmd == ".RESET_SESSION" || cmd == ".FULL_RESET_SESSION") {
-    qvahost::reset_session();
-    return;
-  }
-  qvahost::raise_error("Unknown executive command: " + text + ".");
-}
-
 Interp::Flow Interp::exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &list,
                           size_t index) {
   f.line = s.line;
   try {
     if (step_limit_ != 0 && ++steps_ > step_limit_)
       qvahost::raise_error("Statement budget of " + std::to_string(step_limit_) + " exhausted.");
+    // Ctrl-C at the prompt: the running statement ends as an error that no
+    // CATCH takes, back to the prompt.
+    if (interrupt_pending()) {
+      take_interrupt();
+      interrupting_ = true;
+      qvahost::raise_error("Interrupted.");
+    }
     switch (s.kind) {
       case Stmt::Eval:
         eval(f, *s.value);
@@ -328,7 +338,12 @@ Interp::Flow Interp::exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &l
         Val obj = eval(f, *s.object);
         CallArgs a;
         build_args(f, s.args, a);
-        qvahost::call_method_procedure(obj.get(), s.name, a.positional, a.keywords);
+        try {
+          qvahost::call_method_procedure(obj.get(), s.name, a.positional, a.keywords);
+        } catch (const qvahost::HostError &) {
+          check_method_kind(obj.get(), s.name, false, *s.object, s.text);
+          throw;
+        }
         return Flow::Next;
       }
       case Stmt::If: {

@@ -93,6 +93,19 @@ class Interp {
   const qvahost::HostError &last_error() const { return last_error_; }
   void define_routine(std::shared_ptr<RoutineDef> def);
 
+  // Routines found by file name (routine_loading.cpp).  The script's
+  // folder comes first on the search path ("." at the prompt), the shipped
+  // library last.
+  void set_script_dir(std::string dir) { script_dir_ = std::move(dir); }
+  void set_library_dir(std::string dir) { library_dir_ = std::move(dir); }
+  std::vector<std::string> search_path() const;
+  // Defines the routines of a source file (with `announce`, saying so);
+  // with `run_main`, then runs its main-level statements.  A file that
+  // cannot be read or parsed raises a HostError.
+  void compile_file(const std::string &path, bool run_main, bool announce);
+  // The host's routine loader: compiles name.pro from the search path.
+  bool load_routine(const std::string &name);
+
   // Variables of a frame.
   QVA_VPTR lookup(Frame &f, const std::string &name);
   QVA_VPTR lookup_or_create(Frame &f, const std::string &name);
@@ -116,8 +129,17 @@ class Interp {
   Val eval_array(Frame &f, const Expr &e);
   Val eval_struct(Frame &f, const Expr &e);
   Val eval_call(Frame &f, const Expr &e);
-  Val eval_field(const Expr &e, Val base);
+  Val eval_field(Frame &f, const Expr &e, Val base);
   Val eval_deref(Frame &f, const Expr &e);
+  // The heap variable of object `obj` (written `base` in the source) whose
+  // `field` the running routine reads or writes: refused outside the
+  // methods of the object's class chain.
+  // After a failed method call: when the object's class chain has `method`
+  // only as the other kind (function for procedure or the reverse), raises
+  // the error that says how to call it.
+  void check_method_kind(QVA_VPTR obj, const std::string &method, bool as_function,
+                         const Expr &object, const std::string &spelling);
+  QVA_HVPTR instance_data(Frame &f, QVA_VPTR obj, const Expr &base, const std::string &field);
   std::vector<QVA_MEMINT> indices(Frame &f, const std::vector<Index> &ix, QVA_MEMINT n,
                                   bool *scalar);
   std::vector<QVA_MEMINT> call_indices(Frame &f, const std::vector<Arg> &args, QVA_MEMINT n,
@@ -140,6 +162,10 @@ class Interp {
 
   Interp *previous_ = nullptr;
   uint64_t step_limit_ = 0, steps_ = 0;
+  // Set while the error that unwinds is a Ctrl-C: no CATCH takes it.
+  bool interrupting_ = false;
+  std::string script_dir_ = ".";
+  std::string library_dir_;
  public:
   // Runs a routine written in QVA (the body the host calls).
   QVA_VPTR invoke(const RoutineDef &def, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk);

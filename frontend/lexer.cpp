@@ -52,6 +52,7 @@ class Lexer {
         size_t b = pos_;
         while (pos_ < s_.size() && ident_char(s_[pos_])) ++pos_;
         push(Tok::Ident, upper(s_.substr(b, pos_ - b)));
+        out_.back().spelling = s_.substr(b, pos_ - b);
       } else if (c == '!' && pos_ + 1 < s_.size() && ident_start(s_[pos_ + 1])) {
         size_t b = ++pos_;
         while (pos_ < s_.size() && ident_char(s_[pos_])) ++pos_;

@@ -29,6 +29,7 @@ enum class Tok {
 struct Token {
   Tok kind = Tok::End;
   std::string text;
+  std::string spelling;  // a name as written, for messages that quote it
   int line = 0;
   int64_t ival = 0;
   int int_type = 0;  // QVA_TYP_BYTE, INT, LONG or LONG64

@@ -11,6 +11,7 @@
 
 #include "interp.h"
 #include "session.h"
+#include "source_files.h"
 
 namespace {
 
@@ -22,7 +23,9 @@ const char kUsage[] =
     "  --no-module     load no module\n"
     "  --check-leaks   at exit, reset the session and fail unless the host's accounting\n"
     "                  is back where it was at start-up\n"
-    "  -h, --help      show this text\n";
+    "  -h, --help      show this text\n"
+    "exit status: 0 done, 1 stopped on an uncaught error, 2 bad usage or no module,\n"
+    "             3 leak check failed, 4 both an uncaught error and a failed leak check\n";
 
 std::string exe_dir() {
   char buf[PATH_MAX];
@@ -36,7 +39,9 @@ std::string exe_dir() {
 std::string default_module() {
   if (const char *env = std::getenv("QVA_MODULE"); env && *env) return env;
   std::string dir = exe_dir();
-  for (const std::string &cand : {dir + "/qva_cobalt.so", dir + "/../qva_cobalt.so"})
+  // Beside qva in the build tree; in the module folder of an installed tree.
+  for (const std::string &cand : {dir + "/qva_cobalt.so", dir + "/../qva_cobalt.so",
+                                  dir + "/../" QVA_INSTALL_MODULE_DIR "/qva_cobalt.so"})
     if (access(cand.c_str(), R_OK) == 0) return cand;
   return dir + "/qva_cobalt.so";
 }
@@ -81,6 +86,7 @@ int main(int argc, char **argv) {
   {
     qva::Interp in;
     in.set_args(script_args);
+    in.set_library_dir(qva::shipped_library(exe_dir(), QVA_INSTALL_ROUTINE_DIR));
     // The baseline is a freshly reset session: a module may keep state that
     // a reset makes anew.
     if (check_leaks) qvahost::reset_session();
@@ -99,6 +105,7 @@ int main(int argc, char **argv) {
         std::cerr << "% Leak check failed:\n  start: " << qvahost::to_string(start)
                   << "\n  end:   " << qvahost::to_string(end) << std::endl;
         if (status == 0) status = 3;
+        else if (status == 1) status = 4;
       }
     }
   }

@@ -203,6 +203,7 @@ class Parser {
     if (e->kind == Expr::MethodRef) {
       auto s = std::make_unique<Stmt>(Stmt::MethodCall, line);
       s->name = e->name;
+      s->text = e->text;
       s->object = std::move(e->kids[0]);
       if (is_op(",")) {
         advance();
@@ -474,6 +475,7 @@ class Parser {
         e = std::move(f);
       } else if (is_op("->")) {
         advance();
+        std::string spelling = at(Tok::Ident) ? cur().spelling : "";
         std::string name = ident("a method name");
         if (is_op("::")) {
           advance();
@@ -482,6 +484,7 @@ class Parser {
         bool call = is_op("(");
         auto m = std::make_unique<Expr>(call ? Expr::Method : Expr::MethodRef, e->line);
         m->name = name;
+        m->text = spelling;
         m->kids.push_back(std::move(e));
         if (call) {
           advance();
@@ -553,6 +556,7 @@ class Parser {
           fail("an expression is missing");
         auto e = node(Expr::Var);
         e->name = t.text;
+        e->text = t.spelling;
         advance();
         if (is_op("(")) {
           advance();

@@ -28,7 +28,7 @@ void check_arguments(const std::vector<QVA_VPTR> &args, const Keywords &kw) {
 
 Routine &named_routine(const std::string &name, bool is_function) {
   std::string upper = upper_name(name);
-  Routine *r = routine_find_name(upper, is_function);
+  Routine *r = routine_find_or_load(upper, is_function);
   if (!r) {
     if (is_function) raise_fmt(M_UNDEF_FUNC, "Attempt to call undefined function: '%s'.", upper.c_str());
     raise_fmt(M_UNDEF_PROC, "Attempt to call undefined procedure: '%s'.", upper.c_str());
@@ -196,7 +196,7 @@ int QVA_InterpCallFromSysproc(QVA_CALL_RECORD *rec) {
   if (rec->kind > 1) raise_fmt(M_BAD_ARG, "Call record of unknown kind %d.", rec->kind);
   bool is_function = rec->kind == 1;
   if (!rec->name) raise(M_BAD_IDENT, "Invalid identifier: ''.");
-  Routine *r = routine_find(rec->name, is_function);
+  Routine *r = routine_find_or_load(ident_name(rec->name), is_function);
   if (!r) {
     const char *name = ident_name(rec->name).c_str();
     if (is_function) raise_fmt(M_UNDEF_FUNC, "Attempt to call undefined function: '%s'.", name);

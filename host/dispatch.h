@@ -19,6 +19,11 @@ namespace qvahost {
 
 // A registered routine by its upper-case name; nullptr when none.
 Routine *routine_find_name(std::string_view name, bool is_function);
+// The same, after asking the routine loader (if any) to define it.
+Routine *routine_find_or_load(const std::string &name, bool is_function);
+// The methods registered for class `cls` (upper case): CLS::NAME, of one
+// kind, by name.
+std::vector<const Routine *> class_routines(const std::string &cls, bool is_function);
 // The class part of a method name "CLASS::METHOD"; empty for a plain name.
 std::string_view method_class_of(std::string_view routine_name);
 

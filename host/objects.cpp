@@ -2,8 +2,10 @@
 // inheritance, its methods are routines named CLASS::METHOD.  Method
 // resolution walks the class chain upward and is cached until routines are
 // added.  Object creation runs INIT, destruction runs CLEANUP.
+#include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <set>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -202,13 +204,33 @@ int QVA_ObjContainsClassByStr(QVA_SDEF cls, const char *name, int, int, int acti
   return class_chain_has(cls, name) ? 1 : 0;
 }
 
+std::vector<MethodInfo> qvahost::class_methods(QVA_SDEF cls) {
+  std::vector<MethodInfo> out;
+  std::set<std::pair<std::string, bool>> seen;  // overridden further down the chain
+  for (QVA_SDEF c = cls; c; c = c->super) {
+    if (c->name_str.empty()) continue;
+    std::vector<MethodInfo> own;
+    for (bool is_function : {false, true})
+      for (const Routine *r : class_routines(c->name_str, is_function)) {
+        std::string name = r->name_str.substr(r->class_len + 2);
+        if (seen.insert({name, is_function}).second)
+          own.push_back({name, c->name_str, is_function, r->native != nullptr});
+      }
+    std::sort(own.begin(), own.end(), [](const MethodInfo &a, const MethodInfo &b) {
+      return a.name != b.name ? a.name < b.name : a.is_function < b.is_function;
+    });
+    out.insert(out.end(), own.begin(), own.end());
+  }
+  return out;
+}
+
 QVA_SDEF QVA_ObjRuntimeDefine(QVA_IDENT cls) {
   if (!cls) raise(M_CLASS_UNKNOWN, "Class not defined: <none>.");
   QVA_SDEF sdef = sdef_find(cls);
   const std::string &name = ident_name(cls);
   if ((!sdef || sdef->hidden) && !classes_being_defined().count(cls)) {
     // The front end defines a class in a procedure named NAME__DEFINE.
-    if (Routine *define = routine_find_name(name + "__DEFINE", false)) {
+    if (Routine *define = routine_find_or_load(name + "__DEFINE", false)) {
       classes_being_defined().insert(cls);
       struct Done {
         QVA_IDENT id;

@@ -147,6 +147,13 @@ void define_routine(const std::string &name, bool is_function, int arg_min, int 
                     bool keywords, UserRoutine body);
 bool routine_exists(const std::string &name, bool is_function);
 
+// Asked for a routine that is not registered, before the call fails: a front
+// end may then compile it from a file and define it.  It receives the
+// upper-case name (NAME__DEFINE for the definition of class NAME) and returns
+// true when it defined something; the look-up is then made again.
+using RoutineLoader = std::function<bool(const std::string &name, bool is_function)>;
+void set_routine_loader(RoutineLoader loader);
+
 // Keywords of a QVA_KW_ARGS block as given (for user routines).
 Keywords keywords_of(QVA_KW_ARGS *argk);
 
@@ -176,6 +183,17 @@ std::string struct_name(QVA_SDEF sdef);
 std::vector<std::pair<std::string, QVA_MEMINT>> struct_fields(QVA_SDEF sdef);
 QVA_MEMINT struct_length(QVA_SDEF sdef);
 QVA_SDEF struct_super(QVA_SDEF sdef);
+
+// The methods an object of class `cls` answers: for each name and kind, the
+// definition a call resolves to (the one nearest `cls` up its chain).  The
+// class's own first, then each superclass's; by name within a class.
+struct MethodInfo {
+  std::string name;      // METHOD, upper case
+  std::string cls;       // the class that defines it
+  bool is_function = false;
+  bool native = false;   // registered by a module, not written in QVA
+};
+std::vector<MethodInfo> class_methods(QVA_SDEF cls);
 
 // ------------------------------------------------------ elements, fields
 

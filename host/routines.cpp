@@ -154,6 +154,33 @@ Routine *routine_find_name(std::string_view name, bool is_function) {
   return it == table.end() ? nullptr : it->second.get();
 }
 
+namespace {
+RoutineLoader &routine_loader() {
+  static RoutineLoader loader;
+  return loader;
+}
+}  // namespace
+
+void set_routine_loader(RoutineLoader loader) { routine_loader() = std::move(loader); }
+
+Routine *routine_find_or_load(const std::string &name, bool is_function) {
+  if (Routine *r = routine_find_name(name, is_function)) return r;
+  // A copy: the loader may replace itself while it runs.
+  RoutineLoader loader = routine_loader();
+  if (!loader || !loader(name, is_function)) return nullptr;
+  return routine_find_name(name, is_function);
+}
+
+std::vector<const Routine *> class_routines(const std::string &cls, bool is_function) {
+  std::string prefix = cls + "::";
+  RoutineTable &table = registry().table(is_function);
+  std::vector<const Routine *> out;
+  for (auto it = table.lower_bound(prefix);
+       it != table.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it)
+    out.push_back(it->second.get());
+  return out;
+}
+
 Routine *routine_find(QVA_IDENT name, bool is_function) {
   if (name == 0) return nullptr;
   return routine_find_name(ident_name(name), is_function);

@@ -29,8 +29,19 @@ struct Corrupt {
   std::string why;
 };
 struct OutOfMemory {};
+// A sound file whose class layout disagrees with the definition in force.
+struct Conflict {
+  std::string why;
+};
 
 [[noreturn]] void corrupt(const std::string &why) { throw Corrupt{why}; }
+
+// A field's type as a message shows it: LONG, STRING[4], structure NAME.
+std::string shape(int type, QVA_MEMINT n_elts, const std::string &sub) {
+  std::string s = type == QVA_TYP_STRUCT ? "structure " + (sub.empty() ? "<anonymous>" : sub)
+                                         : std::string(type_name(type));
+  return n_elts > 1 ? s + "[" + std::to_string(n_elts) + "]" : s;
+}
 
 bool scalar_type(int t) {
   switch (t) {
@@ -83,6 +94,9 @@ class Restorer {
   Restorer(const uint8_t *data, size_t size) : r_(data, size), data_(data), size_(size) {}
   void check(bool verify_checksum);
   std::vector<std::string> commit();
+  // Saved fields the definitions in force have no place for (CLASS.FIELD):
+  // their values are not restored.
+  const std::vector<std::string> &dropped() const { return dropped_; }
 
  private:
   enum Mode { kCheck, kBuild };
@@ -106,6 +120,7 @@ class Restorer {
   savefile::IdRemap ids_;
   std::vector<QVA_HVID> made_heap_;
   std::vector<QVA_VARIABLE> staged_;
+  std::vector<std::string> dropped_;
 };
 
 void Restorer::read_dims(int *n_dim, QVA_MEMINT *dims, QVA_MEMINT *n_elts, uint64_t elt_min) {
@@ -196,12 +211,18 @@ void Restorer::resolve(SavedSdef &sd) {
   if (!sd.live) return;
   for (const SavedTag &t : sd.all) {
     const TagInfo *live = sdef_tag(sd.live, t.name.c_str());
-    if (!live) continue;
+    if (!live) {
+      dropped_.push_back(sd.name + "." + t.name);
+      continue;
+    }
     bool same = live->type == t.type && live->n_elts == t.n_elts;
     if (same && t.type == QVA_TYP_STRUCT) same = sdefs_[t.sub].live == live->sdef;
     if (!same)
-      corrupt("structure " + sd.name + " conflicts with the definition in force (field " +
-              t.name + ")");
+      throw Conflict{"field " + t.name + " of " + sd.name + " is " +
+                     shape(t.type, t.n_elts, t.type == QVA_TYP_STRUCT ? sdefs_[t.sub].name : "") +
+                     " in the file but " +
+                     shape(live->type, live->n_elts, live->sdef ? live->sdef->name_str : "") +
+                     " in the definition in force"};
   }
 }
 
@@ -442,7 +463,13 @@ std::vector<std::string> restore_from_bytes(const uint8_t *data, size_t size,
   Restorer restorer(data, size);
   try {
     restorer.check(verify_checksum);
-    return restorer.commit();
+    std::vector<std::string> restored = restorer.commit();
+    for (const std::string &field : restorer.dropped())
+      message(M_GENERIC, QVA_MSG_INFO,
+              "Saved field " + field + " has no place in the definition in force: not restored.");
+    return restored;
+  } catch (const Conflict &c) {
+    raise_fmt(M_BAD_ARG, "Unable to restore: %s.", c.why.c_str());
   } catch (const Corrupt &c) {
     raise_fmt(M_BAD_ARG, "Save file is corrupt: %s.", c.why.c_str());
   } catch (const savefile::Truncated &) {

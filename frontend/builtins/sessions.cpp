@@ -30,7 +30,15 @@ void help_fields(Interp &in, QVA_SDEF sd, QVA_VPTR holder) {
   }
 }
 
-void help(Interp &in, int argc, QVA_VPTR argv[]) {
+// The methods an object answers, nearest definition first: its kind, its
+// name, the class that defines it and whether a module or QVA code does.
+void help_methods(Interp &in, QVA_SDEF cls) {
+  for (const qvahost::MethodInfo &m : qvahost::class_methods(cls))
+    in.print("   " + pad(m.is_function ? "FUNCTION" : "PRO", 9) + pad(m.name, 20) + m.cls +
+             (m.native ? " (native)" : " (QVA)"));
+}
+
+void help(Interp &in, int argc, QVA_VPTR argv[], bool methods) {
   if (argc == 0) {
     Frame &f = in.frame();
     std::vector<std::pair<std::string, QVA_VPTR>> vars;
@@ -51,6 +59,11 @@ void help(Interp &in, int argc, QVA_VPTR argv[]) {
       std::string line = "** Object class " + qvahost::struct_name(cls);
       QVA_SDEF super = qvahost::struct_super(cls);
       if (super) line += ", inherits " + qvahost::struct_name(super);
+      if (methods) {
+        in.print(line + ", methods:");
+        help_methods(in, cls);
+        continue;
+      }
       in.print(line + ", fields:");
       help_fields(in, cls, &QVA_HeapVarHashFind(v->value.hvid)->var);
     } else if ((v->flags & QVA_V_STRUCT) && qvahost::element_count(v) == 1) {
@@ -96,8 +109,8 @@ std::vector<Builtin> session_builtins() {
   return {
       {"HELP", false, 0, kManyArgs, true,
        [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-         take_keywords("HELP", argk, {"OBJECTS"});
-         help(current_interp(), argc, argv);
+         auto kw = take_keywords("HELP", argk, {"OBJECTS", "METHODS"});
+         help(current_interp(), argc, argv, keyword_set(kw[1]));
          return static_cast<QVA_VPTR>(nullptr);
        }},
       {"MESSAGE", false, 1, 1, true,

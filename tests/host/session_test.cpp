@@ -266,12 +266,23 @@ TEST_F(SessionTest, ChangedStructureDefinitionMatchesFieldsByName) {
   Set("PT", t);
   std::vector<uint8_t> bytes = qvahost::save_variables_to_bytes({"PT"});
   Rename(bytes, "SESSION_PTA", "SESSION_PTB");
-  Restore(bytes);
+  {
+    // The saved X has no place in the definition in force: said, not
+    // dropped silently.
+    qvatest::OutputCapture out;
+    Restore(bytes);
+    EXPECT_NE(out.all().find("Saved field SESSION_PTB.X has no place in the definition in force"),
+              std::string::npos)
+        << out.all();
+  }
   ASSERT_EQ(Var("PT")->value.s.sdef, later);
   EXPECT_EQ(At<QVA_LONG>(*Var("PT"), "Y"), 6);
   EXPECT_EQ(At<double>(*Var("PT"), "Z"), 0.0);
+  // A field whose type changed is named; the file is not called corrupt.
   Rename(bytes, "SESSION_PTB", "SESSION_PTC");
-  EXPECT_NE(ExpectHostError([&] { Restore(bytes); }).text.find("SESSION_PTC"), std::string::npos);
+  EXPECT_EQ(ExpectHostError([&] { Restore(bytes); }).text,
+            "Unable to restore: field X of SESSION_PTC is LONG in the file but STRING in the "
+            "definition in force.");
   EXPECT_EQ(Var("PT")->value.s.sdef, later) << "a refused restore changes nothing";
 }
 

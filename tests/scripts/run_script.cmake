@@ -2,7 +2,13 @@
 # output and error, in order) must equal the expected file.
 #   -DQVA=... -DSCRIPT=... -DEXPECTED=... -DEXPECT_RC=... -DWORKDIR=...
 #   -DULIMIT="-s 256" (optional): the shell's resource limit to run under
+#   [-DQVA_PATH=...]  the search path for routines found by file name
 file(MAKE_DIRECTORY ${WORKDIR})
+if(DEFINED QVA_PATH)
+  set(ENV{QVA_PATH} ${QVA_PATH})
+else()
+  unset(ENV{QVA_PATH})
+endif()
 if(ULIMIT)
   set(command sh -c "ulimit ${ULIMIT} && exec \"$0\" --check-leaks \"$1\"" ${QVA} ${SCRIPT})
 else()
