@@ -12,7 +12,7 @@
 
 #include "ast.h"
 #include "qva_host.h"
-#include "values.h"
+#include "arrays.h"
 
 namespace qva {
 
@@ -97,6 +97,7 @@ class Interp {
   Flow exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &list, size_t index);
   Flow exec_for(Frame &f, const Stmt &s);
   Flow exec_foreach(Frame &f, const Stmt &s);
+  Flow exec_case(Frame &f, const Stmt &s, const std::vector<StmtPtr> &list, size_t index);
   void exec_catch(Frame &f, const Stmt &s, const std::vector<StmtPtr> &list, size_t index);
   void exec_command(const std::string &text);
   bool handle_catch(Frame &f, const qvahost::HostError &e);
@@ -110,10 +111,9 @@ class Interp {
   Val eval_call(Frame &f, const Expr &e);
   Val eval_field(const Expr &e, Val base);
   Val eval_deref(Frame &f, const Expr &e);
-  std::vector<QVA_MEMINT> indices(Frame &f, const std::vector<Index> &ix, QVA_MEMINT n,
-                                  bool *scalar);
-  std::vector<QVA_MEMINT> call_indices(Frame &f, const std::vector<Arg> &args, QVA_MEMINT n,
-                                       bool *scalar);
+  // Subscripts evaluated: a[...] and a(...) on a variable.
+  std::vector<Subscript> subscripts(Frame &f, const std::vector<Index> &ix);
+  std::vector<Subscript> call_subscripts(Frame &f, const std::vector<Arg> &args);
   void assign(Frame &f, const Expr &target, Val value);
   void store_back(Frame &f, const Expr &base, Val copy);
   QVA_VPTR addressable(Frame &f, const Expr &e);
