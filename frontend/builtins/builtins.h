@@ -28,6 +28,7 @@ constexpr int kManyArgs = 64;
 
 // The tables of the themes.
 std::vector<Builtin> array_builtins();
+std::vector<Builtin> number_builtins();
 std::vector<Builtin> string_builtins();
 std::vector<Builtin> object_builtins();
 std::vector<Builtin> session_builtins();
