@@ -2,6 +2,8 @@
 // concatenation for the evaluator and the built-ins.
 #include "arrays.h"
 
+#include <cfloat>
+#include <cmath>
 #include <cstring>
 
 #include "qva_host.h"
@@ -54,6 +56,12 @@ int64_t real_to_int(double d) {
 
 }  // namespace
 
+float to_float(double d) {
+  if (d > FLT_MAX) return HUGE_VALF;  // beyond FLOAT: infinite, as the hardware rounds
+  if (d < -FLT_MAX) return -HUGE_VALF;
+  return static_cast<float>(d);
+}
+
 int64_t get_int(int type, const char *p) {
   switch (type) {
     case QVA_TYP_BYTE: return static_cast<unsigned char>(*p);
@@ -96,7 +104,7 @@ void put_real(int type, char *p, double v) {
   if (type == QVA_TYP_DOUBLE) {
     std::memcpy(p, &v, 8);
   } else if (type == QVA_TYP_FLOAT) {
-    float f = static_cast<float>(v);
+    float f = to_float(v);
     std::memcpy(p, &f, 4);
   } else {
     put_int(type, p, real_to_int(v));

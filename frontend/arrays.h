@@ -34,6 +34,8 @@ int64_t get_int(int type, const char *p);
 double get_real(int type, const char *p);
 void put_int(int type, char *p, int64_t v);
 void put_real(int type, char *p, double v);
+// A double as FLOAT: out-of-range values become infinities.
+float to_float(double d);
 
 // ------------------------------------------------------------ shapes
 

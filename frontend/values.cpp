@@ -294,8 +294,8 @@ Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
     if (real) {
       double p = get_real(x.type, xe(i)), q = get_real(y.type, ye(i)), v = 0;
       if (rt == QVA_TYP_FLOAT) {  // FLOAT operands as the type holds them
-        p = static_cast<float>(p);
-        q = static_cast<float>(q);
+        p = to_float(p);
+        q = to_float(q);
       }
       if (op == "+") v = p + q;
       else if (op == "-") v = p - q;

@@ -2,6 +2,7 @@
 // truncation toward zero, refusing values out of the target's range),
 // strings to numbers by parsing the whole text, numbers to strings, and
 // QVA_CvtLng.
+#include <cfloat>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -145,7 +146,8 @@ void convert_elt(int from, const void *src, int to, void *dst) {
                                      : read_number(from, src);
   if (is_real_type(to)) {
     double d = n.is_int ? static_cast<double>(n.i) : n.d;
-    if (to == QVA_TYP_FLOAT) *static_cast<float *>(dst) = static_cast<float>(d);
+    if (to == QVA_TYP_FLOAT)  // beyond FLOAT's range: an infinity
+      *static_cast<float *>(dst) = d > FLT_MAX ? HUGE_VALF : d < -FLT_MAX ? -HUGE_VALF : static_cast<float>(d);
     else *static_cast<double *>(dst) = d;
     return;
   }

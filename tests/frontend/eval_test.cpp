@@ -159,6 +159,9 @@ TEST_F(Eval, FloatComputesInSinglePrecisionAndPromotes) {
                 "FIX(-2.5), [1.5, 2] GT 1.75"),
             "FLOAT DOUBLE      -2   0   1\n");
   EXPECT_EQ(Run("FOR f = 0.0, 1, 0.5 DO PRINT, f"), "      0.00000\n     0.500000\n      1.00000\n");
+  // Beyond FLOAT's range: infinities, from a literal, a conversion or arithmetic.
+  EXPECT_EQ(Run("PRINT, 1e39, FLOAT('-1e40'), 3e38 * 10, FLOAT(1d300)"),
+            "          Inf         -Inf          Inf          Inf\n");
 }
 
 TEST_F(Eval, CaseAndSwitchRunTheirBranchesInLoopsAndRoutines) {
