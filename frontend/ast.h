@@ -22,16 +22,17 @@ struct Arg {
   ExprPtr value;        // null for /KEY
 };
 
-// One subscript: a[i], a[i:j], a[i:*], a[*].
+// One subscript (of one dimension): a[i], a[i:j], a[i:*], a[i:j:step], a[*].
 struct Index {
   enum Kind { Single, Range, All } kind = Single;
   ExprPtr lo, hi;  // hi null with Range: up to the end
+  ExprPtr stride;  // null: 1
 };
 
 struct Expr {
   enum Kind {
     Int,        // ival, itype
-    Real,       // dval
+    Real,       // dval, itype (FLOAT or DOUBLE)
     Str,        // text
     Var,        // name
     SysVar,     // name (!NULL, !ERROR_STATE, ...)
@@ -94,6 +95,7 @@ struct Stmt {
     Continue,
     Return,       // value may be null
     Exec,         // executive command; text
+    Case,         // CASE or SWITCH (name) cond OF labels[i]: body[i] ... ENDCASE
   };
   Kind kind;
   int line = 0;
@@ -104,6 +106,7 @@ struct Stmt {
   ExprPtr target, value, cond, lo, hi, step, object;
   std::vector<Arg> args;
   std::vector<StmtPtr> body;
+  std::vector<ExprPtr> labels;  // Case: one a branch; null for ELSE
 
   Stmt(Kind k, int l) : kind(k), line(l) {}
 };

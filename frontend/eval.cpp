@@ -1,4 +1,5 @@
 // eval.cpp - expressions, calls and assignment.
+#include <algorithm>
 #include <cstring>
 
 #include "interp.h"
@@ -50,22 +51,42 @@ bool same_fields(QVA_SDEF sd, const std::vector<qvahost::FieldSpec> &specs) {
   return true;
 }
 
-// The element positions a subscript value names in an array of n
-// elements: each element of the value as an integer; a scalar counts from
-// the end when negative.
-std::vector<QVA_MEMINT> subscripts_of(QVA_VPTR v, QVA_MEMINT n, bool *scalar) {
+// A subscript given by a value: its elements as positions (a scalar
+// subscript, or an array whose shape a lone subscript gives the result).
+Subscript value_subscript(QVA_VPTR v) {
+  if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Variable is undefined: subscript.");
   Val l = Val::temp(qvahost::convert_value(v, QVA_TYP_LONG64));
   QVA_MEMINT count = qvahost::element_count(l.get());
   char *data = nullptr;
   QVA_VarGetData(l.get(), nullptr, &data, 1);
-  std::vector<QVA_MEMINT> out;
-  for (QVA_MEMINT i = 0; i < count; ++i) {
-    int64_t k;
-    std::memcpy(&k, data + i * 8, 8);
-    if (is_scalar(v) && k < 0) k += n;
-    out.push_back(k);
-  }
-  *scalar = is_scalar(v);
+  Subscript s;
+  s.kind = Subscript::Values;
+  s.values.resize(static_cast<size_t>(count));
+  if (count) std::memcpy(s.values.data(), data, static_cast<size_t>(count) * 8);
+  s.scalar = is_scalar(v);
+  s.value_dims = dims_of(v);
+  return s;
+}
+
+// How deeply array literals nest in a literal: 1 for [1, 2], 2 for
+// [[1, 2], [3, 4]].  Bounded by the parser's nesting limit.
+int bracket_depth(const Expr &e) {
+  int inner = 0;
+  for (const ExprPtr &k : e.kids)
+    if (k->kind == Expr::Array) inner = std::max(inner, bracket_depth(*k));
+  return inner + 1;
+}
+
+// The name of what is subscripted, for error messages.
+std::string subject_name(const Expr &e) {
+  return e.kind == Expr::Var || e.kind == Expr::Call ? e.name : "<Expression>";
+}
+
+// The elements of `base` a selection names: a scalar, or an array of the
+// selection's shape.
+Val selected(QVA_VPTR base, const Selection &sel) {
+  Val out = Val::temp(qvahost::element_values(base, sel.flat, sel.scalar));
+  if (!sel.scalar && sel.dims.size() > 1) reshape(out.get(), sel.dims);
   return out;
 }
 
@@ -105,9 +126,8 @@ Val Interp::apply_link(Frame &f, const Expr &e, Val left) {
       return binary_op(e.op, left.get(), b.get());
     }
     case Expr::Subscript: {
-      bool scalar = false;
-      auto idx = indices(f, e.indices, qvahost::element_count(left.get()), &scalar);
-      return Val::temp(qvahost::element_values(left.get(), idx, scalar));
+      Selection sel = select(dims_of(left.get()), subscripts(f, e.indices), subject_name(*e.kids[0]));
+      return selected(left.get(), sel);
     }
     case Expr::Field:
       return eval_field(f, e, std::move(left));
@@ -139,8 +159,11 @@ Val Interp::eval_node(Frame &f, const Expr &e) {
       }
       return v;
     }
-    case Expr::Real:
-      return Val::temp(qvahost::make_double(e.dval));
+    case Expr::Real: {
+      Val v = make_array(e.itype, {});
+      put_real(e.itype, data_of(v.get()), e.dval);
+      return v;
+    }
     case Expr::Str:
       return Val::temp(qvahost::make_string(e.text));
     case Expr::Var: {
@@ -184,7 +207,12 @@ Val Interp::eval_node(Frame &f, const Expr &e) {
 
 Val Interp::eval_sysvar(const Expr &e) {
   if (e.name == "NULL") return undefined_value();
-  if (e.name == "PI" || e.name == "DPI") return Val::temp(qvahost::make_double(3.14159265358979323846));
+  if (e.name == "PI" || e.name == "DPI") {
+    int type = e.name == "PI" ? QVA_TYP_FLOAT : QVA_TYP_DOUBLE;
+    Val v = make_array(type, {});
+    put_real(type, data_of(v.get()), 3.14159265358979323846);
+    return v;
+  }
   if (e.name == "ERROR_STATE") {
     if (!error_state_sdef_)
       error_state_sdef_ = qvahost::define_struct(
@@ -203,41 +231,19 @@ Val Interp::eval_sysvar(const Expr &e) {
   qvahost::raise_error("Not a legal system variable: !" + e.name + ".");
 }
 
+// [a, b] joins along the first dimension, [[a], [b]] along the second:
+// a literal joins along the dimension of its bracket depth.
 Val Interp::eval_array(Frame &f, const Expr &e) {
+  int depth = 0;
+  for (const ExprPtr &k : e.kids)
+    if (k->kind == Expr::Array) depth = std::max(depth, bracket_depth(*k));
   std::vector<Val> parts;
-  int type = QVA_TYP_UNDEF;
-  QVA_SDEF sdef = nullptr;
-  QVA_MEMINT total = 0;
+  std::vector<QVA_VPTR> defined;
   for (const ExprPtr &k : e.kids) {
-    Val v = eval(f, *k);
-    if (v->type == QVA_TYP_UNDEF) continue;  // !NULL adds nothing
-    int t = v->type;
-    if (type == QVA_TYP_UNDEF) {
-      type = t;
-      if (t == QVA_TYP_STRUCT) sdef = v->value.s.sdef;
-    } else if (numeric_rank(type) && numeric_rank(t)) {
-      if (numeric_rank(t) > numeric_rank(type)) type = t;
-    } else if (type != t || (t == QVA_TYP_STRUCT && v->value.s.sdef != sdef)) {
-      qvahost::raise_error(std::string("Unable to concatenate variables of type ") +
-                           qvahost::type_name(type) + " and " + qvahost::type_name(t) + ".");
-    }
-    total += qvahost::element_count(v.get());
-    parts.push_back(std::move(v));
+    parts.push_back(eval(f, *k));
+    if (parts.back()->type != QVA_TYP_UNDEF) defined.push_back(parts.back().get());  // !NULL adds nothing
   }
-  if (type == QVA_TYP_UNDEF) return undefined_value();
-  QVA_VPTR out = nullptr;
-  if (type == QVA_TYP_STRUCT) QVA_MakeTempStructVector(sdef, total, &out, 1);
-  else QVA_MakeTempVector(type, total, 1, &out);
-  Val result = Val::temp(out);
-  QVA_MEMINT at = 0;
-  for (Val &p : parts) {
-    QVA_MEMINT n = qvahost::element_count(p.get());
-    std::vector<QVA_MEMINT> idx(static_cast<size_t>(n));
-    for (QVA_MEMINT i = 0; i < n; ++i) idx[static_cast<size_t>(i)] = at + i;
-    qvahost::store_elements(out, idx, p.get());
-    at += n;
-  }
-  return result;
+  return concatenate(defined, depth);
 }
 
 Val Interp::eval_struct(Frame &f, const Expr &e) {
@@ -278,9 +284,8 @@ Val Interp::eval_call(Frame &f, const Expr &e) {
   for (const Arg &a : e.args) has_kw |= !a.keyword.empty();
   QVA_VPTR v = has_kw ? nullptr : lookup(f, e.name);
   if (v && v->type != QVA_TYP_UNDEF && !e.args.empty()) {
-    bool scalar = false;
-    auto idx = call_indices(f, e.args, qvahost::element_count(v), &scalar);
-    return Val::temp(qvahost::element_values(v, idx, scalar));
+    Selection sel = select(dims_of(v), call_subscripts(f, e.args), e.name);
+    return selected(v, sel);
   }
   CallArgs a;
   build_args(f, e.args, a);
@@ -354,42 +359,39 @@ Val Interp::eval_deref(Frame &f, const Expr &e) {
   return Val::ref(&hv->var);
 }
 
-std::vector<QVA_MEMINT> Interp::indices(Frame &f, const std::vector<Index> &ix, QVA_MEMINT n,
-                                        bool *scalar) {
-  const Index &x = ix.at(0);
-  std::vector<QVA_MEMINT> out;
-  *scalar = false;
+std::vector<Subscript> Interp::subscripts(Frame &f, const std::vector<Index> &ix) {
   auto scalar_index = [&](const Expr &ex) {
     Val v = eval(f, ex);
     if (!is_scalar(v.get())) qvahost::raise_error("Range subscripts must be scalars.");
-    return static_cast<QVA_MEMINT>(qvahost::integer_value(Val::temp(qvahost::convert_value(v.get(), QVA_TYP_LONG64)).get()));
+    return static_cast<QVA_MEMINT>(
+        qvahost::integer_value(Val::temp(qvahost::convert_value(v.get(), QVA_TYP_LONG64)).get()));
   };
-  if (x.kind == Index::All) {
-    for (QVA_MEMINT i = 0; i < n; ++i) out.push_back(i);
-    return out;
+  std::vector<Subscript> out;
+  for (const Index &x : ix) {
+    Subscript s;
+    if (x.kind == Index::Range) {
+      s.kind = Subscript::Range;
+      s.lo = scalar_index(*x.lo);
+      s.open_hi = !x.hi;
+      if (x.hi) s.hi = scalar_index(*x.hi);
+      if (x.stride) s.stride = scalar_index(*x.stride);
+    } else if (x.kind == Index::Single) {
+      Val v = eval(f, *x.lo);
+      s = value_subscript(v.get());
+    }
+    out.push_back(std::move(s));
   }
-  if (x.kind == Index::Range) {
-    QVA_MEMINT lo = scalar_index(*x.lo);
-    QVA_MEMINT hi = x.hi ? scalar_index(*x.hi) : n - 1;
-    if (lo < 0) lo += n;
-    if (hi < 0) hi += n;
-    if (lo > hi || lo < 0 || hi >= n)
-      qvahost::raise_error("Subscript range values of the form low:high must be >= 0, < size, with low <= high.");
-    for (QVA_MEMINT i = lo; i <= hi; ++i) out.push_back(i);
-    return out;
-  }
-  Val v = eval(f, *x.lo);
-  return subscripts_of(v.get(), n, scalar);
+  return out;
 }
 
-std::vector<QVA_MEMINT> Interp::call_indices(Frame &f, const std::vector<Arg> &args, QVA_MEMINT n,
-                                             bool *scalar) {
-  if (args.size() != 1) qvahost::raise_error("Only one-dimensional subscripts are supported.");
-  std::vector<Index> ix(1);
-  // The argument expression is borrowed for the moment: Index owns its
-  // expressions, so evaluate directly instead.
-  Val v = eval(f, *args[0].value);
-  return subscripts_of(v.get(), n, scalar);
+std::vector<Subscript> Interp::call_subscripts(Frame &f, const std::vector<Arg> &args) {
+  if (args.size() > QVA_MAX_ARRAY_DIM) qvahost::raise_error("Too many subscripts.");
+  std::vector<Subscript> out;
+  for (const Arg &a : args) {
+    Val v = eval(f, *a.value);
+    out.push_back(value_subscript(v.get()));
+  }
+  return out;
 }
 
 // ------------------------------------------------------------ assignment
@@ -444,11 +446,23 @@ void Interp::assign(Frame &f, const Expr &target, Val value) {
       }
       if (dst->type == QVA_TYP_UNDEF)
         undefined_var(base.kind == Expr::Var || base.kind == Expr::Call ? base.name : "<Expression>");
-      bool scalar = false;
-      auto idx = target.kind == Expr::Subscript
-                     ? indices(f, target.indices, qvahost::element_count(dst), &scalar)
-                     : call_indices(f, target.args, qvahost::element_count(dst), &scalar);
-      qvahost::store_elements(dst, idx, value.get());
+      Selection sel = select(dims_of(dst),
+                             target.kind == Expr::Subscript ? subscripts(f, target.indices)
+                                                            : call_subscripts(f, target.args),
+                             subject_name(base));
+      QVA_MEMINT m = qvahost::element_count(value.get());
+      if (sel.scalar && m > 1) {
+        // a[i] = array: the array goes in from position i on.
+        QVA_MEMINT at = sel.flat[0];
+        if (at + m > qvahost::element_count(dst))
+          qvahost::raise_error("Out of range subscript encountered: " + subject_name(base) + ".");
+        sel.flat.clear();
+        for (QVA_MEMINT i = 0; i < m; ++i) sel.flat.push_back(at + i);
+      } else if (m != 1 && m != static_cast<QVA_MEMINT>(sel.flat.size())) {
+        qvahost::raise_error("Array subscript for " + subject_name(base) +
+                             " must have same size as source expression.");
+      }
+      qvahost::store_elements(dst, sel.flat, value.get());
       if (copy) store_back(f, base, std::move(copy));
       return;
     }

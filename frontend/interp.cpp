@@ -397,6 +397,8 @@ Interp::Flow Interp::exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &l
       case Stmt::Exec:
         exec_command(s.text);
         return Flow::Next;
+      case Stmt::Case:
+        return exec_case(f, s, list, index);
     }
   } catch (const qvahost::HostError &) {
     if (!site_.set) site_ = {true, f.routine, f.file, s.line};
@@ -412,8 +414,8 @@ Interp::Flow Interp::exec_for(Frame &f, const Stmt &s) {
   if (!is_scalar(lo.get()) || !is_numeric_type(lo->type) || !is_scalar(hi.get()) ||
       !is_numeric_type(hi->type) || !is_scalar(step.get()) || !is_numeric_type(step->type))
     qvahost::raise_error("FOR loop limits must be numeric scalars.");
-  bool real = lo->type == QVA_TYP_DOUBLE || step->type == QVA_TYP_DOUBLE;
-  int type = lo->type;
+  bool real = is_real_type(lo->type) || is_real_type(step->type);
+  int type = is_real_type(lo->type) || !real ? lo->type : step->type;
   double dlo = qvahost::double_value(lo.get()), dhi = qvahost::double_value(hi.get());
   double dstep = qvahost::double_value(step.get());
   if (dstep == 0) qvahost::raise_error("FOR loop increment is zero.");
@@ -427,12 +429,44 @@ Interp::Flow Interp::exec_for(Frame &f, const Stmt &s) {
       break;
     }
     Val v = real ? Val::temp(qvahost::make_double(dv)) : Val::temp(qvahost::make_long64(iv));
-    if (!real && type != QVA_TYP_LONG64) v = Val::temp(qvahost::convert_value(v.get(), type));
+    if (type != (real ? QVA_TYP_DOUBLE : QVA_TYP_LONG64)) v = Val::temp(qvahost::convert_value(v.get(), type));
     QVA_VarCopy(v.get(), lookup_or_create(f, s.name));
     static const std::vector<StmtPtr> none;
     Flow flow = exec(f, *s.body[0], none, 0);
     if (flow == Flow::Break) break;
     if (flow == Flow::Return) return flow;
+  }
+  return Flow::Next;
+}
+
+// CASE runs the first branch whose label equals the value (none at all
+// is an error); SWITCH runs from the first match on until a BREAK.  BREAK
+// ends either; CONTINUE and RETURN go on to the enclosing loop or routine.
+Interp::Flow Interp::exec_case(Frame &f, const Stmt &s, const std::vector<StmtPtr> &list,
+                               size_t index) {
+  bool is_switch = s.name == "SWITCH";
+  Val value = eval(f, *s.cond);
+  if (!is_scalar(value.get()) && qvahost::element_count(value.get()) != 1)
+    qvahost::raise_error("Expression must be a scalar in this context.");
+  size_t first = s.labels.size();
+  for (size_t i = 0; i < s.labels.size() && first == s.labels.size(); ++i) {
+    if (!s.labels[i]) {
+      first = i;
+      break;
+    }
+    Val label = eval(f, *s.labels[i]);
+    Val same = binary_op("EQ", value.get(), label.get());
+    if (qvahost::element_count(same.get()) == 1 && nonzero(same.get())) first = i;
+  }
+  if (first == s.labels.size()) {
+    if (!is_switch) qvahost::raise_error("CASE statement found no matches.");
+    return Flow::Next;
+  }
+  size_t last = is_switch ? s.body.size() : first + 1;
+  for (size_t i = first; i < last; ++i) {
+    Flow flow = exec(f, *s.body[i], list, index);
+    if (flow == Flow::Break) return Flow::Next;
+    if (flow != Flow::Next) return flow;
   }
   return Flow::Next;
 }

@@ -13,7 +13,7 @@
 
 #include "ast.h"
 #include "qva_host.h"
-#include "values.h"
+#include "arrays.h"
 
 namespace qva {
 
@@ -118,6 +118,7 @@ class Interp {
   Flow exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &list, size_t index);
   Flow exec_for(Frame &f, const Stmt &s);
   Flow exec_foreach(Frame &f, const Stmt &s);
+  Flow exec_case(Frame &f, const Stmt &s, const std::vector<StmtPtr> &list, size_t index);
   void exec_catch(Frame &f, const Stmt &s, const std::vector<StmtPtr> &list, size_t index);
   void exec_command(const std::string &text);
   bool handle_catch(Frame &f, const qvahost::HostError &e);
@@ -140,10 +141,9 @@ class Interp {
   void check_method_kind(QVA_VPTR obj, const std::string &method, bool as_function,
                          const Expr &object, const std::string &spelling);
   QVA_HVPTR instance_data(Frame &f, QVA_VPTR obj, const Expr &base, const std::string &field);
-  std::vector<QVA_MEMINT> indices(Frame &f, const std::vector<Index> &ix, QVA_MEMINT n,
-                                  bool *scalar);
-  std::vector<QVA_MEMINT> call_indices(Frame &f, const std::vector<Arg> &args, QVA_MEMINT n,
-                                       bool *scalar);
+  // Subscripts evaluated: a[...] and a(...) on a variable.
+  std::vector<Subscript> subscripts(Frame &f, const std::vector<Index> &ix);
+  std::vector<Subscript> call_subscripts(Frame &f, const std::vector<Arg> &args);
   void assign(Frame &f, const Expr &target, Val value);
   void store_back(Frame &f, const Expr &base, Val copy);
   QVA_VPTR addressable(Frame &f, const Expr &e);

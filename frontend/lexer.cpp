@@ -107,7 +107,7 @@ class Lexer {
 
   void number() {
     size_t b = pos_;
-    bool real = false;
+    bool real = false, dbl = false;
     while (pos_ < s_.size() && std::isdigit(static_cast<unsigned char>(s_[pos_]))) ++pos_;
     // A '.' belongs to the number unless an operator word follows (1.EQ).
     if (pos_ < s_.size() && s_[pos_] == '.' &&
@@ -125,17 +125,20 @@ class Lexer {
       if (p < s_.size() && std::isdigit(static_cast<unsigned char>(s_[p]))) {
         while (p < s_.size() && std::isdigit(static_cast<unsigned char>(s_[p]))) ++p;
         digits += 'e' + s_.substr(pos_ + 1, p - pos_ - 1);
+        dbl = s_[pos_] == 'd' || s_[pos_] == 'D';
         pos_ = p;
         real = true;
       } else if (p == pos_ + 1 && (s_[pos_] == 'd' || s_[pos_] == 'D') &&
                  (p >= s_.size() || !ident_char(s_[p]))) {
         ++pos_;  // 1d, 1.5D: a DOUBLE
-        real = true;
+        real = dbl = true;
       }
     }
     if (real) {
+      // 1.5 and 1e3 are FLOAT; a D exponent (1.5d, 1d3) makes a DOUBLE.
       push(Tok::Real, digits);
       out_.back().dval = std::strtod(digits.c_str(), nullptr);
+      out_.back().int_type = dbl ? QVA_TYP_DOUBLE : QVA_TYP_FLOAT;
       return;
     }
     int type = QVA_TYP_LONG;
@@ -185,7 +188,7 @@ class Lexer {
   void op() {
     static const char *const kOps[] = {"->", "::", "&&", "||", "+=", "-=", "*=", "/=", "+", "-",
                                        "*",  "/",  "^",  "=",  "(",  ")",  "[",  "]",  "{", "}",
-                                       ",",  ":",  ".",  "~",  "&",  "?"};
+                                       ",",  ":",  ".",  "~",  "&",  "?",  "<",  ">"};
     for (const char *o : kOps) {
       size_t n = std::char_traits<char>::length(o);
       if (s_.compare(pos_, n, o) == 0) {

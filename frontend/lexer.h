@@ -20,7 +20,7 @@ enum class Tok {
   Ident,      // name (upper case)
   SysVar,     // !NAME (upper case, without '!')
   Integer,    // integer literal; int_type gives its type code
-  Real,       // real literal (DOUBLE)
+  Real,       // real literal; int_type gives FLOAT or DOUBLE
   String,     // string literal
   Exec,       // .COMMAND rest-of-line (text holds the whole line)
   Op,         // operator or punctuation; text holds it
@@ -32,7 +32,7 @@ struct Token {
   std::string spelling;  // a name as written, for messages that quote it
   int line = 0;
   int64_t ival = 0;
-  int int_type = 0;  // QVA_TYP_BYTE, INT, LONG or LONG64
+  int int_type = 0;  // QVA_TYP_BYTE, INT, LONG or LONG64; FLOAT or DOUBLE
   double dval = 0;
 };
 

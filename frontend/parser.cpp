@@ -7,7 +7,7 @@
 //   ~                (logical not, prefix)
 //   AND OR XOR
 //   EQ NE LT LE GT GE
-//   + -
+//   + - < >          (< and > give the lesser and the greater)
 //   * / MOD
 //   - + NOT          (prefix)
 //   ^                (right-associative)
@@ -174,7 +174,7 @@ class Parser {
         return s;
       }
       if (w == "PRO" || w == "FUNCTION") fail("a definition inside a statement");
-      if (w == "CASE" || w == "SWITCH") fail(w + " is not supported; use IF");
+      if (w == "CASE" || w == "SWITCH") return case_statement();
       // name, args   or   name alone: a procedure call
       if (peek().kind != Tok::Op || peek().text == ",") {
         if (peek().kind == Tok::Op || peek().kind == Tok::Newline || peek().kind == Tok::Amp ||
@@ -261,6 +261,35 @@ class Parser {
         return s;
       }
       s->body.push_back(statement());
+      if (!is_end_word()) end_of_statement();
+    }
+  }
+
+  // CASE x OF  label: statement  ...  ELSE: statement  ENDCASE (SWITCH
+  // alike, ending in ENDSWITCH).
+  StmtPtr case_statement() {
+    auto s = make(Stmt::Case);
+    s->name = advance().text;
+    s->cond = expression();
+    expect_word("OF");
+    for (;;) {
+      skip_separators();
+      if (at(Tok::End)) fail(s->name + " without END" + s->name);
+      if (is_end_word()) {
+        advance();
+        return s;
+      }
+      if (is_word("ELSE") && peek().kind == Tok::Op && peek().text == ":") {
+        advance();
+        s->labels.push_back(nullptr);
+      } else {
+        s->labels.push_back(expression());
+      }
+      expect_op(":");
+      if (at(Tok::Newline) || at(Tok::Amp))  // an empty branch
+        s->body.push_back(std::make_unique<Stmt>(Stmt::Block, cur().line));
+      else
+        s->body.push_back(statement());
       if (!is_end_word()) end_of_statement();
     }
   }
@@ -407,7 +436,7 @@ class Parser {
 
   ExprPtr additive() {
     ExprPtr e = multiplicative();
-    while (is_op("+") || is_op("-")) {
+    while (is_op("+") || is_op("-") || is_op("<") || is_op(">")) {
       std::string op = advance().text;
       e = binary(op, std::move(e), multiplicative());
     }
@@ -512,13 +541,17 @@ class Parser {
           ix.kind = Index::Range;
           if (is_op("*")) advance();
           else ix.hi = expression();
+          if (is_op(":")) {
+            advance();
+            ix.stride = expression();
+          }
         }
       }
       out.push_back(std::move(ix));
       if (!is_op(",")) break;
       advance();
     }
-    if (out.size() > 1) fail("only one-dimensional subscripts are supported");
+    if (out.size() > QVA_MAX_ARRAY_DIM) fail("more than 8 subscripts");
     return out;
   }
 
@@ -535,6 +568,7 @@ class Parser {
       case Tok::Real: {
         auto e = node(Expr::Real);
         e->dval = t.dval;
+        e->itype = t.int_type;
         advance();
         return e;
       }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "arrays.h"
 #include "qva_host.h"
 
 namespace qva {
@@ -46,101 +47,8 @@ Val undefined_value() { return Val::temp(QVA_Gettmp()); }
 
 bool is_scalar(QVA_VPTR v) { return !(v->flags & QVA_V_NOT_SCALAR); }
 
-int numeric_rank(int type) {
-  switch (type) {
-    case QVA_TYP_BYTE: return 1;
-    case QVA_TYP_INT: return 2;
-    case QVA_TYP_LONG: return 3;
-    case QVA_TYP_LONG64: return 4;
-    case QVA_TYP_DOUBLE: return 5;
-    default: return 0;
-  }
-}
-
-bool is_numeric_type(int t) { return numeric_rank(t) != 0; }
-
 namespace {
 
-// Where a value's elements are.
-struct View {
-  int type = 0;
-  QVA_SDEF sdef = nullptr;
-  const char *data = nullptr;
-  QVA_MEMINT n = 0;
-  size_t size = 0;
-  bool array = false;
-};
-
-size_t elt_size(int type) {
-  switch (type) {
-    case QVA_TYP_BYTE: return 1;
-    case QVA_TYP_INT: return 2;
-    case QVA_TYP_LONG: return 4;
-    case QVA_TYP_DOUBLE: return 8;
-    case QVA_TYP_STRING: return sizeof(QVA_STRING);
-    case QVA_TYP_PTR:
-    case QVA_TYP_OBJREF: return sizeof(QVA_HVID);
-    case QVA_TYP_LONG64: return 8;
-    default: return 0;
-  }
-}
-
-View view_of(QVA_VPTR v) {
-  if (v->type == QVA_TYP_UNDEF)
-    qvahost::raise_error("Variable is undefined: " + std::string(v->name ? QVA_IdentName(v->name) : "<Expression>") + ".");
-  View w;
-  w.type = v->type;
-  char *data = nullptr;
-  QVA_VarGetData(v, &w.n, &data, 0);
-  w.data = data;
-  w.array = !is_scalar(v);
-  if (v->flags & QVA_V_STRUCT) {
-    w.sdef = v->value.s.sdef;
-    w.size = static_cast<size_t>(qvahost::struct_length(w.sdef));
-  } else {
-    w.size = elt_size(v->type);
-  }
-  return w;
-}
-
-int64_t get_i(int type, const char *p) {
-  switch (type) {
-    case QVA_TYP_BYTE: return static_cast<unsigned char>(*p);
-    case QVA_TYP_INT: { int16_t v; std::memcpy(&v, p, 2); return v; }
-    case QVA_TYP_LONG: { int32_t v; std::memcpy(&v, p, 4); return v; }
-    case QVA_TYP_LONG64: { int64_t v; std::memcpy(&v, p, 8); return v; }
-    case QVA_TYP_DOUBLE: {
-      double d;
-      std::memcpy(&d, p, 8);
-      if (!(d > -9.2e18 && d < 9.2e18)) return 0;
-      return static_cast<int64_t>(d);
-    }
-    default: return 0;
-  }
-}
-
-double get_d(int type, const char *p) {
-  if (type == QVA_TYP_DOUBLE) {
-    double d;
-    std::memcpy(&d, p, 8);
-    return d;
-  }
-  return static_cast<double>(get_i(type, p));
-}
-
-// Stores an integer, wrapping to the type's width.
-void put_i(int type, char *p, int64_t v) {
-  switch (type) {
-    case QVA_TYP_BYTE: *p = static_cast<char>(static_cast<uint8_t>(v)); break;
-    case QVA_TYP_INT: { int16_t x = static_cast<int16_t>(v); std::memcpy(p, &x, 2); break; }
-    case QVA_TYP_LONG: { int32_t x = static_cast<int32_t>(v); std::memcpy(p, &x, 4); break; }
-    case QVA_TYP_LONG64: std::memcpy(p, &v, 8); break;
-    case QVA_TYP_DOUBLE: { double d = static_cast<double>(v); std::memcpy(p, &d, 8); break; }
-    default: break;
-  }
-}
-
-void put_d(char *p, double d) { std::memcpy(p, &d, 8); }
 
 std::string str_of(const char *p) {
   QVA_STRING s;
@@ -148,24 +56,16 @@ std::string str_of(const char *p) {
   return std::string(QVA_STRING_STR(&s), static_cast<size_t>(s.slen));
 }
 
-// A new result: a scalar temporary, or a zeroed array of n elements.
+// A new result of a shape (zeroed), and where its elements go.
 struct Result {
   Val val;
   char *data = nullptr;
 };
 
-Result make_result(int type, bool array, QVA_MEMINT n) {
+Result make_result(int type, const Dims &dims) {
   Result r;
-  if (array) {
-    QVA_VPTR t = nullptr;
-    r.data = QVA_MakeTempVector(type, n, 1, &t);
-    r.val = Val::temp(t);
-  } else {
-    r.val = Val::temp(QVA_Gettmp());
-    r.val->type = static_cast<QVA_UCHAR>(type);
-    std::memset(&r.val->value, 0, sizeof r.val->value);
-    r.data = reinterpret_cast<char *>(&r.val->value);
-  }
+  r.val = make_array(type, dims);
+  r.data = data_of(r.val.get());
   return r;
 }
 
@@ -202,6 +102,16 @@ bool compare(const std::string &op, const T &a, const T &b) {
                        (ta == tb ? "" : std::string(" and ") + qvahost::type_name(tb)) + ".");
 }
 
+// A real as PRINT shows it: `digits` significant digits, trailing zeros
+// kept, right-aligned in `width`; Inf and NaN spelled as words.
+std::string real_text(double d, int width, int digits) {
+  char buf[64];
+  if (std::isnan(d)) std::snprintf(buf, sizeof buf, "%*s", width, "NaN");
+  else if (std::isinf(d)) std::snprintf(buf, sizeof buf, "%*s", width, d < 0 ? "-Inf" : "Inf");
+  else std::snprintf(buf, sizeof buf, "%#*.*g", width, digits, d);
+  return buf;
+}
+
 std::string element_text(const View &w, QVA_MEMINT i) {
   return format_element(w.type, w.sdef, w.data + static_cast<size_t>(i) * w.size);
 }
@@ -212,11 +122,12 @@ std::string format_element(int type, QVA_SDEF sdef, const void *data) {
   const char *p = static_cast<const char *>(data);
   char buf[64];
   switch (type) {
-    case QVA_TYP_BYTE: std::snprintf(buf, sizeof buf, "%4u", static_cast<unsigned>(get_i(type, p))); return buf;
-    case QVA_TYP_INT: std::snprintf(buf, sizeof buf, "%8" PRId64, get_i(type, p)); return buf;
-    case QVA_TYP_LONG: std::snprintf(buf, sizeof buf, "%12" PRId64, get_i(type, p)); return buf;
-    case QVA_TYP_LONG64: std::snprintf(buf, sizeof buf, "%22" PRId64, get_i(type, p)); return buf;
-    case QVA_TYP_DOUBLE: std::snprintf(buf, sizeof buf, "%#16.8g", get_d(type, p)); return buf;
+    case QVA_TYP_BYTE: std::snprintf(buf, sizeof buf, "%4u", static_cast<unsigned>(get_int(type, p))); return buf;
+    case QVA_TYP_INT: std::snprintf(buf, sizeof buf, "%8" PRId64, get_int(type, p)); return buf;
+    case QVA_TYP_LONG: std::snprintf(buf, sizeof buf, "%12" PRId64, get_int(type, p)); return buf;
+    case QVA_TYP_LONG64: std::snprintf(buf, sizeof buf, "%22" PRId64, get_int(type, p)); return buf;
+    case QVA_TYP_FLOAT: return real_text(get_real(type, p), 13, 6);
+    case QVA_TYP_DOUBLE: return real_text(get_real(type, p), 16, 8);
     case QVA_TYP_STRING: return str_of(p);
     case QVA_TYP_PTR: {
       QVA_HVID id;
@@ -260,10 +171,16 @@ std::string format_element(int type, QVA_SDEF sdef, const void *data) {
 std::string format_value(QVA_VPTR v) {
   if (v->type == QVA_TYP_UNDEF) return "!NULL";
   View w = view_of(v);
+  // An array of two or more dimensions shows one row (the first
+  // dimension) a line, with an empty line after each plane.
+  Dims dims = dims_of(v);
+  QVA_MEMINT row = dims.size() > 1 ? dims[0] : w.n;
+  QVA_MEMINT plane = dims.size() > 2 ? dims[0] * dims[1] : w.n;
   std::string out;
   for (QVA_MEMINT i = 0; i < w.n; ++i) {
-    if (i > 0 && (w.type == QVA_TYP_STRING || w.type == QVA_TYP_STRUCT ||
-                  w.type == QVA_TYP_PTR || w.type == QVA_TYP_OBJREF))
+    if (i > 0 && i % row == 0) out += i % plane == 0 ? "\n\n" : "\n";
+    else if (i > 0 && (w.type == QVA_TYP_STRING || w.type == QVA_TYP_STRUCT ||
+                       w.type == QVA_TYP_PTR || w.type == QVA_TYP_OBJREF))
       out += ' ';
     out += element_text(w, i);
   }
@@ -276,14 +193,14 @@ bool nonzero(QVA_VPTR v) {
   if (w.array && w.n != 1)
     qvahost::raise_error("Expression must be a scalar in this context.");
   if (w.type == QVA_TYP_STRING) return !str_of(w.data).empty();
-  if (w.type == QVA_TYP_DOUBLE) return get_d(w.type, w.data) != 0;
+  if (is_real_type(w.type)) return get_real(w.type, w.data) != 0;
   if (w.type == QVA_TYP_PTR || w.type == QVA_TYP_OBJREF) {
     QVA_HVID id;
     std::memcpy(&id, w.data, sizeof id);
     return id != 0;
   }
   if (w.type == QVA_TYP_STRUCT) qvahost::raise_error("Structure expression not allowed in this context.");
-  return get_i(w.type, w.data) != 0;
+  return get_int(w.type, w.data) != 0;
 }
 
 bool truth(QVA_VPTR v) {
@@ -291,8 +208,7 @@ bool truth(QVA_VPTR v) {
   View w = view_of(v);
   if (w.array && w.n != 1)
     qvahost::raise_error("Expression must be a scalar in this context.");
-  int r = numeric_rank(w.type);
-  if (r >= 1 && r <= 4) return (get_i(w.type, w.data) & 1) != 0;
+  if (is_integer_type(w.type)) return (get_int(w.type, w.data) & 1) != 0;
   return nonzero(v);
 }
 
@@ -305,27 +221,24 @@ Val unary_op(const std::string &op, QVA_VPTR a) {
   }
   View w = view_of(a);
   if (!numeric_rank(w.type)) bad_operands(op, w.type, w.type);
-  if (op == "NOT" && w.type == QVA_TYP_DOUBLE) {
-    Result r = make_result(QVA_TYP_DOUBLE, w.array, w.n);
-    for (QVA_MEMINT i = 0; i < w.n; ++i)
-      put_d(r.data + i * 8, get_d(w.type, w.data + i * w.size) == 0 ? 1.0 : 0.0);
-    return std::move(r.val);
-  }
-  Result r = make_result(w.type, w.array, w.n);
+  Result r = make_result(w.type, dims_of(a));
   for (QVA_MEMINT i = 0; i < w.n; ++i) {
     const char *p = w.data + i * w.size;
     char *q = r.data + i * w.size;
-    if (w.type == QVA_TYP_DOUBLE) put_d(q, -get_d(w.type, p));
-    else if (op == "-") put_i(w.type, q, s(0 - u(get_i(w.type, p))));
-    else put_i(w.type, q, ~get_i(w.type, p));
+    if (is_real_type(w.type))  // NOT of a real: 1 where it is zero
+      put_real(w.type, q, op == "-" ? -get_real(w.type, p) : get_real(w.type, p) == 0 ? 1.0 : 0.0);
+    else if (op == "-") put_int(w.type, q, s(0 - u(get_int(w.type, p))));
+    else put_int(w.type, q, ~get_int(w.type, p));
   }
   return std::move(r.val);
 }
 
 Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
   View x = view_of(a), y = view_of(b);
-  bool array = x.array || y.array;
+  // Two arrays give the shape of the shorter, an array and a scalar the
+  // array's.
   QVA_MEMINT n = x.array && y.array ? std::min(x.n, y.n) : x.array ? x.n : y.array ? y.n : 1;
+  Dims dims = x.array && (!y.array || x.n <= y.n) ? dims_of(a) : y.array ? dims_of(b) : Dims{};
   auto xe = [&](QVA_MEMINT i) { return x.data + (x.array ? i : 0) * x.size; };
   auto ye = [&](QVA_MEMINT i) { return y.data + (y.array ? i : 0) * y.size; };
   bool cmp = is_compare(op);
@@ -334,7 +247,7 @@ Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
   if (x.type == QVA_TYP_STRING || y.type == QVA_TYP_STRING) {
     if (op != "+" && !cmp) bad_operands(op, x.type, y.type);
     if (x.type == QVA_TYP_STRUCT || y.type == QVA_TYP_STRUCT) bad_operands(op, x.type, y.type);
-    Result r = make_result(cmp ? QVA_TYP_BYTE : QVA_TYP_STRING, array, n);
+    Result r = make_result(cmp ? QVA_TYP_BYTE : QVA_TYP_STRING, dims);
     for (QVA_MEMINT i = 0; i < n; ++i) {
       std::string sa = format_element(x.type, x.sdef, xe(i));
       std::string sb = format_element(y.type, y.sdef, ye(i));
@@ -352,7 +265,7 @@ Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
   if (x.type == QVA_TYP_PTR || x.type == QVA_TYP_OBJREF || y.type == QVA_TYP_PTR ||
       y.type == QVA_TYP_OBJREF) {
     if (x.type != y.type || (op != "EQ" && op != "NE")) bad_operands(op, x.type, y.type);
-    Result r = make_result(QVA_TYP_BYTE, array, n);
+    Result r = make_result(QVA_TYP_BYTE, dims);
     for (QVA_MEMINT i = 0; i < n; ++i) {
       QVA_HVID p, q;
       std::memcpy(&p, xe(i), sizeof p);
@@ -363,23 +276,27 @@ Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
   }
   if (!numeric_rank(x.type) || !numeric_rank(y.type)) bad_operands(op, x.type, y.type);
 
-  int rt = numeric_rank(x.type) >= numeric_rank(y.type) ? x.type : y.type;
-  bool real = rt == QVA_TYP_DOUBLE;
+  int rt = promote(x.type, y.type);
+  bool real = is_real_type(rt);
   if (cmp) {
-    Result r = make_result(QVA_TYP_BYTE, array, n);
+    Result r = make_result(QVA_TYP_BYTE, dims);
     for (QVA_MEMINT i = 0; i < n; ++i)
-      r.data[i] = (real ? compare(op, get_d(x.type, xe(i)), get_d(y.type, ye(i)))
-                        : compare(op, get_i(x.type, xe(i)), get_i(y.type, ye(i))))
+      r.data[i] = (real ? compare(op, get_real(x.type, xe(i)), get_real(y.type, ye(i)))
+                        : compare(op, get_int(x.type, xe(i)), get_int(y.type, ye(i))))
                       ? 1 : 0;
     return std::move(r.val);
   }
   bool logic = op == "AND" || op == "OR" || op == "XOR";
-  Result r = make_result(rt, array, n);
+  Result r = make_result(rt, dims);
   size_t rs = elt_size(rt);
   for (QVA_MEMINT i = 0; i < n; ++i) {
     char *out = r.data + i * rs;
     if (real) {
-      double p = get_d(x.type, xe(i)), q = get_d(y.type, ye(i)), v = 0;
+      double p = get_real(x.type, xe(i)), q = get_real(y.type, ye(i)), v = 0;
+      if (rt == QVA_TYP_FLOAT) {  // FLOAT operands as the type holds them
+        p = to_float(p);
+        q = to_float(q);
+      }
       if (op == "+") v = p + q;
       else if (op == "-") v = p - q;
       else if (op == "*") v = p * q;
@@ -388,11 +305,13 @@ Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
       else if (op == "^") v = std::pow(p, q);
       else if (op == "AND") v = (p != 0 && q != 0) ? q : 0;
       else if (op == "OR") v = p != 0 ? p : q;
+      else if (op == "<") v = std::isnan(p) ? q : (q < p ? q : p);
+      else if (op == ">") v = std::isnan(p) ? q : (q > p ? q : p);
       else bad_operands(op, x.type, y.type);
-      put_d(out, v);
+      put_real(rt, out, v);
       continue;
     }
-    int64_t p = get_i(x.type, xe(i)), q = get_i(y.type, ye(i)), v = 0;
+    int64_t p = get_int(x.type, xe(i)), q = get_int(y.type, ye(i)), v = 0;
     if (op == "+") v = s(u(p) + u(q));
     else if (op == "-") v = s(u(p) - u(q));
     else if (op == "*") v = s(u(p) * u(q));
@@ -402,8 +321,10 @@ Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
       else v = op == "/" ? p / q : p % q;
     } else if (op == "^") v = int_pow(p, q);
     else if (logic) v = op == "AND" ? (p & q) : op == "OR" ? (p | q) : (p ^ q);
+    else if (op == "<") v = std::min(p, q);
+    else if (op == ">") v = std::max(p, q);
     else bad_operands(op, x.type, y.type);
-    put_i(rt, out, v);
+    put_int(rt, out, v);
   }
   return std::move(r.val);
 }

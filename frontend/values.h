@@ -43,10 +43,6 @@ Val copy_of(QVA_VPTR v);
 Val undefined_value();
 
 bool is_scalar(QVA_VPTR v);
-bool is_numeric_type(int type);
-// Order of the numeric types in mixed arithmetic (BYTE 1 .. DOUBLE 5); 0
-// for any other type.
-int numeric_rank(int type);
 
 // The value of an IF/WHILE test: integers are true when odd, reals when
 // not zero, strings when not empty, references when not null.  Must be a
@@ -55,12 +51,13 @@ bool truth(QVA_VPTR v);
 // Not zero / not empty / not null (for ~, && and ||, and KEYWORD_SET).
 bool nonzero(QVA_VPTR v);
 
-// Binary operators: + - * / MOD ^ EQ NE LT LE GT GE AND OR XOR.
+// Binary operators: + - * / MOD ^ < > EQ NE LT LE GT GE AND OR XOR.
 Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b);
 // Unary operators: - NOT ~.
 Val unary_op(const std::string &op, QVA_VPTR a);
 
-// The text PRINT shows for a value (numbers in their type's width).
+// The text PRINT shows for a value (numbers in their type's width; an
+// array of two or more dimensions one row a line).
 std::string format_value(QVA_VPTR v);
 // The text of one element, as PRINT shows it.
 std::string format_element(int type, QVA_SDEF sdef, const void *data);

@@ -113,6 +113,7 @@ double double_value(QVA_VPTR v) {
     case QVA_TYP_INT:
     case QVA_TYP_LONG:
     case QVA_TYP_LONG64:
+    case QVA_TYP_FLOAT:
     case QVA_TYP_DOUBLE:
       require_scalar(v);
       return scalar_as(v, QVA_TYP_DOUBLE).d;

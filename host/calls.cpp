@@ -79,6 +79,9 @@ void memo_add(QVA_SDEF cls, const std::string &method, bool is_function, Routine
 // obj->METHOD through the object's class chain; obj->SUPER::METHOD from
 // class SUPER (which must be in the chain) upward.
 ResolvedMethod resolve_method(QVA_VPTR obj, const std::string &method, bool is_function) {
+  if (obj && obj->type == QVA_TYP_OBJREF && (obj->flags & QVA_V_ARR))
+    raise_fmt(M_NOTSCALAR, "Object reference must be scalar in this context: %s.",
+              var_label(obj).c_str());
   if (!obj || obj->type != QVA_TYP_OBJREF || (obj->flags & QVA_V_NOT_SCALAR))
     raise_fmt(M_REQOBJREF, "Object reference type required in this context: %s.",
               obj ? var_label(obj).c_str() : "<none>");

@@ -2,6 +2,7 @@
 // truncation toward zero, refusing values out of the target's range),
 // strings to numbers by parsing the whole text, numbers to strings, and
 // QVA_CvtLng.
+#include <cfloat>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -20,6 +21,8 @@ namespace {
 bool is_integer_type(int t) {
   return t == QVA_TYP_BYTE || t == QVA_TYP_INT || t == QVA_TYP_LONG || t == QVA_TYP_LONG64;
 }
+
+bool is_real_type(int t) { return t == QVA_TYP_FLOAT || t == QVA_TYP_DOUBLE; }
 
 // A number read from one element: integers exactly, doubles as they are.
 struct Number {
@@ -59,6 +62,7 @@ Number read_number(int from, const void *src) {
     case QVA_TYP_INT: return {true, *static_cast<const QVA_INT *>(src), 0};
     case QVA_TYP_LONG: return {true, *static_cast<const QVA_LONG *>(src), 0};
     case QVA_TYP_LONG64: return {true, *static_cast<const QVA_LONG64 *>(src), 0};
+    case QVA_TYP_FLOAT: return {false, 0, *static_cast<const float *>(src)};
     default: return {false, 0, *static_cast<const double *>(src)};
   }
 }
@@ -105,12 +109,14 @@ void integer_range(int to, int64_t *lo, int64_t *hi) {
   }
 }
 
-// Decimal text of a number; doubles in their shortest exact form.
+// Decimal text of a number; reals in their type's shortest exact form.
 void write_text(int from, const void *src, QVA_STRING *dst) {
   char buf[64];
   Number n = read_number(from, src);
   std::to_chars_result r = n.is_int ? std::to_chars(buf, buf + sizeof buf, n.i)
-                                    : std::to_chars(buf, buf + sizeof buf, n.d);
+                           : from == QVA_TYP_FLOAT
+                               ? std::to_chars(buf, buf + sizeof buf, static_cast<float>(n.d))
+                               : std::to_chars(buf, buf + sizeof buf, n.d);
   string_set(dst, buf, static_cast<size_t>(r.ptr - buf));
 }
 
@@ -121,7 +127,7 @@ void convert_elt(int from, const void *src, int to, void *dst) {
     std::memcpy(dst, src, type_size(from));
     return;
   }
-  bool from_number = is_integer_type(from) || from == QVA_TYP_DOUBLE;
+  bool from_number = is_integer_type(from) || is_real_type(from);
   if (to == QVA_TYP_STRING) {
     auto *out = static_cast<QVA_STRING *>(dst);
     if (from == QVA_TYP_STRING) {
@@ -135,11 +141,14 @@ void convert_elt(int from, const void *src, int to, void *dst) {
     return;
   }
   if (!from_number && from != QVA_TYP_STRING) cannot_convert(from, to);
-  if (!is_integer_type(to) && to != QVA_TYP_DOUBLE) cannot_convert(from, to);
+  if (!is_integer_type(to) && !is_real_type(to)) cannot_convert(from, to);
   Number n = from == QVA_TYP_STRING ? parse_string(static_cast<const QVA_STRING *>(src), to)
                                      : read_number(from, src);
-  if (to == QVA_TYP_DOUBLE) {
-    *static_cast<double *>(dst) = n.is_int ? static_cast<double>(n.i) : n.d;
+  if (is_real_type(to)) {
+    double d = n.is_int ? static_cast<double>(n.i) : n.d;
+    if (to == QVA_TYP_FLOAT)  // beyond FLOAT's range: an infinity
+      *static_cast<float *>(dst) = d > FLT_MAX ? HUGE_VALF : d < -FLT_MAX ? -HUGE_VALF : static_cast<float>(d);
+    else *static_cast<double *>(dst) = d;
     return;
   }
   int64_t lo, hi, v;

@@ -1,6 +1,7 @@
 // Element and field access for front ends: subscripts, structure fields
 // and conversions of whole values, with the texts and nested structures
 // inside them copied and released as the host's own copies are.
+#include <algorithm>
 #include <cstring>
 
 #include "dispatch.h"
@@ -231,6 +232,9 @@ QVA_VPTR convert_value(QVA_VPTR v, int type) {
   TempGuard out(new_array(type, nullptr, e.n));
   QVA_UCHAR *dst = array_data(out.get());
   for (QVA_MEMINT k = 0; k < e.n; ++k) convert_elt(e.type, e.data + k * e.size, type, dst + k * size);
+  const QVA_ARRAY *from = v->value.arr;  // same shape as the value converted
+  out.get()->value.arr->n_dim = from->n_dim;
+  std::copy(from->dim, from->dim + from->n_dim, out.get()->value.arr->dim);
   return out.release();
 }
 

@@ -45,7 +45,7 @@ std::string shape(int type, QVA_MEMINT n_elts, const std::string &sub) {
 
 bool scalar_type(int t) {
   switch (t) {
-    case QVA_TYP_BYTE: case QVA_TYP_INT: case QVA_TYP_LONG: case QVA_TYP_DOUBLE:
+    case QVA_TYP_BYTE: case QVA_TYP_INT: case QVA_TYP_LONG: case QVA_TYP_FLOAT: case QVA_TYP_DOUBLE:
     case QVA_TYP_STRING: case QVA_TYP_PTR: case QVA_TYP_OBJREF: case QVA_TYP_LONG64:
       return true;
     default:
@@ -228,7 +228,7 @@ void Restorer::resolve(SavedSdef &sd) {
 
 void Restorer::read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_MEMINT n) {
   switch (type) {
-    case QVA_TYP_BYTE: case QVA_TYP_INT: case QVA_TYP_LONG: case QVA_TYP_DOUBLE:
+    case QVA_TYP_BYTE: case QVA_TYP_INT: case QVA_TYP_LONG: case QVA_TYP_FLOAT: case QVA_TYP_DOUBLE:
     case QVA_TYP_LONG64: {
       size_t bytes = static_cast<size_t>(n) * type_size(type);
       const uint8_t *src = r_.skip(bytes);

@@ -138,6 +138,7 @@ void SaveSet::write_elts(Writer &w, int type, QVA_SDEF sd, const QVA_UCHAR *data
     case QVA_TYP_BYTE:
     case QVA_TYP_INT:
     case QVA_TYP_LONG:
+    case QVA_TYP_FLOAT:
     case QVA_TYP_DOUBLE:
     case QVA_TYP_LONG64:
       w.bytes(data, static_cast<size_t>(n) * type_size(type));

@@ -36,7 +36,7 @@ size_t align_of(int type, QVA_SDEF sub) {
     case QVA_TYP_INT: return 2;
     case QVA_TYP_BYTE: return 1;
     case QVA_TYP_STRUCT: return sub->align;
-    default: return 4;  // LONG, STRING, PTR, OBJREF
+    default: return 4;  // LONG, FLOAT, STRING, PTR, OBJREF
   }
 }
 

@@ -216,6 +216,7 @@ size_t type_size(int type) {
     case QVA_TYP_BYTE: return 1;
     case QVA_TYP_INT: return sizeof(QVA_INT);
     case QVA_TYP_LONG: return sizeof(QVA_LONG);
+    case QVA_TYP_FLOAT: return sizeof(float);
     case QVA_TYP_DOUBLE: return sizeof(double);
     case QVA_TYP_STRING: return sizeof(QVA_STRING);
     case QVA_TYP_PTR:
@@ -231,6 +232,7 @@ const char *type_name(int type) {
     case QVA_TYP_BYTE: return "BYTE";
     case QVA_TYP_INT: return "INT";
     case QVA_TYP_LONG: return "LONG";
+    case QVA_TYP_FLOAT: return "FLOAT";
     case QVA_TYP_DOUBLE: return "DOUBLE";
     case QVA_TYP_STRING: return "STRING";
     case QVA_TYP_STRUCT: return "STRUCT";

@@ -1,27 +1,191 @@
 // arrays.cpp - built-ins about arrays and types: element counts, SIZE,
 // ISA, type conversions, array makers.
+#include <cstring>
+#include <iterator>
+
 #include "builtins.h"
 
 namespace qva {
 
 namespace {
 
+// SIZE: [dimension count, each dimension, type code, element count], or
+// one of these by keyword.
 QVA_VPTR size_of(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   auto kw = take_keywords("SIZE", argk, {"TYPE", "N_ELEMENTS", "N_DIMENSIONS", "DIMENSIONS", "TNAME"});
   QVA_VPTR v = argc > 0 ? argv[0] : nullptr;
   int type = v ? v->type : 0;
   QVA_MEMINT n = v ? qvahost::element_count(v) : 0;
-  int ndim = v && !is_scalar(v) ? 1 : 0;
+  Dims dims = v && !is_scalar(v) ? dims_of(v) : Dims{};
+  auto ndim = static_cast<QVA_LONG>(dims.size());
   if (keyword_set(kw[0])) return qvahost::make_long(type);
   if (keyword_set(kw[1])) return qvahost::make_long(static_cast<QVA_LONG>(n));
   if (keyword_set(kw[2])) return qvahost::make_long(ndim);
-  if (keyword_set(kw[3])) return qvahost::make_long(ndim ? static_cast<QVA_LONG>(n) : 0);
-  if (keyword_set(kw[4])) return qvahost::make_string(qvahost::type_name(type));
+  if (keyword_set(kw[3])) {
+    if (dims.empty()) return qvahost::make_long(0);
+    return qvahost::make_long_array(std::vector<QVA_LONG>(dims.begin(), dims.end()));
+  }
+  if (keyword_set(kw[4])) return qvahost::make_string(type == QVA_TYP_OBJREF ? "OBJREF" : qvahost::type_name(type));
   std::vector<QVA_LONG> out{ndim};
-  if (ndim) out.push_back(static_cast<QVA_LONG>(n));
+  for (QVA_MEMINT d : dims) out.push_back(static_cast<QVA_LONG>(d));
   out.push_back(type);
   out.push_back(static_cast<QVA_LONG>(n));
   return qvahost::make_long_array(out);
+}
+
+}  // namespace
+
+Dims dims_from(int argc, QVA_VPTR argv[], int first, const char *routine, bool trim) {
+  Dims dims;
+  for (int i = first; i < argc; ++i) {
+    Val l = Val::temp(qvahost::convert_value(argv[i], QVA_TYP_LONG64));
+    View w = view_of(l.get());
+    if (w.array && argc - first > 1)
+      qvahost::raise_error(std::string(routine) + ": dimensions must be scalars or one array.");
+    for (QVA_MEMINT k = 0; k < w.n; ++k) dims.push_back(get_int(QVA_TYP_LONG64, w.data + k * 8));
+  }
+  if (dims.empty()) qvahost::raise_error(std::string("Incorrect number of arguments: ") + routine + ".");
+  if (dims.size() > QVA_MAX_ARRAY_DIM)
+    qvahost::raise_error(std::string(routine) + ": arrays have at most 8 dimensions.");
+  return trim ? trim_dims(dims) : dims;  // FLTARR(3, 1) is a vector
+}
+
+namespace {
+
+// BYTARR, FLTARR, ...: a zeroed array (an array of empty strings, null
+// references).
+Builtin array_maker(const char *name, int type) {
+  return {name, true, 1, QVA_MAX_ARRAY_DIM, true, [name, type](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+            take_keywords(name, argk, {"NOZERO"});
+            return make_array(type, dims_from(argc, argv, 0, name)).give_temp();
+          }};
+}
+
+// INDGEN, FINDGEN, ...: each element its own index, in the type.
+Val index_array(int type, const Dims &dims) {
+  Val v = make_array(type, dims);
+  char *d = data_of(v.get());
+  size_t size = elt_size(type);
+  QVA_MEMINT n = count_of(dims);
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    put_int(type, d + i * size, i);
+  }
+  return v;
+}
+
+Builtin index_maker(const char *name, int type) {
+  return {name, true, 1, QVA_MAX_ARRAY_DIM, false, [name, type](int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
+            return index_array(type, dims_from(argc, argv, 0, name)).give_temp();
+          }};
+}
+
+// MAKE_ARRAY(dims..., TYPE= or /FLOAT..., VALUE=, /INDEX, DIMENSION=).
+QVA_VPTR make_array_fn(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  static const std::vector<std::string> names = {"TYPE", "VALUE", "INDEX", "DIMENSION", "NOZERO",
+                                                 "BYTE", "INTEGER", "LONG", "L64", "FLOAT",
+                                                 "DOUBLE", "STRING", "OBJ", "PTR"};
+  static const int flag_types[] = {QVA_TYP_BYTE, QVA_TYP_INT, QVA_TYP_LONG, QVA_TYP_LONG64, QVA_TYP_FLOAT,
+                                   QVA_TYP_DOUBLE, QVA_TYP_STRING, QVA_TYP_OBJREF, QVA_TYP_PTR};
+  auto kw = take_keywords("MAKE_ARRAY", argk, names);
+  Dims dims = kw[3] ? dims_from(1, &kw[3], 0, "MAKE_ARRAY") : dims_from(argc, argv, 0, "MAKE_ARRAY");
+  int type = kw[1] && kw[1]->type != QVA_TYP_UNDEF ? kw[1]->type : QVA_TYP_FLOAT;
+  if (kw[0]) type = static_cast<int>(qvahost::integer_value(kw[0]));
+  for (size_t i = 0; i < std::size(flag_types); ++i)
+    if (keyword_set(kw[5 + i])) type = flag_types[i];
+  if (!(is_numeric_type(type) || type == QVA_TYP_STRING || type == QVA_TYP_PTR || type == QVA_TYP_OBJREF))
+    qvahost::raise_error("MAKE_ARRAY: illegal type code " + std::to_string(type) + ".");
+  if (keyword_set(kw[2]) && !is_numeric_type(type))
+    qvahost::raise_error("MAKE_ARRAY: /INDEX needs a numeric type.");
+  Val v = keyword_set(kw[2]) ? index_array(type, dims) : make_array(type, dims);
+  if (kw[1] && kw[1]->type != QVA_TYP_UNDEF) {
+    std::vector<QVA_MEMINT> all(static_cast<size_t>(count_of(dims)));
+    for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<QVA_MEMINT>(i);
+    Val one = Val::temp(qvahost::element_values(kw[1], {0}, true));
+    qvahost::store_elements(v.get(), all, one.get());
+  }
+  return v.give_temp();
+}
+
+// REPLICATE(value, dims...): the scalar (or one-element structure) in
+// every element.
+QVA_VPTR replicate(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
+  QVA_VPTR v = argv[0];
+  if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Variable is undefined: " + var_name(v) + ".");
+  if (qvahost::element_count(v) != 1) qvahost::raise_error("Expression must be a scalar in this context: " + var_name(v) + ".");
+  Dims dims = dims_from(argc, argv, 1, "REPLICATE");
+  Val out = make_array(v->type, dims, (v->flags & QVA_V_STRUCT) ? v->value.s.sdef : nullptr);
+  std::vector<QVA_MEMINT> all(static_cast<size_t>(count_of(dims)));
+  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<QVA_MEMINT>(i);
+  qvahost::store_elements(out.get(), all, v);
+  return out.give_temp();
+}
+
+// REFORM(a, dims...): the same elements with new dimensions; without
+// dimensions, those of size 1 dropped.
+QVA_VPTR reform(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
+  QVA_VPTR v = argv[0];
+  if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Variable is undefined: " + var_name(v) + ".");
+  Dims dims;
+  if (argc > 1) {
+    dims = dims_from(argc, argv, 1, "REFORM", false);
+  } else {
+    for (QVA_MEMINT d : dims_of(v))
+      if (d != 1) dims.push_back(d);
+    if (dims.empty()) dims = {1};
+  }
+  if (count_of(dims) != qvahost::element_count(v))
+    qvahost::raise_error("New subscripts must not change the number elements in " + var_name(v) + ".");
+  Val out = copy_of(v);
+  if (is_scalar(v)) {
+    // A scalar becomes a one-element array.
+    Val arr = make_array(v->type, dims);
+    qvahost::store_elements(arr.get(), {0}, v);
+    return arr.give_temp();
+  }
+  reshape(out.get(), dims);
+  return out.give_temp();
+}
+
+// TRANSPOSE(a [, order]): dimensions permuted (reversed by default; a
+// vector becomes a 1 x n array).
+QVA_VPTR transpose(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
+  QVA_VPTR v = argv[0];
+  if (v->type == QVA_TYP_UNDEF || is_scalar(v))
+    qvahost::raise_error("TRANSPOSE: expression must be an array in this context: " + var_name(v) + ".");
+  Dims dims = dims_of(v);
+  if (dims.size() == 1) dims.push_back(1);
+  size_t r = dims.size();
+  std::vector<size_t> order(r);
+  for (size_t k = 0; k < r; ++k) order[k] = r - 1 - k;
+  if (argc > 1) {
+    Dims p = dims_from(argc, argv, 1, "TRANSPOSE", false);
+    std::vector<bool> seen(r, false);
+    if (p.size() != r) qvahost::raise_error("TRANSPOSE: the permutation must name every dimension once.");
+    for (size_t k = 0; k < r; ++k) {
+      if (p[k] < 0 || p[k] >= static_cast<QVA_MEMINT>(r) || seen[static_cast<size_t>(p[k])])
+        qvahost::raise_error("TRANSPOSE: the permutation must name every dimension once.");
+      seen[static_cast<size_t>(p[k])] = true;
+      order[k] = static_cast<size_t>(p[k]);
+    }
+  }
+  Dims out_dims(r);
+  for (size_t k = 0; k < r; ++k) out_dims[k] = dims[order[k]];
+  std::vector<QVA_MEMINT> stride(r, 1);
+  for (size_t k = 1; k < r; ++k) stride[k] = stride[k - 1] * dims[k - 1];
+  // Output element at position (j0, j1, ...) is input element with
+  // subscript order[k] equal to jk.
+  QVA_MEMINT n = count_of(dims);
+  std::vector<QVA_MEMINT> from(static_cast<size_t>(n));
+  std::vector<QVA_MEMINT> j(r, 0);
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    QVA_MEMINT at = 0;
+    for (size_t k = 0; k < r; ++k) at += j[k] * stride[order[k]];
+    from[static_cast<size_t>(i)] = at;
+    for (size_t k = 0; k < r && ++j[k] == out_dims[k]; ++k) j[k] = 0;
+  }
+  Val out = Val::temp(qvahost::element_values(v, from, false));
+  reshape(out.get(), out_dims);
+  return out.give_temp();
 }
 
 QVA_VPTR isa(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
@@ -87,15 +251,27 @@ std::vector<Builtin> array_builtins() {
       conversion("FIX", QVA_TYP_INT),
       conversion("LONG", QVA_TYP_LONG),
       conversion("LONG64", QVA_TYP_LONG64),
+      conversion("FLOAT", QVA_TYP_FLOAT),
       conversion("DOUBLE", QVA_TYP_DOUBLE),
-      {"LINDGEN", true, 1, 1, false,
-       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
-         QVA_LONG64 n = qvahost::integer_value(Val::temp(qvahost::convert_value(argv[0], QVA_TYP_LONG64)).get());
-         if (n <= 0) qvahost::raise_error("Array dimensions must be greater than 0.");
-         std::vector<QVA_LONG> v(static_cast<size_t>(n));
-         for (size_t i = 0; i < v.size(); ++i) v[i] = static_cast<QVA_LONG>(i);
-         return qvahost::make_long_array(v);
-       }},
+      array_maker("BYTARR", QVA_TYP_BYTE),
+      array_maker("INTARR", QVA_TYP_INT),
+      array_maker("LONARR", QVA_TYP_LONG),
+      array_maker("LON64ARR", QVA_TYP_LONG64),
+      array_maker("FLTARR", QVA_TYP_FLOAT),
+      array_maker("DBLARR", QVA_TYP_DOUBLE),
+      array_maker("STRARR", QVA_TYP_STRING),
+      array_maker("OBJARR", QVA_TYP_OBJREF),
+      array_maker("PTRARR", QVA_TYP_PTR),
+      index_maker("BINDGEN", QVA_TYP_BYTE),
+      index_maker("INDGEN", QVA_TYP_INT),
+      index_maker("LINDGEN", QVA_TYP_LONG),
+      index_maker("L64INDGEN", QVA_TYP_LONG64),
+      index_maker("FINDGEN", QVA_TYP_FLOAT),
+      index_maker("DINDGEN", QVA_TYP_DOUBLE),
+      {"MAKE_ARRAY", true, 0, QVA_MAX_ARRAY_DIM, true, make_array_fn},
+      {"REPLICATE", true, 2, QVA_MAX_ARRAY_DIM + 1, false, replicate},
+      {"REFORM", true, 1, QVA_MAX_ARRAY_DIM + 1, false, reform},
+      {"TRANSPOSE", true, 1, 2, false, transpose},
   };
 }
 

@@ -28,6 +28,7 @@ constexpr int kManyArgs = 64;
 
 // The tables of the themes.
 std::vector<Builtin> array_builtins();
+std::vector<Builtin> number_builtins();
 std::vector<Builtin> string_builtins();
 std::vector<Builtin> object_builtins();
 std::vector<Builtin> session_builtins();
@@ -48,6 +49,11 @@ QVA_VPTR byte_result(bool b);
 // null reference or a dead object), and whether it is or inherits `name`.
 QVA_SDEF class_of(QVA_VPTR v);
 bool class_has(QVA_SDEF cls, const std::string &name);
+
+// The dimensions given to an array maker from argument `first` on: each a
+// scalar, or one array of them; trailing dimensions of 1 dropped unless
+// `trim` is false.
+Dims dims_from(int argc, QVA_VPTR argv[], int first, const char *routine, bool trim = true);
 
 // STRING() of a value: numbers as PRINT shows them, an array element by
 // element.

@@ -17,7 +17,7 @@ std::string help_line(const std::string &name, QVA_VPTR v) {
     std::string sn = qvahost::struct_name(v->value.s.sdef);
     value = "-> " + (sn.empty() ? std::string("<Anonymous>") : sn) + " Array[" +
             std::to_string(qvahost::element_count(v)) + "]";
-  } else if (!is_scalar(v)) value = "Array[" + std::to_string(qvahost::element_count(v)) + "]";
+  } else if (!is_scalar(v)) value = "Array" + dims_text(dims_of(v));
   else if (v->type == QVA_TYP_STRING) value = "'" + format_value(v) + "'";
   else value = format_value(v);
   return pad(name, 16) + pad(type, 10) + "= " + value;

@@ -39,6 +39,7 @@ typedef uint32_t QVA_IDENT;  /* interned name; 0 = none */
 #define QVA_TYP_BYTE 1
 #define QVA_TYP_INT 2
 #define QVA_TYP_LONG 3
+#define QVA_TYP_FLOAT 4
 #define QVA_TYP_DOUBLE 5
 #define QVA_TYP_STRING 7
 #define QVA_TYP_STRUCT 8
@@ -91,6 +92,7 @@ typedef union QVA_ALLTYPES {
   QVA_UCHAR c;
   QVA_INT i;
   QVA_LONG l;
+  float f;
   double d;
   QVA_LONG64 l64;
   QVA_HVID hvid;        /* QVA_TYP_PTR and QVA_TYP_OBJREF */

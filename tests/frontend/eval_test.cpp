@@ -37,8 +37,9 @@ TEST_F(Eval, OperatorsFollowPrecedenceAndTypes) {
   EXPECT_EQ(Run("PRINT, 2 + 3 * 4, 2 ^ 3 ^ 2, -2 ^ 2, 17 MOD 5, 7 / 2"),
             "          14         512          -4           2           3\n");
   EXPECT_EQ(
-      Run("PRINT, SIZE(1B + 1S, /TYPE), SIZE(1 + 1LL, /TYPE), SIZE(1 + 1.0, /TYPE), 'n=' + 5"),
-      "           2          14           5n=           5\n");
+      Run("PRINT, SIZE(1B + 1S, /TYPE), SIZE(1 + 1LL, /TYPE), SIZE(1 + 1.0, /TYPE), "
+          "SIZE(1LL + 1.0, /TYPE), SIZE(1.0 + 1d, /TYPE), 'n=' + 5"),
+      "           2          14           4           4           5n=           5\n");
   EXPECT_EQ(Run("PRINT, 3 ? 'odd' : 'even', 2 ? 'odd' : 'even', 6 AND 3, 6 OR 3, 0 && (1/0), "
                 "1 || (1/0), 'b' GT 'a', [1, 2] * 2"),
             "oddeven           2           7   0   1   1           2           4\n");
@@ -117,6 +118,65 @@ TEST_F(Eval, CatchResumesAfterTheCatchStatementWithTheErrorState) {
             "           2          -1\n");
   std::string err = Run("CATCH, e\nCATCH, /CANCEL\nMESSAGE, 'loose'\n", "t.pro", false);
   EXPECT_NE(err.find("loose"), std::string::npos);
+}
+
+TEST_F(Eval, SubscriptsSelectAndStoreInSeveralDimensions) {
+  Run("a = LINDGEN(4, 3)");
+  // Column-major: a[i, j] is element i + 4 j.
+  EXPECT_EQ(Run("PRINT, a[3, 2], a(1, 2), a[-1], SIZE((a[1:2, *])[*, 2], /DIMENSIONS)"),
+            "          11           9          11           2\n");
+  EXPECT_EQ(Run("PRINT, a[0:*:2, 1], a[[0, 3], [1, 2]]"),  // a stride; arrays pick pairwise
+            "           4           6           4          11\n");
+  EXPECT_EQ(Run("PRINT, SIZE(a[[1, 2], 0:1], /DIMENSIONS), a[5]"), "           2           2           5\n");
+  EXPECT_EQ(Run("b = a & b[*, 1] = [-1, -2, -3, -4] & b[2, 2] = 99 & b[0] = [7, 8]\n"
+                "PRINT, b[*, 1], b[10], b[0:1, 0]"),
+            "          -1          -2          -3          -4          99           7           8\n");
+  // Too few subscripts: the last spans the rest; a vector takes a second 0.
+  EXPECT_EQ(Run("c = INDGEN(2, 2, 2) & v = [5, 6]\nPRINT, c[1, 3], v[1, 0]"), "       7           6\n");
+  std::string err = Run("b[*, 1] = [1, 2]", "t.pro", false);
+  EXPECT_NE(err.find("Array subscript for B must have same size as source expression."), std::string::npos)
+      << err;
+  err = Run("b[11] = [1, 2]", "t.pro", false);
+  EXPECT_NE(err.find("Out of range subscript encountered: B."), std::string::npos) << err;
+  err = Run("x = a[0, 3]", "t.pro", false);
+  EXPECT_NE(err.find("Subscript 3 is out of range for A (3 elements)."), std::string::npos) << err;
+}
+
+TEST_F(Eval, ArrayLiteralsJoinAlongTheDimensionOfTheirDepth) {
+  EXPECT_EQ(Run("r = [1, 2] & m = [[r], [r + 2], [!NULL]]\n"
+                "PRINT, SIZE(m, /DIMENSIONS), SIZE([r, r], /DIMENSIONS), SIZE([[[1]], [[2]]], /DIMENSIONS)"),
+            "           2           2           4           1           1           2\n");
+  EXPECT_EQ(Run("PRINT, [[1, 2], [3.5, 4]]"), "      1.00000      2.00000\n      3.50000      4.00000\n");
+  std::string err = Run("x = [[1, 2], ['a', 'b']]", "t.pro", false);
+  EXPECT_NE(err.find("Unable to concatenate variables of type LONG and STRING."), std::string::npos) << err;
+}
+
+TEST_F(Eval, FloatComputesInSinglePrecisionAndPromotes) {
+  // 2^24 + 1 is not a FLOAT; the same sum in DOUBLE keeps it.
+  EXPECT_EQ(Run("PRINT, LONG(16777216.0 + 1) - 16777216L, LONG(16777216d + 1) - 16777216L"),
+            "           0           1\n");
+  EXPECT_EQ(Run("x = 3 & x += 0.5 & y = 1B & y *= 2.5d\nPRINT, SIZE(x, /TNAME), ' ', SIZE(y, /TNAME), "
+                "FIX(-2.5), [1.5, 2] GT 1.75"),
+            "FLOAT DOUBLE      -2   0   1\n");
+  EXPECT_EQ(Run("FOR f = 0.0, 1, 0.5 DO PRINT, f"), "      0.00000\n     0.500000\n      1.00000\n");
+  // Beyond FLOAT's range: infinities, from a literal, a conversion or arithmetic.
+  EXPECT_EQ(Run("PRINT, 1e39, FLOAT('-1e40'), 3e38 * 10, FLOAT(1d300)"),
+            "          Inf         -Inf          Inf          Inf\n");
+}
+
+TEST_F(Eval, CaseAndSwitchRunTheirBranchesInLoopsAndRoutines) {
+  Run("FUNCTION grade, n\n  CASE 1 OF\n    n GE 90: RETURN, 'A'\n    n GE 50: RETURN, 'B'\n"
+      "    ELSE: RETURN, 'C'\n  ENDCASE\nEND\n");
+  EXPECT_EQ(Run("PRINT, grade(95), grade(50), grade(3)"), "ABC\n");
+  // BREAK ends the SWITCH, not the loop; CONTINUE goes to the loop.
+  EXPECT_EQ(Run("FOR i = 0, 3 DO BEGIN\n  SWITCH i OF\n    0: CONTINUE\n    1: PRINT, 'one'\n"
+                "    2: BEGIN & PRINT, 'two' & BREAK & END\n    ELSE: PRINT, 'else'\n  ENDSWITCH\n"
+                "  PRINT, 'end', i\nENDFOR"),
+            "one\ntwo\nend           1\ntwo\nend           2\nelse\nend           3\n");
+  std::string err = Run("CASE 'x' OF\n  'y': PRINT, 1\nENDCASE", "t.pro", false);
+  EXPECT_NE(err.find("CASE statement found no matches."), std::string::npos) << err;
+  err = Run("CASE [1, 2] OF\n  1: PRINT, 1\nENDCASE", "t.pro", false);
+  EXPECT_NE(err.find("Expression must be a scalar in this context."), std::string::npos) << err;
 }
 
 TEST_F(Eval, HeapGcKeepsWhatRunningRoutinesHold) {

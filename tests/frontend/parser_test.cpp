@@ -42,11 +42,22 @@ std::string Show(const Expr &e) {
       return args("(call " + e.name);
     case Expr::Method:
       return args("(-> " + Show(*e.kids[0]) + " " + e.name);
+    case Expr::Real: {
+      std::string d = std::to_string(e.dval);
+      return d.substr(0, d.find_last_not_of('0') + 1) + (e.itype == QVA_TYP_FLOAT ? "f" : "d");
+    }
     case Expr::Subscript: {
-      const auto &ix = e.indices[0];
-      if (ix.kind == qva::Index::All) return open("([") + " *)";
-      std::string hi = ix.kind != qva::Index::Range ? "" : ":" + (ix.hi ? Show(*ix.hi) : "*");
-      return open("([") + " " + Show(*ix.lo) + hi + ")";
+      std::string s = open("([");
+      for (const auto &ix : e.indices) {
+        if (ix.kind == qva::Index::All) {
+          s += " *";
+          continue;
+        }
+        s += " " + Show(*ix.lo);
+        if (ix.kind == qva::Index::Range) s += ":" + (ix.hi ? Show(*ix.hi) : "*");
+        if (ix.stride) s += ":" + Show(*ix.stride);
+      }
+      return s + ")";
     }
     default:
       return "?";
@@ -80,6 +91,38 @@ TEST(Parser, PrecedenceAssociativityAndLiteralTypes) {
   EXPECT_EQ(ExprOf("o->Get(1, KEY=2, /F)->Next()"), "(-> (-> O GET 1 KEY=2 /F) NEXT)");
   EXPECT_EQ(ExprOf("o->Base::Get()"), "(-> O BASE::GET)");
   EXPECT_EQ(ExprOf("f(1, /K) + a[1]"), "(+ (call F 1 /K) ([ A 1))");
+}
+
+TEST(Parser, RealLiteralsSubscriptsInSeveralDimensionsAndMinMax) {
+  EXPECT_EQ(ExprOf("[1.5, 1.5d, 1e3, 2D0, .5]"), "([] 1.5f 1.5d 1000.f 2.d 0.5f)");
+  EXPECT_EQ(ExprOf("a[i, *, 1:2, 0:*:2]"), "([ A I * 1:2 0:*:2)");
+  EXPECT_EQ(ExprOf("a[[0, 1], j]"), "([ A ([] 0 1) J)");
+  // < and > bind as + and - do.
+  EXPECT_EQ(ExprOf("a < b + c > d"), "(> (+ (< A B) C) D)");
+  EXPECT_EQ(ExprOf("a < b * 2 EQ c"), "(EQ (< A (* B 2)) C)");
+  EXPECT_EQ(ExprOf("o->M() > 1"), "(> (-> O M) 1)");
+}
+
+TEST(Parser, CaseAndSwitchBranches) {
+  qva::Program p = qva::parse_program(
+      "CASE x OF\n  1: y = 1\n  'a': BEGIN\n    y = 2\n  END\n  ELSE:\nENDCASE\n"
+      "SWITCH x + 1 OF & 2: BREAK & ELSE: y = 0 & ENDSWITCH\n",
+      "t.pro");
+  ASSERT_EQ(p.main.size(), 2u);
+  const Stmt &c = *p.main[0];
+  EXPECT_EQ(c.kind, Stmt::Case);
+  EXPECT_EQ(c.name, "CASE");
+  ASSERT_EQ(c.labels.size(), 3u);
+  ASSERT_EQ(c.body.size(), 3u);
+  EXPECT_EQ(Show(*c.labels[0]), "1");
+  EXPECT_EQ(c.body[1]->kind, Stmt::Block);
+  EXPECT_EQ(c.labels[2], nullptr);  // ELSE, with an empty branch
+  EXPECT_TRUE(c.body[2]->body.empty());
+  const Stmt &s = *p.main[1];
+  EXPECT_EQ(s.name, "SWITCH");
+  EXPECT_EQ(Show(*s.cond), "(+ X 1)");
+  ASSERT_EQ(s.body.size(), 2u);
+  EXPECT_EQ(s.body[0]->kind, Stmt::Break);
 }
 
 TEST(Parser, StatementsDefinitionsBlocksAndContinuation) {
@@ -139,6 +182,10 @@ TEST(Parser, SyntaxErrorsGiveTheLineAndWhetherInputWasCut) {
       {"\n\n5 = x", 3, false},
       {"x = 12Q", 1, false},
       {"x = #", 1, false},
+      {"CASE x OF\n  1 y = 1\nENDCASE", 2, false},
+      {"SWITCH x OF\n  1: y = 1\n", 3, true},
+      {"CASE x\n  1: y = 1\nENDCASE", 1, false},
+      {"y = a[1, 2, 3, 4, 5, 6, 7, 8, 9]", 1, false},
   };
   for (const Case &c : cases) {
     try {

@@ -1,0 +1,21 @@
+// format.h - explicit formats for PRINT and STRING: "(I5, F8.2, 3(A, 1X))".
+//
+// Codes: Iw[.m] integers, Fw.d fixed, Ew.d exponent, Gw.d whichever of F
+// and E suits the value, A[w] text, nX blanks, 'text' literals and '/' a
+// new line; any of them (and parenthesised groups) after a repeat count.
+// A value too wide for its field shows as asterisks.  When the values
+// outlast the format, it starts again on a new line.
+#pragma once
+
+#include <qva/qva.h>
+
+#include <string>
+#include <vector>
+
+namespace qva {
+
+// The lines a format makes of the elements of `values`, in order.  A bad
+// format raises a HostError naming what is wrong.
+std::vector<std::string> format_lines(const std::string &format, const std::vector<QVA_VPTR> &values);
+
+}  // namespace qva
