@@ -22,6 +22,8 @@ const char kUsage[] =
     "  --no-module     load no module\n"
     "  --check-leaks   at exit, reset the session and fail unless the host's accounting\n"
     "                  is back where it was at start-up\n"
+    "  --trace PATTERN trace the calls of the routines whose names match PATTERN\n"
+    "                  (e.g. 'QVAFW*::EXECUTE', '*::SEND*'; may be repeated), as TRACE does\n"
     "  -h, --help      show this text\n";
 
 std::string exe_dir() {
@@ -50,12 +52,14 @@ int main(int argc, char **argv) {
   bool have_statements = false;
   std::string script;
   std::vector<std::string> script_args;
+  std::vector<std::string> trace;
   int i = 1;
   for (; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--module" && i + 1 < argc) module = argv[++i];
     else if (a == "--no-module") no_module = true;
     else if (a == "--check-leaks") check_leaks = true;
+    else if (a == "--trace" && i + 1 < argc) trace.push_back(argv[++i]);
     else if (a == "-e" && i + 1 < argc) { statements = argv[++i]; have_statements = true; }
     else if (a == "-h" || a == "--help") { std::cout << kUsage; return 0; }
     else if (a.size() > 1 && a[0] == '-') { std::cerr << "qva: unknown option " << a << "\n" << kUsage; return 2; }
@@ -85,6 +89,7 @@ int main(int argc, char **argv) {
     // a reset makes anew.
     if (check_leaks) qvahost::reset_session();
     qvahost::Accounting start = qvahost::accounting();
+    qvahost::set_trace(trace);
     try {
       if (have_statements) status = in.run_source(statements, "<command line>") ? 0 : 1;
       else if (!script.empty()) status = qva::run_file(in, script) ? 0 : 1;
