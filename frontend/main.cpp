@@ -23,6 +23,8 @@ const char kUsage[] =
     "  --no-module     load no module\n"
     "  --check-leaks   at exit, reset the session and fail unless the host's accounting\n"
     "                  is back where it was at start-up\n"
+    "  --trace PATTERN trace the calls of the routines whose names match PATTERN\n"
+    "                  (e.g. 'QVAFW*::EXECUTE', '*::SEND*'; may be repeated), as TRACE does\n"
     "  -h, --help      show this text\n"
     "exit status: 0 done, 1 stopped on an uncaught error, 2 bad usage or no module,\n"
     "             3 leak check failed, 4 both an uncaught error and a failed leak check\n";
@@ -55,12 +57,14 @@ int main(int argc, char **argv) {
   bool have_statements = false;
   std::string script;
   std::vector<std::string> script_args;
+  std::vector<std::string> trace;
   int i = 1;
   for (; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--module" && i + 1 < argc) module = argv[++i];
     else if (a == "--no-module") no_module = true;
     else if (a == "--check-leaks") check_leaks = true;
+    else if (a == "--trace" && i + 1 < argc) trace.push_back(argv[++i]);
     else if (a == "-e" && i + 1 < argc) { statements = argv[++i]; have_statements = true; }
     else if (a == "-h" || a == "--help") { std::cout << kUsage; return 0; }
     else if (a.size() > 1 && a[0] == '-') { std::cerr << "qva: unknown option " << a << "\n" << kUsage; return 2; }
@@ -91,6 +95,7 @@ int main(int argc, char **argv) {
     // a reset makes anew.
     if (check_leaks) qvahost::reset_session();
     qvahost::Accounting start = qvahost::accounting();
+    qvahost::set_trace(trace);
     try {
       if (have_statements) status = in.run_source(statements, "<command line>") ? 0 : 1;
       else if (!script.empty()) status = qva::run_file(in, script) ? 0 : 1;

@@ -6,6 +6,7 @@
 //   keywords.cpp  QVA_KWProcessByOffset, QVA_KWFree, pending conversions
 //   calls.cpp     call_*, try_call, QVA_InterpCallFromSysproc
 //   modules.cpp   load_module*, modules_reset_session
+//   trace.cpp     the call trace
 #pragma once
 
 #include <string>
@@ -111,6 +112,25 @@ class TempGuard {
 
  private:
   QVA_VPTR v_;
+};
+
+// ------------------------------------------------------------------- trace
+
+// True while trace patterns are set: the one test routine calls make when
+// no trace is on.
+extern bool trace_enabled;
+
+// Reports a call of `r` when its name matches the trace patterns, and
+// counts it among the traced calls running for as long as it lives.
+class TraceCall {
+ public:
+  TraceCall(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk);
+  ~TraceCall();
+  TraceCall(const TraceCall &) = delete;
+  TraceCall &operator=(const TraceCall &) = delete;
+
+ private:
+  bool counted_ = false;
 };
 
 // Upper-case copy of an ASCII name.

@@ -284,6 +284,10 @@ struct Routine {
   // method's class.  Definitions never change or go away, so the check
   // need not be repeated for further objects of that class.
   QVA_SDEF self_class_ok = nullptr;
+  // Whether the name matches the trace patterns, as found under the
+  // patterns' generation trace_generation (trace.cpp).
+  uint32_t trace_generation = 0;
+  bool trace_match = false;
 };
 Routine *routine_find(QVA_IDENT name, bool is_function);
 // Calls a routine with the argument checks the language makes.  Returns a

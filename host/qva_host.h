@@ -166,6 +166,18 @@ struct RoutineInfo {
 };
 std::vector<RoutineInfo> routine_rows(bool is_function);
 
+// Traces calls of the routines whose names match one of `patterns`
+// (case-insensitive shell patterns: `*` any text, `?` one character,
+// `[...]` a set): each call is emitted, before its body runs, as
+//   % [depth] NAME object: arguments, KEYWORD=value
+// indented two spaces per level of traced calls running.  No patterns turn
+// the trace off.
+void set_trace(const std::vector<std::string> &patterns);
+std::vector<std::string> trace_patterns();  // upper case; empty when off
+// A value as the trace shows it: 7, 2.5D, 'text', LONG[3], {NAME},
+// <ObjHeapVar3(CLASS)>, <Undefined>.
+std::string short_value(const QVA_VARIABLE *v);
+
 // ----------------------------------------------------------------- classes
 
 // Defines a named structure; `base` (may be empty) is inherited first.

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include "dispatch.h"
 
@@ -199,6 +200,8 @@ QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk
   std::string_view cls(r.name_str.data(), r.class_len);
   if (!cls.empty() && !self_checked) check_self(r, cls, argc, argv);
 
+  std::optional<TraceCall> trace;
+  if (trace_enabled) [[unlikely]] trace.emplace(r, argc, argv, argk);
   KeywordScope keywords;
   QVA_VPTR result = allocation_errors_raised([&] { return run_body(r, argc, argv, argk); });
   if (keywords.close() != 0)

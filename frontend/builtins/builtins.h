@@ -32,6 +32,7 @@ std::vector<Builtin> number_builtins();
 std::vector<Builtin> string_builtins();
 std::vector<Builtin> object_builtins();
 std::vector<Builtin> session_builtins();
+std::vector<Builtin> file_builtins();
 
 // Keyword values of a call by the names a built-in accepts (abbreviations
 // allowed); nullptr for a keyword not given.  Any other keyword is an error.

@@ -58,7 +58,8 @@ QVA_VPTR string_of(QVA_VPTR v) {
 }
 
 void register_builtins() {
-  for (auto table : {array_builtins, number_builtins, string_builtins, object_builtins, session_builtins})
+  for (auto table : {array_builtins, number_builtins, string_builtins, object_builtins,
+                     session_builtins, file_builtins})
     for (Builtin &b : table())
       qvahost::define_routine(b.name, b.function, b.arg_min, b.arg_max, b.keywords, std::move(b.body));
 }

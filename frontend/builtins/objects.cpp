@@ -43,6 +43,70 @@ QVA_VPTR valid_each(QVA_VPTR v, int type, bool object) {
   return out;
 }
 
+// Every live object, in the order of their heap identifiers.
+std::vector<QVA_HVID> live_objects() {
+  std::vector<QVA_HVID> ids;
+  for (QVA_HVID id : qvahost::heap_ids()) {
+    QVA_HVPTR hv = QVA_HeapVarHashFind(id);
+    if (hv && (hv->flags & QVA_HV_OBJECT)) ids.push_back(id);
+  }
+  return ids;
+}
+
+// Object references for heap identifiers (integers, or references taken
+// as their identifiers): the object where one lives, the null object
+// elsewhere; a scalar for a scalar.
+QVA_VPTR cast_objects(QVA_VPTR v) {
+  bool integer = v->type == QVA_TYP_BYTE || v->type == QVA_TYP_INT || v->type == QVA_TYP_LONG ||
+                 v->type == QVA_TYP_LONG64;
+  if (v->type != QVA_TYP_OBJREF && !integer)
+    qvahost::raise_error("OBJ_VALID with CAST takes heap identifiers (integers): " + var_name(v) + ".");
+  std::vector<QVA_LONG64> ids;
+  if (integer) {
+    Val all = Val::temp(qvahost::convert_value(v, QVA_TYP_LONG64));
+    char *data = nullptr;
+    QVA_MEMINT n = 0;
+    QVA_VarGetData(all.get(), &n, &data, 1);
+    ids.resize(static_cast<size_t>(n));
+    std::memcpy(ids.data(), data, ids.size() * sizeof(QVA_LONG64));
+  } else {
+    for (QVA_HVID id : ids_of(v, QVA_TYP_OBJREF)) ids.push_back(id);
+  }
+  std::vector<QVA_HVID> objects;
+  for (QVA_LONG64 id : ids) {
+    QVA_HVPTR hv = id > 0 && id <= static_cast<QVA_LONG64>(UINT32_MAX)
+                       ? QVA_HeapVarHashFind(static_cast<QVA_HVID>(id)) : nullptr;
+    objects.push_back(hv && (hv->flags & QVA_HV_OBJECT) ? static_cast<QVA_HVID>(id) : 0);
+  }
+  if (is_scalar(v)) return qvahost::make_objref(objects[0]);
+  QVA_VPTR out = nullptr;
+  char *d = QVA_MakeTempVector(QVA_TYP_OBJREF, static_cast<QVA_MEMINT>(objects.size()), 0, &out);
+  std::memcpy(d, objects.data(), objects.size() * sizeof(QVA_HVID));
+  return out;
+}
+
+// OBJ_VALID(): every live object (the null object when none);
+// OBJ_VALID(refs): whether each names a live object; OBJ_VALID(ids, /CAST):
+// references to the objects with those heap identifiers.  COUNT= receives
+// the number of live objects.
+QVA_VPTR obj_valid(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("OBJ_VALID", argk, {"CAST", "COUNT"});
+  std::vector<QVA_HVID> live = live_objects();
+  if (kw[1]) {
+    Val count = Val::temp(qvahost::make_long(static_cast<QVA_LONG>(live.size())));
+    QVA_VarCopy(count.get(), kw[1]);
+  }
+  if (argc > 0) {
+    if (keyword_set(kw[0])) return cast_objects(argv[0]);
+    return valid_each(argv[0], QVA_TYP_OBJREF, true);
+  }
+  if (live.empty()) return qvahost::make_objref(0);
+  QVA_VPTR out = nullptr;
+  char *d = QVA_MakeTempVector(QVA_TYP_OBJREF, static_cast<QVA_MEMINT>(live.size()), 0, &out);
+  std::memcpy(d, live.data(), live.size() * sizeof(QVA_HVID));
+  return out;
+}
+
 }  // namespace
 
 std::vector<Builtin> object_builtins() {
@@ -57,8 +121,7 @@ std::vector<Builtin> object_builtins() {
          QVA_ObjDestroy(argc, argv, argk);
          return static_cast<QVA_VPTR>(nullptr);
        }},
-      {"OBJ_VALID", true, 1, 1, false,
-       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) { return valid_each(argv[0], QVA_TYP_OBJREF, true); }},
+      {"OBJ_VALID", true, 0, 1, true, obj_valid},
       {"OBJ_ISA", true, 2, 2, false,
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
          QVA_SDEF cls = class_of(argv[0]);

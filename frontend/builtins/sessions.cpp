@@ -1,5 +1,6 @@
 // sessions.cpp - built-ins about files and the session: HELP, MESSAGE,
-// EXIT, the running routine's facts, SAVE, RESTORE and RESET_SESSION.
+// EXIT, the running routine's facts, SAVE, RESTORE, RESET_SESSION and
+// TRACE.
 #include "builtins.h"
 
 namespace qva {
@@ -103,6 +104,38 @@ QVA_VPTR restore(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   return nullptr;
 }
 
+// TRACE, pattern...: trace the calls of the routines whose names match
+// (string arrays give several patterns); TRACE, /OFF stops; TRACE alone
+// says what is traced.
+QVA_VPTR trace(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("TRACE", argk, {"OFF"});
+  if (keyword_set(kw[0])) {
+    if (argc > 0) qvahost::raise_error("TRACE takes patterns or /OFF, not both.");
+    qvahost::set_trace({});
+    return nullptr;
+  }
+  if (argc == 0) {
+    std::string now;
+    for (const std::string &p : qvahost::trace_patterns()) now += (now.empty() ? "" : ", ") + p;
+    current_interp().print("% TRACE: " + (now.empty() ? std::string("off") : now));
+    return nullptr;
+  }
+  std::vector<std::string> patterns;
+  for (int i = 0; i < argc; ++i) {
+    if (argv[i]->type != QVA_TYP_STRING)
+      qvahost::raise_error("TRACE patterns must be strings: " + var_name(argv[i]) + ".");
+    QVA_MEMINT n = qvahost::element_count(argv[i]);
+    for (QVA_MEMINT k = 0; k < n; ++k) {
+      Val e = Val::temp(qvahost::element_values(argv[i], {k}, true));
+      std::string p = qvahost::string_value(e.get());
+      if (p.empty()) qvahost::raise_error("TRACE patterns must not be empty.");
+      patterns.push_back(p);
+    }
+  }
+  qvahost::set_trace(patterns);
+  return nullptr;
+}
+
 }  // namespace
 
 std::vector<Builtin> session_builtins() {
@@ -139,6 +172,7 @@ std::vector<Builtin> session_builtins() {
        }},
       {"SAVE", false, 0, kManyArgs, true, save},
       {"RESTORE", false, 0, 1, true, restore},
+      {"TRACE", false, 0, kManyArgs, true, trace},
       {"RESET_SESSION", false, 0, 0, false,
        [](int, QVA_VPTR[], QVA_KW_ARGS *) {
          qvahost::reset_session();
