@@ -116,7 +116,7 @@ void delaybehav_restore(ClassPart b) {
   saveable_doRestore(Saveable_from_hvid(sub), sub);
   DelayBehavData *d = delaybehav_data(b);
   if (d->version < 1) d->version = 1;
-  d->meth_ident = fwIdent_rolloverHeld(d->meth_ident);
+  d->meth_ident = fwIdent_rollover(d->meth_ident);
 }
 
 // ------------------------------------------------- registered routines

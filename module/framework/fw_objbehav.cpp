@@ -94,7 +94,7 @@ void objbehav_restore(ClassPart b) {
     d->version = 1;
     d->object = 0;
   }
-  d->meth_ident = fwIdent_rolloverHeld(d->meth_ident);
+  d->meth_ident = fwIdent_rollover(d->meth_ident);
 }
 
 // ------------------------------------------------- registered routines
