@@ -107,36 +107,7 @@ struct Row {
 // Rows that meet a known fault whose fix is under way elsewhere: each names
 // it.  Remove a routine here once its fix has landed.
 const std::map<std::string, const char *> &KnownFaults() {
-  static const char *const kStringResult =
-      "a string result's descriptor is copied before its text is duplicated: a failed "
-      "duplicate releases the object's own text";
-  static const char *const kIdentCopy =
-      "interning a new identifier releases the key text twice when its copy fails";
-  static const std::map<std::string, const char *> known = {
-      {"QVADSMAP::GETKEYS", kStringResult},
-      {"QVAFWBEHAVIOR::MESSAGESTRING", kStringResult},
-      {"QVAFWMESSAGE::MESSAGESTRING", kStringResult},
-      {"QVAFWOBJBEHAV::METHOD", kStringResult},
-      {"QVAFWPROCBEHAV::PROC", kStringResult},
-      {"QVAFWFUNCBEHAV::FUNC", kStringResult},
-      {"QVAFWMESSAGEHANDLER::SCOPEDMESSAGES", kStringResult},
-      {"QVAFWBEHAVIOR::SETMESSAGESTRING", kIdentCopy},
-      {"QVAFWMESSAGE::SETMESSAGESTRING", kIdentCopy},
-      {"QVAFWOBJBEHAV::SETMETHOD", kIdentCopy},
-      {"QVAFWDELAYBEHAV::SETMETHOD", kIdentCopy},
-      // A restore rolls every identifier over to a newly interned one.
-      {"QVAFWBEHAVIOR::RESTORE", kIdentCopy},
-      {"QVAFWOBJBEHAV::RESTORE", kIdentCopy},
-      {"QVAFWPROCBEHAV::RESTORE", kIdentCopy},
-      {"QVAFWFUNCBEHAV::RESTORE", kIdentCopy},
-      {"QVAFWDELAYBEHAV::RESTORE", kIdentCopy},
-      {"QVAFWMESSAGE::RESTORE", kIdentCopy},
-      {"QVAFWMESSAGEHANDLER::RESTORE", kIdentCopy},
-      {"QVAFWQUERY::RESTORE", kIdentCopy},
-      {"QVAFWQUERYBEHAV::RESTORE", kIdentCopy},
-      {"QVAFWSAVEABLE::DORESTORE", kIdentCopy},
-      {"QVAFWSAVEABLERESTOREARRAY", kIdentCopy},
-  };
+  static const std::map<std::string, const char *> known = {};
   return known;
 }
 
@@ -464,17 +435,6 @@ class SweepNetwork : public qvatest::HostTest {
 };
 
 class AllocSweep : public SweepNetwork, public ::testing::WithParamInterface<std::string> {};
-
-// A second restore of the same objects (QVAFWSAVEABLERESTOREARRAY run twice)
-// rolls identifiers that are already this session's: each must keep
-// exactly the holders it had.
-TEST_F(SweepNetwork, RestoringTwiceHoldsEveryIdentifierOnce) {
-  Net net = Fresh(true);
-  for (int i = 0; i < 2; ++i)
-    qvahost::call_procedure("QVAFWSAVEABLERESTOREARRAY", {RestoredObjects()});
-  ExpectIntact(net, "restored twice");
-  TearDownNetwork("restored twice");
-}
 
 TEST(AllocSweepTable, HasOneRowForEveryRegisteredRoutine) {
   std::set<std::string> registered, rows;
