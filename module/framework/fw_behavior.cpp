@@ -82,7 +82,7 @@ void behavior_restore(ClassPart behavior) {
   }
   bool registered = behavior_isRegistered(behavior);
   if (registered) behavior_unregister(behavior);
-  d->messident = fwIdent_rolloverHeld(d->messident);
+  d->messident = fwIdent_rollover(d->messident);
   if (registered) behavior_register(behavior);
 }
 

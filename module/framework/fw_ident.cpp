@@ -146,12 +146,6 @@ QVA_HVID fwIdent_rollover(QVA_HVID id) {
   return current;
 }
 
-QVA_HVID fwIdent_rolloverHeld(QVA_HVID id) {
-  QVA_HVID current = fwIdent_rollover(id);
-  if (current != 0 && current == id) fwIdent_releaseHVID(id);
-  return current;
-}
-
 void fwIdent_acquireHVID(QVA_HVID id) {
   const QVA_STRING *text = held_text(id);
   if (FW_IDENT_RECORD *r = text ? record_of_text(text) : nullptr) fwIdent_acquire(r);

@@ -256,7 +256,7 @@ void messagehandler_restore(ClassPart handler) {
   // Rolling a key over keeps its text, so the map's order still holds.
   for (QVA_HVID e = maphBegin(map); e != map; e = map_rbh_deref(e)->FLINK) {
     QVA_MAP_RBH_NODE *node = map_rbh_deref(e);
-    node->KEY = fwIdent_rolloverHeld(node->KEY);
+    node->KEY = fwIdent_rollover(node->KEY);
   }
 }
 
