@@ -443,8 +443,7 @@ QVA_VPTR QVA_fwMessageHandler_ScopedMess(int, QVA_VPTR argv[]) {
     QVA_HVPTR ident = QVA_HeapVarHashFind(maphKey(e));
     if (!ident || ident->var.type != QVA_TYP_STRING)
       QVA_MessageFromBlock(qva_cobalt_msg_block, QVA_M_COBALT_FWMSG_IDCORRUPT, QVA_MSG_LONGJMP);
-    texts[i] = ident->var.value.str;
-    QVA_StrDup(&texts[i], 1);
+    texts[i] = fw_ownedText(ident->var.value.str);
   }
   return result;
 }
