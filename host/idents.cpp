@@ -91,6 +91,8 @@ QVA_IDENT QVA_IdentHash(const char *name, int len, int flags, int action, int re
   (void)reserved;
   size_t n = !name ? 0 : len > 0 ? static_cast<size_t>(len) : std::strlen(name);
   if (!name || len < 0 || !ident_valid(name, n)) {
+    // Action 0 asks whether the name is one: no is an answer, not an error.
+    if (action == QVA_MSG_RET) return 0;
     std::string shown = name && len >= 0 ? std::string(name, n) : std::string();
     message(M_BAD_IDENT, action, format("Invalid identifier: '%s'.", shown.c_str()));
     return 0;

@@ -262,7 +262,9 @@ void QVA_HeapVarDelete(QVA_HVID hvid, int reserved, int action);
 
 #define QVA_IDENT_USER 1  /* the name came from user data, not from code */
 /* The interned identifier of a name (case-insensitive); len 0 means
- * NUL-terminated.  An empty or invalid name yields 0 (or an error). */
+ * NUL-terminated.  An empty or invalid name yields 0: silently with action
+ * QVA_MSG_RET (a look-up that may find nothing), an error with
+ * QVA_MSG_LONGJMP. */
 QVA_IDENT QVA_IdentHash(const char *name, int len, int flags, int action, int reserved);
 const char *QVA_IdentName(QVA_IDENT id);
 

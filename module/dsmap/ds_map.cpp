@@ -189,8 +189,7 @@ QVA_VPTR dsMap_keys(ClassPart m) {
   for (QVA_HVID e = maphBegin(map); e != map; e = map_rbh_deref(e)->FLINK, ++i) {
     QVA_VPTR k = dsMap_makeVar(maphKey(e));
     if (k->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(k, QVA_MSG_LONGJMP);
-    keys[i] = k->value.str;
-    QVA_StrDup(&keys[i], 1);
+    keys[i] = fw_ownedText(k->value.str);
   }
   return result;
 }

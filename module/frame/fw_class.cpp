@@ -26,11 +26,16 @@ IdentText::~IdentText() {
   if (owned_) QVA_StrDelete(&text_, 1);
 }
 
+QVA_STRING fw_ownedText(const QVA_STRING &s) {
+  QVA_STRING copy = s;
+  QVA_StrDup(&copy, 1);
+  return copy;
+}
+
 QVA_VPTR fw_stringTemp(const QVA_STRING &s) {
   QVA_VPTR result = QVA_Gettmp();
   result->type = QVA_TYP_STRING;
-  result->value.str = s;
-  QVA_StrDup(&result->value.str, 1);
+  result->value.str = fw_ownedText(s);
   return result;
 }
 

@@ -342,6 +342,11 @@ class ScopedTemp {
 
 // ------------------------------------------------------ routine helpers
 
+// A descriptor owning its own copy of the text of `s`.  The copy is made
+// in a local descriptor first: if it fails, no descriptor the caller fills
+// (a result's, which the host releases on the way out) names the text it
+// was to be copied from.
+QVA_STRING fw_ownedText(const QVA_STRING &s);
 // Results as the routines return them: a STRING temporary owning a copy of
 // the text, an object reference temporary.
 QVA_VPTR fw_stringTemp(const QVA_STRING &s);

@@ -38,4 +38,5 @@ void QVA_FwObjsResetSession(void) {
   fwIdent_garbageCollect(1);
   // 2. The top-level handler: the next request makes a new one.
   QVA_fwMessagehandler_RstTopLev();
+  messagehandler_forgetRetired();
 }

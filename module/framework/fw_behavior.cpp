@@ -4,7 +4,6 @@
 // registered.
 #include "framework/fw_behavior.h"
 
-#include "containers/maph.h"
 #include "framework/fw_hashndlr.h"
 #include "framework/fw_ident.h"
 #include "framework/fw_messhndlr.h"
@@ -82,7 +81,7 @@ void behavior_restore(ClassPart behavior) {
   }
   bool registered = behavior_isRegistered(behavior);
   if (registered) behavior_unregister(behavior);
-  d->messident = fwIdent_rolloverHeld(d->messident);
+  d->messident = fwIdent_rollover(d->messident);
   if (registered) behavior_register(behavior);
 }
 
@@ -112,12 +111,6 @@ void behavior_unregister(ClassPart behavior) {
 
 void behavior_reregister(ClassPart behavior) {
   if (!behavior_isRegistered(behavior)) return;
-  // Already in the list it would join: it stays, so that a top-level
-  // handler keeping it is not retired and replaced on the way.
-  QVA_HVID handler = hasahandler_handler(HasAHandler_from_Behavior(behavior));
-  QVA_HVID list =
-      messagehandler_nearestList(MessageHandler_from_hvid(handler), behavior_messIdent(behavior));
-  if (list && maphFind(list, behavior.hvid, behavior_compare)) return;
   behavior_unregister(behavior);
   behavior_register(behavior);
 }

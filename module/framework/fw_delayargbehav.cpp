@@ -35,8 +35,7 @@ ClassPart DelayBehav_from_DelayArgBehav(ClassPart part) { return part; }
 
 int delayargbehav_init(ClassPart b, FwKeywordFields *kw) {
   if (!delaybehav_init(DelayBehav_from_DelayArgBehav(b), kw)) return 0;
-  // Every class stamps its own part's version; this one too.
-  delayargbehav_data(b)->version = 1;
+  // QVAFWDELAYARGBEHAV_VERSION is left as the host made the instance.
   delayargbehav_resetArg(b);
   return 1;
 }

@@ -4,8 +4,6 @@
 // message handler.
 #include "framework/fw_hashndlr.h"
 
-#include <unordered_set>
-
 #include "framework/fw_messhndlr.h"
 #include "framework/fw_saveable.h"
 
@@ -40,13 +38,41 @@ SaveableData *Saveable_from_HasAHandler(ClassPart part) {
 
 // ------------------------------------------------- internal operations
 
+namespace {
+
+void linkHandler(ClassPart part, QVA_HVID h, bool may_have_children);
+
+// Whether the object's data is still as the host made it: never
+// initialised, so that no object can have been linked below it yet.
+bool neverInitialised(ClassPart part) {
+  const HasAHandlerData *d = hasahandler_data(part);
+  return d->saveable.version == 0 && d->version == 0 && d->myhandler == 0;
+}
+
+}  // namespace
+
 int hasahandler_init(ClassPart part, FwKeywordFields *kw) {
+  bool fresh = neverInitialised(part);
   if (!saveable_init(Saveable_from_HasAHandler(part))) return 0;
   HasAHandlerData *d = hasahandler_data(part);
   d->myhandler = 0;
   d->version = 1;
-  if (kw && kw->handler_given) hasahandler_setHandler(part, kw->handler);
+  // A new object has nothing below it, so its link cannot close a cycle and
+  // the chain above need not be walked: building a chain top-down stays
+  // linear.  An INIT run again on a live object is checked in full.
+  if (kw && kw->handler_given) linkHandler(part, kw->handler, !fresh);
   return 1;
+}
+
+void handlerChain_visit(HandlerChainGuard *guard, QVA_HVID handler) {
+  if (handler == guard->saved)
+    QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP,
+                "The handler chain loops: handler <ObjHeapVar%u> is its own ancestor.", handler);
+  if (++guard->steps == guard->span) {
+    guard->saved = handler;
+    guard->span *= 2;
+    guard->steps = 0;
+  }
 }
 
 namespace {
@@ -57,27 +83,24 @@ QVA_HVID parentForWalk(QVA_HVID handler) {
   QVA_HVPTR hv = QVA_ObjValidate(handler, QVA_MSG_RET);
   if (!hv) return 0;  // a dead link ends the chain
   QVA_HVID up = hasahandler_data(HasAHandler_from_hvid(handler))->myhandler;
-  if (up) return up;
+  if (up && !messagehandler_retiredTopLevel(up)) return up;
   if (amITopLevel(handler)) return 0;
   return currentTopLevelHandler();
 }
 
 // Whether `self` lies on the chain that starts at handler `h`, i.e. whether
-// linking self to h would make the chain climb forever.
+// linking self to h would make the chain climb forever.  A chain above h
+// that already loops is reported as such.
 bool closesCycle(QVA_HVID self, QVA_HVID h) {
-  std::unordered_set<QVA_HVID> seen;
+  HandlerChainGuard guard;
   for (QVA_HVID at = h; at; at = parentForWalk(at)) {
     if (at == self) return true;
-    // A chain that loops without passing self (a hostile restored session)
-    // cannot reach self either.
-    if (!seen.insert(at).second) return false;
+    handlerChain_visit(&guard, at);
   }
   return false;
 }
 
-}  // namespace
-
-void hasahandler_setHandler(ClassPart part, QVA_HVID h) {
+void linkHandler(ClassPart part, QVA_HVID h, bool may_have_children) {
   if (h == 0) {
     hasahandler_data(part)->myhandler = 0;
     return;
@@ -87,7 +110,7 @@ void hasahandler_setHandler(ClassPart part, QVA_HVID h) {
       !QVA_ObjContainsClassByStr(hv->var.value.s.sdef, "QVAFWMESSAGEHANDLER", 0, 0,
                                  QVA_MSG_LONGJMP))
     QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "1", "QVAfwMessageHandler");
-  if (closesCycle(part.hvid, h))
+  if (h == part.hvid || (may_have_children && closesCycle(part.hvid, h)))
     QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP,
                 "Handler <ObjHeapVar%u> lies below <ObjHeapVar%u>: linking them would make a cycle "
                 "in the handler chain.",
@@ -95,9 +118,16 @@ void hasahandler_setHandler(ClassPart part, QVA_HVID h) {
   hasahandler_data(part)->myhandler = h;
 }
 
+}  // namespace
+
+void hasahandler_setHandler(ClassPart part, QVA_HVID h) { linkHandler(part, h, true); }
+
 QVA_HVID hasahandler_handler(ClassPart part) {
   QVA_HVID h = hasahandler_data(part)->myhandler;
-  if (h) return h;
+  // A link to a top-level handler that has since retired (scoping elsewhere
+  // moved its last behaviour away) is read afresh: it meant the top-level
+  // handler, and the walk goes on to the current one.
+  if (h && !messagehandler_retiredTopLevel(h)) return h;
   if (amITopLevel(part.hvid)) return 0;
   return TopLevelMessageHandler();
 }

@@ -27,6 +27,18 @@ QVA_HVID hasahandler_handler(ClassPart part);
 void hasahandler_cleanup(ClassPart part);
 void hasahandler_restore(ClassPart part);
 
+// Guards a walk up a handler chain: the walk visits each handler it
+// reaches, and a handler met a second time (a chain that loops, as a
+// restored session can hold) ends the routine with a host error instead of
+// walking forever.  Brent's cycle finding: one comparison a step, no
+// allocation, and a loop is met within about three times its distance.
+struct HandlerChainGuard {
+  QVA_HVID saved = 0;  // the handler a later step must not meet again
+  uint32_t steps = 0;  // steps since it was saved
+  uint32_t span = 1;   // steps before the next handler is saved
+};
+void handlerChain_visit(HandlerChainGuard *guard, QVA_HVID handler);
+
 // Registered routines.
 QVA_VPTR QVA_fwHasAHandler_Init(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk);
 QVA_VPTR QVA_fwHasAHandler_Handler(int argc, QVA_VPTR argv[]);

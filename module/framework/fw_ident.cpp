@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "containers/map.h"
+#include "frame/fw_class.h"
 
 namespace {
 
@@ -78,8 +79,9 @@ struct PendingIdent {
 FW_IDENT_RECORD *fwIdent_new(QVA_STRING *key, PendingIdent &pending) {
   QVA_VPTR t = QVA_Gettmp();
   t->type = QVA_TYP_STRING;
-  t->value.str = *key;
-  QVA_StrDup(&t->value.str, 1);
+  // The temporary never names the key's own text: the host releases it on
+  // the way out of a failed call, and the key is released by its owner.
+  t->value.str = fw_ownedText(*key);
   QVA_HVPTR h = QVA_HeapVarNew(QVA_TYP_PTR, t, 1, QVA_MSG_LONGJMP);
   h->flags |= QVA_HV_HELD;
   pending.hvid = h->hash_id;
@@ -120,9 +122,7 @@ QVA_HVID fwIdent_get(const QVA_STRING *s) {
     pending.key =
         static_cast<QVA_STRING *>(QVA_MemAllocMSG_LONGJMP(sizeof(QVA_STRING), "FW_Ident key"));
     *pending.key = QVA_STRING{};  // owns nothing until its copy is made
-    QVA_STRING copy = *s;
-    QVA_StrDup(&copy, 1);
-    *pending.key = copy;
+    *pending.key = fw_ownedText(*s);
     r = pending.record = fwIdent_new(pending.key, pending);
     if (!mapInsert(list, pending.key, r, fwIdentCompare))
       QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "Unable to allocate memory: to make %s.",
@@ -143,12 +143,6 @@ QVA_HVID fwIdent_rollover(QVA_HVID id) {
       !mapInsert(garbage, key_of(id), nullptr, fwIdentHVIDCompare))
     QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP, "Unable to allocate memory: to make %s.",
                 "FW_Ident garbage entry");
-  return current;
-}
-
-QVA_HVID fwIdent_rolloverHeld(QVA_HVID id) {
-  QVA_HVID current = fwIdent_rollover(id);
-  if (current != 0 && current == id) fwIdent_releaseHVID(id);
   return current;
 }
 

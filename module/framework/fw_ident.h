@@ -13,12 +13,10 @@
 // Interns the text (if needed) and counts one more holder.
 QVA_HVID fwIdent_get(const QVA_STRING *s);
 // This session's identifier for the text a (possibly stale) identifier
-// holds; 0 when it names nothing usable.  Counts one holder of the result.
+// holds; 0 when it names nothing usable.  Counts one holder of the result,
+// also when `id` is already this session's: a field restored twice in one
+// session then holds two references (the count only guards collection).
 QVA_HVID fwIdent_rollover(QVA_HVID id);
-// What an identifier field holding `id` (and one reference to it) names
-// after a restore: as fwIdent_rollover, but the field's reference moves
-// with it, so an identifier that is already this session's gains no holder.
-QVA_HVID fwIdent_rolloverHeld(QVA_HVID id);
 void fwIdent_acquireHVID(QVA_HVID id);
 // Makes an identifier field name the text `s`: the reference the field
 // held (if any) is given back and one is taken on the new identifier.

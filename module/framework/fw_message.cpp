@@ -70,7 +70,7 @@ void message_restore(ClassPart message) {
   hasahandler_restore(HasAHandler_from_Message(message));
   MessageData *d = message_data(message);
   if (d->version < 1) d->version = 1;
-  d->mess_ident = fwIdent_rolloverHeld(d->mess_ident);
+  d->mess_ident = fwIdent_rollover(d->mess_ident);
 }
 
 ClassPart createMessage(void) {

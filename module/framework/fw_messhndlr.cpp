@@ -3,10 +3,12 @@
 // Dispatch, behaviour registration at handlers, message scoping and the
 // top-level handler.  Every upward walk re-reads the chain as it goes,
 // because behaviours run during a dispatch, and re-registrations during
-// scoping, may change links, lists and even delete the top-level handler.
+// scoping, may change links, lists and even delete the top-level handler;
+// a chain that loops (a restored session may hold one) ends with an error.
 #include "framework/fw_messhndlr.h"
 
 #include <algorithm>
+#include <unordered_set>
 #include <vector>
 
 #include "containers/maph.h"
@@ -45,10 +47,12 @@ ClassPart HasAHandler_from_MessageHandler(ClassPart part) { return part; }
 
 namespace {
 
-// The handler the walk goes on to from `handler`, or none at the top.
-bool climb(ClassPart &handler) {
+// The handler the walk goes on to from `handler`, or none at the top; a
+// chain that loops ends the routine with an error (see HandlerChainGuard).
+bool climb(ClassPart &handler, HandlerChainGuard &guard) {
   QVA_HVID parent = hasahandler_handler(HasAHandler_from_MessageHandler(handler));
   if (!parent) return false;
+  handlerChain_visit(&guard, parent);
   handler = MessageHandler_from_hvid(parent);
   return true;
 }
@@ -86,6 +90,8 @@ void reregisterAll(QVA_HVID list) {
 // ---------------------------------------------------- top-level handler
 
 static QVA_HVID _top_level_handler_ = 0;
+// Process memory only, like the top-level handler itself.
+static std::unordered_set<QVA_HVID> retired_top_levels;
 
 int messagehandler_init(ClassPart handler, FwKeywordFields *kw) {
   if (!hasahandler_init(HasAHandler_from_MessageHandler(handler), kw)) return 0;
@@ -124,6 +130,12 @@ void QVA_fwMessagehandler_RstTopLev(void) { _top_level_handler_ = 0; }
 
 int amITopLevel(QVA_HVID hvid) { return hvid != 0 && hvid == _top_level_handler_; }
 
+int messagehandler_retiredTopLevel(QVA_HVID hvid) {
+  return !retired_top_levels.empty() && retired_top_levels.count(hvid) ? 1 : 0;
+}
+
+void messagehandler_forgetRetired(void) { retired_top_levels = {}; }
+
 // ------------------------------------------------------------- dispatch
 
 QVA_HVID messagehandler_behaviorList(ClassPart handler, QVA_HVID ident) {
@@ -151,20 +163,14 @@ QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count) {
   return ids;
 }
 
-QVA_HVID messagehandler_nearestList(ClassPart handler, QVA_HVID ident) {
-  do {
-    if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) return list;
-  } while (climb(handler));
-  return 0;
-}
-
 void messagehandler_sendMessage(ClassPart handler, QVA_HVID ident, QVA_VPTR arg) {
+  HandlerChainGuard guard;
   do {
     if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
       messagehandler_execBehaviors(list, arg);
       return;
     }
-  } while (climb(handler));
+  } while (climb(handler, guard));
   // Unclaimed at the top: dropped.
 }
 
@@ -195,12 +201,13 @@ void messagehandler_execBehaviors(QVA_HVID list, QVA_VPTR arg) {
 
 void messagehandler_addBehavior(ClassPart handler, ClassPart behavior) {
   QVA_HVID ident = behavior_messIdent(behavior);
+  HandlerChainGuard guard;
   do {
     if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
       maphInsert(list, behavior.hvid, 0, behavior_compare);
       return;
     }
-  } while (climb(handler));
+  } while (climb(handler, guard));
   // No scope on the way up: the top-level handler claims the message.
   messagehandler_scopeMessage(handler, ident);
   if (QVA_HVID list = messagehandler_behaviorList(handler, ident))
@@ -209,6 +216,7 @@ void messagehandler_addBehavior(ClassPart handler, ClassPart behavior) {
 
 void messagehandler_removeBehavior(ClassPart handler, ClassPart behavior) {
   QVA_HVID ident = behavior_messIdent(behavior);
+  HandlerChainGuard guard;
   do {
     if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
       if (QVA_HVID entry = maphFind(list, behavior.hvid, behavior_compare)) {
@@ -218,7 +226,7 @@ void messagehandler_removeBehavior(ClassPart handler, ClassPart behavior) {
         return;
       }
     }
-  } while (climb(handler));
+  } while (climb(handler, guard));
 }
 
 void messagehandler_cleanup(ClassPart handler) {
@@ -256,7 +264,7 @@ void messagehandler_restore(ClassPart handler) {
   // Rolling a key over keeps its text, so the map's order still holds.
   for (QVA_HVID e = maphBegin(map); e != map; e = map_rbh_deref(e)->FLINK) {
     QVA_MAP_RBH_NODE *node = map_rbh_deref(e);
-    node->KEY = fwIdent_rolloverHeld(node->KEY);
+    node->KEY = fwIdent_rollover(node->KEY);
   }
 }
 
@@ -274,16 +282,18 @@ void messagehandler_scopeMessage(ClassPart handler, QVA_HVID ident) {
   maphInsert(map, ident, list, messageIdentCompare);
   unused.list = 0;
   fwIdent_acquireHVID(ident);
-  if (climb(handler)) messagehandler_rescopeBehaviors(handler, ident);
+  HandlerChainGuard guard;
+  if (climb(handler, guard)) messagehandler_rescopeBehaviors(handler, ident);
 }
 
 void messagehandler_rescopeBehaviors(ClassPart handler, QVA_HVID ident) {
+  HandlerChainGuard guard;
   do {
     if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
       reregisterAll(list);
       return;
     }
-  } while (climb(handler));
+  } while (climb(handler, guard));
 }
 
 void messagehandler_unscopeMessage(ClassPart handler, QVA_HVID ident) {
@@ -306,6 +316,7 @@ void messagehandler_unscopeMessage(ClassPart handler, QVA_HVID ident) {
   // The top-level handler exists only while it scopes something.  Its
   // object goes without CLEANUP: the map is freed here.
   if (amITopLevel(handler.hvid) && maphEmpty(map)) {
+    retired_top_levels.insert(handler.hvid);
     QVA_HeapVarDelete(handler.hvid, 0, 0);
     maphFree(map);
     QVA_fwMessagehandler_RstTopLev();
@@ -443,8 +454,7 @@ QVA_VPTR QVA_fwMessageHandler_ScopedMess(int, QVA_VPTR argv[]) {
     QVA_HVPTR ident = QVA_HeapVarHashFind(maphKey(e));
     if (!ident || ident->var.type != QVA_TYP_STRING)
       QVA_MessageFromBlock(qva_cobalt_msg_block, QVA_M_COBALT_FWMSG_IDCORRUPT, QVA_MSG_LONGJMP);
-    texts[i] = ident->var.value.str;
-    QVA_StrDup(&texts[i], 1);
+    texts[i] = fw_ownedText(ident->var.value.str);
   }
   return result;
 }

@@ -30,6 +30,14 @@ QVA_HVID currentTopLevelHandler(void);
 // Forgets the top-level handler; deletes nothing.
 void QVA_fwMessagehandler_RstTopLev(void);
 int amITopLevel(QVA_HVID hvid);
+// 1 when `hvid` named a top-level handler that the module deleted when its
+// last scope went.  HANDLER hands the top-level handler out, so objects may
+// name it as their parent; such a link still means "the top-level handler"
+// and is read as the current one.
+int messagehandler_retiredTopLevel(QVA_HVID hvid);
+// Forgets the retired top-level handlers (at session reset: their
+// identifiers are never issued again, and nothing names them any more).
+void messagehandler_forgetRetired(void);
 
 // ------------------------------------------------------------- dispatch
 
@@ -39,10 +47,6 @@ QVA_HVID messagehandler_behaviorList(ClassPart handler, QVA_HVID ident);
 // The behaviours of a list in list order, in a block from the host
 // allocator that the caller frees (QVA_MemFreeQuiet); null when empty.
 QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count);
-// The list a behaviour registering from `handler` for `ident` joins: the
-// nearest one up the chain, 0 when there is none (the top-level handler
-// would then scope the message).
-QVA_HVID messagehandler_nearestList(ClassPart handler, QVA_HVID ident);
 void messagehandler_sendMessage(ClassPart handler, QVA_HVID ident, QVA_VPTR arg);
 void messagehandler_execBehaviors(QVA_HVID list, QVA_VPTR arg);
 void messagehandler_addBehavior(ClassPart handler, ClassPart behavior);

@@ -38,8 +38,7 @@ ClassPart Behavior_from_ProcBehav(ClassPart part) { return part; }
 // ------------------------------------------------- internal operations
 
 void fw_setOwnedString(QVA_STRING *field, const QVA_STRING &name) {
-  QVA_STRING copy = name;
-  QVA_StrDup(&copy, 1);
+  QVA_STRING copy = fw_ownedText(name);
   QVA_StrDelete(field, 1);
   *field = copy;
 }

@@ -66,9 +66,11 @@ TEST_F(NetworkTest, ScopingMovesOnlyTheBehavioursWhoseChainPassesThroughTheNewSc
   EXPECT_EQ(Behaviors(c, "M"), (Ids{x, y, added}));
 }
 
-// Scoping below the top-level handler once deleted and remade it while it
-// still held behaviours.
-TEST_F(NetworkTest, ScopingBelowTheTopKeepsTheTopLevelHandlerForWhatStaysThere) {
+// Re-registration is an unregistration and a registration, also for a
+// behaviour that ends where it was: the top-level handler it leaves empty
+// retires, and it registers at a new one.  A link that named the retired
+// handler (as HANDLER gave it) once failed every send; it reads as the new one.
+TEST_F(NetworkTest, ScopingBelowTheTopRetiresItAndLinksToItFollowTheNewOne) {
   const QVA_HVID x = NewBehavior("M", {.handler = b_}), y = NewBehavior("M");
   const QVA_HVID top = TopLevel();
   ASSERT_EQ(Behaviors(top, "M"), (Ids{x, y}));
@@ -76,10 +78,25 @@ TEST_F(NetworkTest, ScopingBelowTheTopKeepsTheTopLevelHandlerForWhatStaysThere) 
   SetHandler(msg, HandlerOf(msg));  // linked to the top by name, as HANDLER gave it
   Scope(a_, "M");
   EXPECT_EQ(Behaviors(a_, "M"), Ids{x});
-  EXPECT_EQ(TopLevel(), top) << "it still scopes M for Y";
-  EXPECT_EQ(Behaviors(top, "M"), Ids{y});
+  EXPECT_FALSE(Alive(top)) << "Y's unregistration emptied it";
+  const QVA_HVID second = TopLevel();
+  ASSERT_NE(second, 0u);
+  EXPECT_EQ(Behaviors(second, "M"), Ids{y});
+  EXPECT_EQ(FieldRef<QVA_HVID>(msg, "MYHANDLER"), top) << "the link itself is left alone";
+  EXPECT_EQ(HandlerOf(msg), second);
+  // Y alone at the top, M scoped at a handler its chain does not pass.
+  Scope(NewHandler(), "M");
+  EXPECT_FALSE(Alive(second));
+  const QVA_HVID third = TopLevel();
+  EXPECT_EQ(Behaviors(third, "M"), Ids{y});
+  EXPECT_TRUE(IsRegistered(y));
   Send(msg);
   EXPECT_EQ(Selves(), Ids{y});
+  // A handler the language destroys is another matter: links to it fail.
+  const QVA_HVID gone = NewHandler();
+  SetHandler(msg, gone);
+  Destroy(gone);
+  EXPECT_EQ(ExpectHostError([&] { Send(msg); }).code, qvahost::M_INVALID_OBJ);
 }
 
 TEST_F(NetworkTest, IsScopedAndScopedMessagesLookAtThisHandlerOnly) {

@@ -136,16 +136,26 @@ TEST_F(RestoreTest, EachRestoreRunsOnceWhateverTheArrayAndThePeers) {
   EXPECT_FALSE(Alive(again[kQ]));
 }
 
-// Restoring objects of this session (their identifiers already this
-// session's) once gave them an extra identifier reference.
-TEST_F(RestoreTest, RestoringObjectsOfThisSessionAgainKeepsTheirCounts) {
+// Every RESTORE replaces each identifier field by the rollover, which takes
+// a reference, also on an identifier that is already this session's.
+TEST_F(RestoreTest, RestoringObjectsOfThisSessionAgainTakesAReferenceEachTime) {
   const Ids ids = Build();
+  const QVA_HVID m = IdentOf("M"), n = IdentOf("N");
+  ASSERT_TRUE(SurvivesRelease(m, 4)) << "A's scope, X, Y, Q and M1";
+  ASSERT_TRUE(SurvivesRelease(n, 2)) << "the top's scope, Z and M2";
   RestoreArray(ids);
   Proc(ids[kM1], "RESTORE");
   Proc(ids[kX], "RESTORE");
   Proc(ids[kA], "RESTORE");
   EXPECT_EQ(Sent(ids[kM1]), (Ids{ids[kX], ids[kY]}));
-  // The fixture's end collects every identifier once the objects are gone.
+  // One more for A's key, X, Y, Q and M1 in the array, and for M1, X and A
+  // again; Z and M2 for N (Z's move to a new top-level handler gives one
+  // scope reference back and takes one).
+  EXPECT_TRUE(SurvivesRelease(m, 12));
+  EXPECT_TRUE(SurvivesRelease(n, 4));
+  // Given back here, the fixture's leak check finds no more holders than that.
+  for (int i = 0; i < 8; ++i) IdentRoutine("FWIDENT_RELEASE", m);
+  for (int i = 0; i < 2; ++i) IdentRoutine("FWIDENT_RELEASE", n);
 }
 
 // The restore renumbers heap variables; behaviour lists, kept in identifier
