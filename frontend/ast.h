@@ -66,16 +66,28 @@ struct Expr {
   Expr(Kind k, int l) : kind(k), line(l) {}
   Expr(const Expr &) = delete;
   Expr &operator=(const Expr &) = delete;
-  // A left chain (a+b+c..., s.a.b..., a[i].b->m()) is as deep as it is
-  // long; it is taken apart link by link here so that freeing it does not
-  // nest one call per link.  Every other kid is bounded by the parser's
-  // nesting limit.
+  // An expression tree is as deep as its source nests (a left chain
+  // a+b+c..., s.a.b... is as deep as it is long): it is taken apart here
+  // with a work list, so that freeing it never nests one call per level.
   ~Expr() {
-    ExprPtr next = kids.empty() ? nullptr : std::move(kids[0]);
-    while (next) {
-      ExprPtr link = std::move(next);
-      if (!link->kids.empty()) next = std::move(link->kids[0]);
+    std::vector<ExprPtr> work;
+    take_children(work);
+    while (!work.empty()) {
+      ExprPtr e = std::move(work.back());
+      work.pop_back();
+      if (e) e->take_children(work);  // e is freed childless: no recursion
     }
+  }
+
+ private:
+  void take_children(std::vector<ExprPtr> &work) {
+    for (ExprPtr &k : kids) work.push_back(std::move(k));
+    for (Arg &a : args) work.push_back(std::move(a.value));
+    for (Index &i : indices) {
+      work.push_back(std::move(i.lo));
+      work.push_back(std::move(i.hi));
+    }
+    for (auto &f : fields) work.push_back(std::move(f.second));
   }
 };
 
