@@ -157,9 +157,11 @@ void fwIdent_acquireHVID(QVA_HVID id) {
 }
 
 void fwIdent_setField(QVA_HVID *field, const QVA_STRING *s) {
+  // Interned before the old one is given up: a failed interning leaves the
+  // field naming what it named, never a null identifier a send then meets.
+  const QVA_HVID interned = fwIdent_get(s);
   if (*field) fwIdent_releaseHVID(*field);
-  *field = 0;  // holds nothing if the interning below fails
-  *field = fwIdent_get(s);
+  *field = interned;
 }
 
 int fwIdent_isIdentifier(QVA_HVID id) {

@@ -80,10 +80,11 @@ TEST_F(Eval, MethodsResolveThroughTheClassChainAndSuperclassCalls) {
       "PRO Dog__define\n  v = {Dog, INHERITS Animal, tricks: 0L}\nEND\n"
       "FUNCTION Dog::Init, TRICKS=tricks, _REF_EXTRA=ex\n"
       "  self.tricks = tricks & RETURN, self->Animal::Init(_EXTRA=ex)\nEND\n"
-      "FUNCTION Dog::Sound\n  RETURN, 'woof (not ' + self->Animal::Sound() + ')'\nEND\n");
+      "FUNCTION Dog::Sound\n  RETURN, 'woof (not ' + self->Animal::Sound() + ')'\nEND\n"
+      "FUNCTION Dog::Tricks\n  RETURN, self.tricks\nEND\n");
   EXPECT_EQ(Run("d = OBJ_NEW('Dog', NAME='rex', TRICKS=3) & a = OBJ_NEW('Animal', NAME='cat')\n"
                 "d->Speak & a->Speak\n"
-                "PRINT, d.tricks, OBJ_ISA(d, 'Animal'), OBJ_ISA(a, 'Dog'), ' ', OBJ_CLASS(d), ' ',"
+                "PRINT, d->Tricks(), OBJ_ISA(d, 'Animal'), OBJ_ISA(a, 'Dog'), ' ', OBJ_CLASS(d), ' ',"
                 " OBJ_CLASS(d, /SUPERCLASS)\n"),
             "rex says woof (not ...)\ncat says ...\n           3   1   0 DOG ANIMAL\n");
   std::string err = Run("a->Fly\n", "t.pro", false);
@@ -199,16 +200,22 @@ TEST_F(Eval, LongOperatorFieldAndMethodChainsEndInAResult) {
   for (int i = 0; i < 100000; ++i) lines += (i % 2 ? "- 1 $\n" : "+ 3 $\n");
   EXPECT_EQ(Run(lines + "+ 0\nPRINT, y\n"), "      100000\n");
 
+  // Instance data is reached inside methods only, so the chains are bodies.
   Run("PRO Link__define\n  v = {Link, a: OBJ_NEW(), v: 0L}\nEND\n"
       "FUNCTION Link::Me\n  RETURN, self\nEND\n"
-      "o = OBJ_NEW('Link') & o.a = o & o.v = 7\n");
-  std::string fields = "o";
+      "FUNCTION Link::V\n  RETURN, self.v\nEND\n"
+      "PRO Link::Tie\n  self.a = self & self.v = 7\nEND\n"
+      "o = OBJ_NEW('Link') & o->Tie\n");
+  std::string fields = "self";
   for (int i = 0; i < 30000; ++i) fields += ".a";
-  EXPECT_EQ(Run("PRINT, " + fields + ".v\n"), "           7\n");
-  EXPECT_EQ(Run(fields + ".v = 8 & PRINT, o.v\n"), "           8\n");
-  std::string mixed = "o";
+  EXPECT_EQ(Run("FUNCTION Link::Far\n  RETURN, " + fields + ".v\nEND\nPRINT, o->Far()\n"),
+            "           7\n");
+  EXPECT_EQ(Run("PRO Link::SetFar\n  " + fields + ".v = 8\nEND\no->SetFar & PRINT, o->V()\n"),
+            "           8\n");
+  std::string mixed = "self";
   for (int i = 0; i < 10000; ++i) mixed += "->Me().a[0]";
-  EXPECT_EQ(Run("PRINT, " + mixed + ".v\n"), "           8\n");
+  EXPECT_EQ(Run("FUNCTION Link::Mixed\n  RETURN, " + mixed + ".v\nEND\nPRINT, o->Mixed()\n"),
+            "           8\n");
   Run("OBJ_DESTROY, o");
 }
 
