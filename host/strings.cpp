@@ -3,9 +3,11 @@
 // A string descriptor holds a 32-bit reference instead of a pointer, so that
 // it is 12 bytes on every build.  A reference is a slot number (low 24 bits,
 // plus one so that no live reference is 0) and the slot's generation (high
-// 8 bits).  Releasing a text bumps its slot's generation, and freed slots
-// are reused oldest first, so a stale reference read again is recognised as
-// such and reported instead of reading someone else's text.
+// 8 bits).  Texts never change once made, so copies of a whole text share
+// its slot, which counts its holders.  Releasing the last holder bumps the
+// slot's generation, and freed slots are reused oldest first, so a stale
+// reference read again is recognised as such and reported instead of
+// reading someone else's text.
 #include <cstring>
 #include <memory>
 
@@ -21,19 +23,26 @@ constexpr unsigned kPageBits = 12;
 constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
 constexpr QVA_INT kOwnsText = 1;  // stype of a descriptor holding a text
 
-// One cache line.  A short text is kept in the slot itself, so that reading
-// it (a key compared on every level of a tree walk, say) touches the slot's
-// line only; a longer one gets a block of its own.
-constexpr size_t kSlotTextBytes = 46;
-struct alignas(64) Slot {
-  char *text = nullptr;  // `small` or a block of its own
-  uint32_t len = 0;
-  uint32_t next_free = 0;  // slot number + 1 of the next free slot; 0 = none
-  uint8_t gen = 0;
-  bool live = false;
-  char small[kSlotTextBytes];
+// Half a cache line.  A short text (most keys and names) is kept in the
+// slot itself, so that reading it (a key compared on every level of a tree
+// walk, say) touches the slot only and costs no block of its own; a longer
+// one gets a block, whose address takes the slot's text bytes.  A free slot
+// keeps the next free slot's number there instead.
+constexpr size_t kSlotTextBytes = 24;
+struct alignas(32) Slot {
+  union {
+    char small[kSlotTextBytes];  // len < kSlotTextBytes: the text and its NUL
+    char *block;                 // otherwise: a block of its own
+    uint32_t next_free;          // free: slot number + 1 of the next; 0 = none
+  };
+  uint32_t len;
+  uint8_t gen;
+  bool live;
+  uint16_t holders;  // descriptors sharing the text: copies share, not copy
+
+  const char *text() const { return len < kSlotTextBytes ? small : block; }
 };
-static_assert(sizeof(Slot) == 64, "a text slot is one cache line");
+static_assert(sizeof(Slot) == 32, "a text slot is half a cache line");
 
 struct TextTable {
   std::vector<std::unique_ptr<Slot[]>> pages;
@@ -77,7 +86,7 @@ uint32_t take_slot(TextTable &t) {
   }
   if (t.used == kMaxSlots) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
   if ((t.used >> kPageBits) == t.pages.size()) {
-    Slot *page = new (std::nothrow) Slot[kPageSize];
+    Slot *page = new (std::nothrow) Slot[kPageSize]();  // zeroed: free, generation 0
     if (!page) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
     t.pages.emplace_back(page);
   }
@@ -108,14 +117,29 @@ const char *stale(uint32_t ref) {
   if (!s) return stale(d->s);
   *len = d->slen < 0 ? 0 : static_cast<size_t>(d->slen);
   if (*len > s->len) *len = s->len;
-  return s->text;
+  return s->text();
 }
 
-// A descriptor owning a copy of d's text.
+// A descriptor owning a copy of d's text.  Texts never change once made,
+// so a copy of the whole text shares its slot (a behaviour's procedure
+// name, a map's key taken from an argument); only a copy of part of it, or
+// of a text with as many holders as the count can take, gets a slot of its
+// own.  Sharing still counts as an allocation where failures are injected,
+// so that every caller's recovery from a copy that cannot be made stays
+// exercised.
 QVA_STRING copy_of(const QVA_STRING &d) {
   size_t len;
   const char *text = text_of(&d, &len);
   QVA_STRING out{};
+  Slot *shared = len ? lookup(d.s) : nullptr;
+  if (shared && len == shared->len && shared->holders < UINT16_MAX) {
+    if (allocation_fails()) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
+    shared->holders++;
+    out.slen = static_cast<QVA_LONG>(len);
+    out.stype = kOwnsText;
+    out.s = d.s;
+    return out;
+  }
   string_set(&out, text, len);
   return out;
 }
@@ -160,13 +184,14 @@ uint32_t text_new(const char *s, size_t len) {
     throw;
   }
   Slot &slot = slot_at(t, index);
+  if (!in_slot) slot.block = block;
   char *text = in_slot ? slot.small : block;
   if (s)
     std::memcpy(text, s, len);
   else
     std::memset(text, ' ', len);
   text[len] = '\0';
-  slot.text = text;
+  slot.holders = 1;
   slot.len = static_cast<uint32_t>(len);
   slot.live = true;
   counters().texts++;
@@ -180,8 +205,9 @@ void text_release(uint32_t ref) {
     stale(ref);
     return;
   }
-  if (s->text != s->small) raw_free(s->text);
-  s->text = nullptr;
+  if (--s->holders > 0) return;
+  if (s->len >= kSlotTextBytes) raw_free(s->block);
+  s->len = 0;
   s->live = false;
   s->gen++;
   put_slot(table(), (ref & kIndexMask) - 1);
@@ -191,7 +217,7 @@ void text_release(uint32_t ref) {
 const char *text_get(uint32_t ref) {
   if (ref == 0) return "";
   Slot *s = lookup(ref);
-  return s ? s->text : stale(ref);
+  return s ? s->text() : stale(ref);
 }
 
 void string_set(QVA_STRING *out, const char *s, size_t len) {

@@ -42,23 +42,34 @@ TEST_F(StringsTest, StoreOwnsACopyAndEmptyStringsHoldNoText) {
   QVA_StrDelete(&a, 1);  // nothing to release, and no complaint
 }
 
-TEST_F(StringsTest, DupGivesEveryDescriptorItsOwnTextOrChangesNothing) {
+// A copy shares the text, counted: each holder releases it once, and the
+// text goes (and reads as stale) with the last one.
+TEST_F(StringsTest, DupSharesTheTextUntilItsLastHolderOrChangesNothing) {
   QVA_STRING arr[3] = {Stored("one"), Stored(""), Stored("three")};
-  QVA_STRING shared[3] = {arr[0], arr[1], arr[2]};  // by value: shares the texts
+  QVA_STRING shared[3] = {arr[0], arr[1], arr[2]};  // by value: not yet holders
   QVA_StrDup(shared, 3);
-  EXPECT_NE(shared[0].s, arr[0].s);
   EXPECT_EQ(shared[1].s, 0u);
-  EXPECT_EQ(qvahost::accounting().texts, baseline_.texts + 4);
+  EXPECT_EQ(qvahost::accounting().texts, baseline_.texts + 2);
   QVA_StrDelete(arr, 3);
   EXPECT_EQ(Text(shared[0]), "one");
   EXPECT_EQ(Text(shared[2]), "three");
-  // All or nothing when a text cannot be made.
+  // All or nothing when a copy cannot be made.
   QVA_STRING copy[3] = {shared[0], shared[1], shared[2]};
   qvahost::fail_allocation_after(2);
   ExpectHostError([&] { QVA_StrDup(copy, 3); });
   for (int i = 0; i < 3; ++i) EXPECT_EQ(copy[i].s, shared[i].s);
-  EXPECT_EQ(qvahost::accounting().texts, baseline_.texts + 2);
-  QVA_StrDelete(shared, 3);
+  QVA_STRING last = shared[0];
+  QVA_StrDelete(shared, 3);  // the failed copy took no holder: the texts go
+  EXPECT_EQ(qvahost::accounting().texts, baseline_.texts);
+  ExpectViolations(1, [&] { EXPECT_STREQ(QVA_STRING_STR(&last), ""); });
+  // Part of a text is a text of its own.
+  QVA_STRING whole = Stored("prefix and more"), part = whole;
+  part.slen = 6;
+  QVA_StrDup(&part, 1);
+  QVA_StrDelete(&whole, 1);
+  EXPECT_EQ(Text(part), "prefix");
+  EXPECT_STREQ(QVA_STRING_STR(&part), "prefix");
+  QVA_StrDelete(&part, 1);
 }
 
 // Bytes compare unsigned (upper case first) and a prefix sorts first. Longer
