@@ -84,6 +84,7 @@ class IdRemap {
   void set_new_id(uint32_t rank, QVA_HVID id) { new_id_[rank] = id; }
   // The new identifier of a saved one that the file holds.
   QVA_HVID new_id(QVA_HVID saved) const { return new_id_[rank(saved)]; }
+  QVA_HVID new_id_of_rank(uint32_t rank) const { return new_id_[rank]; }
 
  private:
   bool dense_ = true;

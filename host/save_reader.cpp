@@ -9,15 +9,18 @@
 // session as it was.
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <unordered_set>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "internal.h"
 #include "save_format.h"
 #include "save_ids.h"
-#include "save_refs.h"
 
 namespace qvahost {
 namespace {
@@ -72,7 +75,7 @@ struct SavedSdef {
   uint64_t min_bytes = 0;     // smallest encoding of one element
   QVA_SDEF live = nullptr;    // the definition in force, when there is one
   // Hidden (a module's own record, as the definition in force says when
-  // there is one): its pointer fields may name objects (save_refs.h).
+  // there is one): its pointer fields may name objects (see remap_reference).
   bool record = false;
   // Where each saved field goes in the live layout (nullptr: dropped).
   std::vector<const TagInfo *> target;
@@ -91,7 +94,10 @@ struct SavedVar {
 
 class Restorer {
  public:
-  Restorer(const uint8_t *data, size_t size) : r_(data, size), data_(data), size_(size) {}
+  // `mapped`: data is a private read-only mapping of a file, whose pages
+  // may be given back once read (reading them again faults them back in).
+  Restorer(const uint8_t *data, size_t size, bool mapped)
+      : r_(data, size), data_(data), size_(size), mapped_(mapped), released_(data) {}
   void check(bool verify_checksum);
   std::vector<std::string> commit();
   // Saved fields the definitions in force have no place for (CLASS.FIELD):
@@ -108,16 +114,20 @@ class Restorer {
   void read_dims(int *n_dim, QVA_MEMINT *dims, QVA_MEMINT *n_elts, uint64_t elt_min);
   void map_fields(SavedSdef &sd);
   void rollback();
+  QVA_HVID remap_reference(QVA_HVID id, int type);
+  void release_read_pages();
 
   Reader r_;
   const uint8_t *data_;
   size_t size_;
+  bool mapped_;
+  const uint8_t *released_;  // the mapping's pages before this are given back
   std::vector<SavedSdef> sdefs_;
   std::vector<SavedHeap> heap_;
   std::vector<SavedVar> vars_;
-  savefile::SavedReferences refs_;
   bool in_record_ = false;  // reading the fields of a hidden structure
   savefile::IdRemap ids_;
+  std::vector<bool> is_object_;  // by rank in ids_
   std::vector<QVA_HVID> made_heap_;
   std::vector<QVA_VARIABLE> staged_;
   std::vector<std::string> dropped_;
@@ -248,12 +258,8 @@ void Restorer::read_elts(Mode mode, int type, int32_t sdef, QVA_UCHAR *dst, QVA_
     case QVA_TYP_OBJREF:
       for (QVA_MEMINT i = 0; i < n; ++i) {
         QVA_HVID id = r_.u32();
-        if (mode == kCheck && id)
-          refs_.note(id, in_record_                ? savefile::SavedReferences::kAnyHeapVar
-                         : type == QVA_TYP_OBJREF ? savefile::SavedReferences::kObject
-                                                  : savefile::SavedReferences::kPointer);
         if (dst) {
-          QVA_HVID mapped = id ? ids_.new_id(id) : 0;
+          QVA_HVID mapped = id ? remap_reference(id, type) : 0;
           std::memcpy(dst + i * sizeof(QVA_HVID), &mapped, sizeof mapped);
         }
       }
@@ -375,14 +381,47 @@ void Restorer::check(bool verify_checksum) {
   }
   if (r_.left() != 4) corrupt("unexpected data at the end");
   std::vector<QVA_HVID> saved_ids;
-  std::vector<bool> is_object;  // by position in the file, then by rank
   saved_ids.reserve(heap_.size());
   for (const SavedHeap &h : heap_) saved_ids.push_back(h.id);
   if (!ids_.build(saved_ids)) corrupt("bad heap identifier");
-  is_object.resize(heap_.size());
-  for (const SavedHeap &h : heap_) is_object[ids_.rank(h.id)] = (h.flags & QVA_HV_OBJECT) != 0;
-  if (std::string problem = refs_.problem(ids_, is_object); !problem.empty()) corrupt(problem);
-  refs_ = {};
+  is_object_.resize(heap_.size());
+  for (const SavedHeap &h : heap_) is_object_[ids_.rank(h.id)] = (h.flags & QVA_HV_OBJECT) != 0;
+}
+
+// The new identifier of a reference the file makes, checked as it is
+// built (a failure rolls the whole restore back): it must name a heap
+// variable of the file, a pointer one for a pointer and an object for an
+// object reference, as code that follows a pointer writes through it as a
+// heap variable and code given an object reference runs its class's
+// methods.  Fields of hidden structures are a module's own records (the
+// nodes of its heap trees), whose pointer fields carry words that name
+// heap variables or objects as the module chooses; there only the
+// target's presence is checked.
+QVA_HVID Restorer::remap_reference(QVA_HVID id, int type) {
+  uint32_t rank = ids_.rank(id);
+  if (rank == savefile::IdRemap::kAbsent)
+    corrupt(format("a reference names heap variable %u, which is not in the file", id));
+  if (!in_record_) {
+    if (type == QVA_TYP_PTR && is_object_[rank])
+      corrupt(format("a pointer names <ObjHeapVar%u>, an object", id));
+    if (type == QVA_TYP_OBJREF && !is_object_[rank])
+      corrupt(format("an object reference names <PtrHeapVar%u>, which is not an object", id));
+  }
+  return ids_.new_id_of_rank(rank);
+}
+
+// The heap variables are built in file order: the file's pages behind the
+// one being read are given back as the heap grows, so that the file and
+// the heap made from it are not both resident at their full size.
+void Restorer::release_read_pages() {
+  constexpr size_t kStep = size_t{4} << 20;
+  if (!mapped_) return;
+  const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t upto = reinterpret_cast<uintptr_t>(r_.pos()) & ~(page - 1);
+  const uintptr_t from = reinterpret_cast<uintptr_t>(released_);
+  if (upto < from + kStep) return;
+  ::madvise(const_cast<uint8_t *>(released_), upto - from, MADV_DONTNEED);
+  released_ = reinterpret_cast<const uint8_t *>(upto);
 }
 
 void Restorer::map_fields(SavedSdef &sd) {
@@ -430,6 +469,7 @@ std::vector<std::string> Restorer::commit() {
       HeapVar *made = heap_find(ids_.new_id(h.id));
       r_.seek(h.value);
       read_value(kBuild, &made->hv.var, true);
+      release_read_pages();
       made->hv.flags |= h.flags & QVA_HV_HELD;
       if (h.flags & QVA_HV_OBJECT) {
         made->hv.flags |= QVA_HV_OBJECT;
@@ -458,9 +498,11 @@ std::vector<std::string> Restorer::commit() {
 
 }  // namespace
 
-std::vector<std::string> restore_from_bytes(const uint8_t *data, size_t size,
-                                            bool verify_checksum) {
-  Restorer restorer(data, size);
+namespace {
+
+std::vector<std::string> restore_bytes(const uint8_t *data, size_t size, bool verify_checksum,
+                                       bool mapped) {
+  Restorer restorer(data, size, mapped);
   try {
     restorer.check(verify_checksum);
     std::vector<std::string> restored = restorer.commit();
@@ -479,21 +521,57 @@ std::vector<std::string> restore_from_bytes(const uint8_t *data, size_t size,
   }
 }
 
+}  // namespace
+
+std::vector<std::string> restore_from_bytes(const uint8_t *data, size_t size,
+                                            bool verify_checksum) {
+  return restore_bytes(data, size, verify_checksum, false);
+}
+
+namespace {
+
+// A regular file mapped read-only: restored from where it lies in the page
+// cache, with no zero-filled buffer to read it into and no copy.
+class MappedFile {
+ public:
+  explicit MappedFile(const std::string &path) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    struct stat st {};
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
+      void *p = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+      if (p != MAP_FAILED) {
+        data_ = static_cast<const uint8_t *>(p);
+        size_ = static_cast<size_t>(st.st_size);
+        ::madvise(p, size_, MADV_SEQUENTIAL);
+      }
+    }
+    ::close(fd);
+  }
+  ~MappedFile() {
+    if (data_) ::munmap(const_cast<uint8_t *>(data_), size_);
+  }
+  MappedFile(const MappedFile &) = delete;
+  MappedFile &operator=(const MappedFile &) = delete;
+  const uint8_t *data() const { return data_; }
+  size_t size() const { return size_; }
+
+ private:
+  const uint8_t *data_ = nullptr;
+  size_t size_ = 0;
+};
+
+}  // namespace
+
 std::vector<std::string> restore(const std::string &path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) raise_fmt(M_BAD_ARG, "Unable to open save file: %s.", path.c_str());
+  // A regular file is mapped; anything else (a pipe, a directory, an empty
+  // file) is read to its end as a stream.
+  MappedFile mapped(path);
+  if (mapped.data()) return restore_bytes(mapped.data(), mapped.size(), true, true);
   std::vector<uint8_t> bytes;
-  // A regular file is read at once into a buffer of its size; anything
-  // else (a pipe, a directory) is read to its end as a stream.
-  std::error_code ec;
-  std::uintmax_t size = std::filesystem::file_size(path, ec);
-  if (!ec && std::filesystem::is_regular_file(path, ec) && !ec) {
-    bytes.resize(static_cast<size_t>(size));
-    in.read(reinterpret_cast<char *>(bytes.data()), static_cast<std::streamsize>(size));
-    bytes.resize(static_cast<size_t>(in.gcount()));
-  } else {
-    bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   return restore_from_bytes(bytes.data(), bytes.size());
 }
 
