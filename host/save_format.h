@@ -21,6 +21,10 @@
 //   is its fields in order, each as its elements.
 #pragma once
 
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -72,10 +76,26 @@ enum Shape : uint8_t { kScalar = 0, kArray = 1, kStructArray = 2 };
 
 uint32_t crc32(const uint8_t *data, size_t size);
 
-// Appends encoded values to a byte buffer.
+uint32_t crc32_update(uint32_t crc, const uint8_t *data, size_t size);
+
+// Appends encoded values to a byte buffer, keeping the checksum of
+// everything written.  With a sink, the buffer is handed to the sink
+// whenever it holds kSpill bytes, so that a large save never sits in
+// memory whole; without one it grows by doubling with realloc (which moves
+// a large block by remapping its pages rather than copying them) and is
+// never zero-filled first.
 class Writer {
  public:
-  void u8(uint8_t v) { out_.push_back(v); }
+  using Sink = void (*)(void *context, const uint8_t *data, size_t size);
+  static constexpr size_t kSpill = size_t{1} << 20;
+
+  Writer() = default;
+  Writer(Sink sink, void *context) : sink_(sink), context_(context) {}
+  Writer(const Writer &) = delete;
+  Writer &operator=(const Writer &) = delete;
+  ~Writer() { std::free(data_); }
+
+  void u8(uint8_t v) { bytes(&v, 1); }
   void u16(uint16_t v) { bytes(&v, 2); }
   void u32(uint32_t v) { bytes(&v, 4); }
   void i32(int32_t v) { bytes(&v, 4); }
@@ -85,12 +105,46 @@ class Writer {
     bytes(s, n);
   }
   void bytes(const void *p, size_t n) {
-    const auto *b = static_cast<const uint8_t *>(p);
-    out_.insert(out_.end(), b, b + n);
+    if (n > cap_ - size_) grow(n);
+    if (n) std::memcpy(data_ + size_, p, n);
+    size_ += n;
+    if (sink_ && size_ >= kSpill) flush();
   }
-  std::vector<uint8_t> &buffer() { return out_; }
+  // The checksum of everything written so far.
+  uint32_t checksum() {
+    flush_checksum();
+    return crc_;
+  }
+  // Hands what is buffered to the sink (with one).
+  void flush() {
+    flush_checksum();
+    if (sink_ && size_) sink_(context_, data_, size_);
+    if (sink_) size_ = summed_ = 0;
+  }
+  // Without a sink: everything written.
+  const uint8_t *data() const { return data_; }
+  size_t size() const { return size_; }
+
  private:
-  std::vector<uint8_t> out_;  // host is little-endian (checked in the writer)
+  void flush_checksum() {
+    crc_ = crc32_update(crc_, data_ + summed_, size_ - summed_);
+    summed_ = size_;
+  }
+  void grow(size_t more) {
+    size_t cap = cap_ ? cap_ * 2 : size_t{64} << 10;
+    while (cap - size_ < more) cap *= 2;
+    void *p = std::realloc(data_, cap);
+    if (!p) throw std::bad_alloc();
+    data_ = static_cast<uint8_t *>(p);
+    cap_ = cap;
+  }
+  Sink sink_ = nullptr;
+  void *context_ = nullptr;
+  uint8_t *data_ = nullptr;  // host is little-endian (checked in the writer)
+  size_t size_ = 0;
+  size_t cap_ = 0;
+  size_t summed_ = 0;  // buffered bytes already in crc_
+  uint32_t crc_ = 0;
 };
 
 // Reads encoded values; any read past the end throws Truncated.

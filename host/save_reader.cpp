@@ -14,6 +14,7 @@
 #include <unordered_set>
 
 #include <fcntl.h>
+#include <zlib.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -575,19 +576,11 @@ std::vector<std::string> restore(const std::string &path) {
   return restore_from_bytes(bytes.data(), bytes.size());
 }
 
-uint32_t savefile::crc32(const uint8_t *data, size_t size) {
-  static const auto table = [] {
-    std::array<uint32_t, 256> t{};
-    for (uint32_t i = 0; i < 256; ++i) {
-      uint32_t c = i;
-      for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-      t[i] = c;
-    }
-    return t;
-  }();
-  uint32_t c = 0xFFFFFFFFu;
-  for (size_t i = 0; i < size; ++i) c = table[(c ^ data[i]) & 0xFF] ^ (c >> 8);
-  return c ^ 0xFFFFFFFFu;
+// zlib's CRC-32 (polynomial 0xEDB88320, reflected, inverted in and out).
+uint32_t savefile::crc32_update(uint32_t crc, const uint8_t *data, size_t size) {
+  return size ? static_cast<uint32_t>(::crc32_z(crc, data, size)) : crc;
 }
+
+uint32_t savefile::crc32(const uint8_t *data, size_t size) { return crc32_update(0, data, size); }
 
 }  // namespace qvahost

@@ -2,7 +2,12 @@
 // they reach, and the structure definitions all of those values need.
 #include <bit>
 #include <deque>
-#include <fstream>
+#include <cerrno>
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <unordered_map>
 
 #include "internal.h"
@@ -204,47 +209,139 @@ void SaveSet::write(Writer &w) const {
     w.text(name.data(), name.size());
     write_value(w, v);
   }
-  w.u32(savefile::crc32(w.buffer().data(), w.buffer().size()));
+  w.u32(w.checksum());
+  w.flush();
 }
 
-std::vector<uint8_t> finish(SaveSet &set) {
+// Encodes the set into `w`.
+void finish(SaveSet &set, Writer &w) {
   set.close();
-  Writer w;
   set.write(w);
-  return std::move(w.buffer());
 }
 
-void write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (out) out.write(reinterpret_cast<const char *>(bytes.data()),
-                     static_cast<std::streamsize>(bytes.size()));
-  if (!out) raise_fmt(M_BAD_ARG, "Error writing save file: %s.", path.c_str());
+std::vector<uint8_t> bytes_of(const Writer &w) { return {w.data(), w.data() + w.size()}; }
+
+// A save file being written: a temporary beside the destination that
+// takes the destination's place once complete, so that a SAVE that fails
+// part-way leaves the file it would have replaced as it was.  Where no
+// temporary can be made beside it, the destination is written directly.
+class SaveFile {
+ public:
+  explicit SaveFile(const std::string &path) : path_(path) {
+    // A link is followed: the file it names is the one replaced.
+    if (char *real = ::realpath(path.c_str(), nullptr)) {
+      target_ = real;
+      std::free(real);
+    } else {
+      target_ = path;
+    }
+    // Only a regular file (or none yet) is replaced: a device or a pipe is
+    // written to where it is.
+    struct stat st {};
+    const bool exists = ::stat(target_.c_str(), &st) == 0;
+    std::string tmp = target_ + ".saving-XXXXXX";
+    if (!exists || S_ISREG(st.st_mode)) fd_ = ::mkstemp(tmp.data());
+    if (fd_ >= 0) {
+      temp_ = tmp;
+      mode_t mode;
+      if (exists) {
+        mode = st.st_mode & 07777;
+      } else {
+        mode_t mask = ::umask(0);
+        ::umask(mask);
+        mode = 0666 & ~mask;
+      }
+      ::fchmod(fd_, mode);
+    } else {
+      fd_ = ::open(target_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    }
+    if (fd_ < 0) fail();
+  }
+  ~SaveFile() {
+    if (fd_ >= 0) ::close(fd_);
+    if (!temp_.empty()) ::unlink(temp_.c_str());
+  }
+  SaveFile(const SaveFile &) = delete;
+  SaveFile &operator=(const SaveFile &) = delete;
+
+  static void sink(void *self, const uint8_t *data, size_t size) {
+    static_cast<SaveFile *>(self)->write(data, size);
+  }
+  void write(const uint8_t *data, size_t size) {
+    while (size) {
+      ssize_t n = ::write(fd_, data, size);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) fail();
+      data += n;
+      size -= static_cast<size_t>(n);
+    }
+  }
+  void commit() {
+    int fd = fd_;
+    fd_ = -1;
+    if (::close(fd) != 0) fail();
+    if (!temp_.empty()) {
+      if (::rename(temp_.c_str(), target_.c_str()) != 0) fail();
+      temp_.clear();
+    }
+  }
+
+ private:
+  [[noreturn]] void fail() { raise_fmt(M_BAD_ARG, "Error writing save file: %s.", path_.c_str()); }
+  std::string path_, target_, temp_;
+  int fd_ = -1;
+};
+
+void write_file(const std::string &path, SaveSet &set) {
+  set.close();  // whatever makes the save impossible is found before any file is touched
+  SaveFile file(path);
+  Writer w(&SaveFile::sink, &file);
+  set.write(w);
+  file.commit();
+}
+
+void add_named(SaveSet &set, const std::vector<std::string> &names) {
+  for (const std::string &name : names) {
+    QVA_VPTR v = find_main_variable(name);
+    if (!v) raise_fmt(M_UNDEFVAR, "Variable is undefined: %s.", name.c_str());
+    set.add_variable(v);
+  }
+}
+
+void add_all(SaveSet &set) {
+  for (QVA_VPTR v : main_variables()) set.add_variable(v);
+  for (QVA_HVID id : heap_all())
+    if (HeapVar *h = heap_find(id)) set.add_heap(h);
 }
 
 }  // namespace
 
 std::vector<uint8_t> save_variables_to_bytes(const std::vector<std::string> &names) {
   SaveSet set;
-  for (const std::string &name : names) {
-    QVA_VPTR v = find_main_variable(name);
-    if (!v) raise_fmt(M_UNDEFVAR, "Variable is undefined: %s.", name.c_str());
-    set.add_variable(v);
-  }
-  return finish(set);
+  add_named(set, names);
+  Writer w;
+  finish(set, w);
+  return bytes_of(w);
 }
 
 std::vector<uint8_t> save_all_to_bytes() {
   SaveSet set;
-  for (QVA_VPTR v : main_variables()) set.add_variable(v);
-  for (QVA_HVID id : heap_all())
-    if (HeapVar *h = heap_find(id)) set.add_heap(h);
-  return finish(set);
+  add_all(set);
+  Writer w;
+  finish(set, w);
+  return bytes_of(w);
 }
 
 void save_variables(const std::string &path, const std::vector<std::string> &names) {
-  write_file(path, save_variables_to_bytes(names));
+  SaveSet set;
+  add_named(set, names);
+  write_file(path, set);
 }
 
-void save_all(const std::string &path) { write_file(path, save_all_to_bytes()); }
+void save_all(const std::string &path) {
+  SaveSet set;
+  add_all(set);
+  write_file(path, set);
+}
 
 }  // namespace qvahost

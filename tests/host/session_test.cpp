@@ -5,6 +5,9 @@
 #include <fstream>
 #include <set>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "host_fixture.h"
 #include "save_format.h"
 #include "save_ids.h"
@@ -357,6 +360,46 @@ TEST_F(SessionTest, SaveRefusesStructuresNestedBeyondWhatRestoreTakes) {
     EXPECT_EQ(error, "Unable to save: structures nested more than 32 levels deep.");
     EXPECT_FALSE(std::ifstream(path).good()) << "nothing written for " << levels << " levels";
   }
+}
+
+// A save file larger than the writer's buffer is written in pieces, with
+// one checksum over the whole; a SAVE that is refused leaves the file it
+// would have replaced as it was; a link is written through, a file keeps
+// its permissions, and a device is written where it is.
+TEST_F(SessionTest, SaveFilesAreWrittenInPiecesAndReplacedOnlyWhenComplete) {
+  const std::string dir = testing::TempDir();
+  const std::string path = dir + "session_pieces.sav", link = dir + "session_pieces_link.sav";
+  std::remove(path.c_str());
+  std::remove(link.c_str());
+  std::vector<std::string> texts;
+  for (int i = 0; i < 200000; ++i) texts.push_back("text number " + std::to_string(i));
+  Set("BIG", qvahost::make_string_array(texts));
+  qvahost::save_variables(path, {"BIG"});
+  ASSERT_GT(std::ifstream(path, std::ios::binary | std::ios::ate).tellg(),
+            static_cast<std::streamoff>(2 * qvahost::savefile::Writer::kSpill));
+  ::chmod(path.c_str(), 0640);
+  ASSERT_EQ(::symlink(path.c_str(), link.c_str()), 0);
+  Set("BIG", qvahost::make_long(0));
+  qvahost::restore(link);
+  QVA_VPTR big = Var("BIG");
+  ASSERT_EQ(big->value.arr->n_elts, 200000);
+  EXPECT_EQ(Text(reinterpret_cast<QVA_STRING *>(big->value.arr->data)[199999]), "text number 199999");
+
+  Set("SMALL", qvahost::make_long(5));
+  qvahost::save_variables(link, {"SMALL"});
+  struct stat st {};
+  ASSERT_EQ(::lstat(link.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link stays a link";
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  const std::streamoff small_size = std::ifstream(path, std::ios::binary | std::ios::ate).tellg();
+  ExpectHostError([&] { qvahost::save_variables(path, {"SMALL", "NO_SUCH_VARIABLE"}); });
+  EXPECT_EQ(std::ifstream(path, std::ios::binary | std::ios::ate).tellg(), small_size);
+  qvahost::save_variables("/dev/null", {"SMALL"});
+  ASSERT_EQ(::stat("/dev/null", &st), 0);
+  EXPECT_TRUE(S_ISCHR(st.st_mode));
+  std::remove(link.c_str());
+  std::remove(path.c_str());
 }
 
 TEST_F(SessionTest, TruncatedOrFlippedFilesAndFailedAllocationsChangeNothing) {
