@@ -129,7 +129,7 @@ class Restorer {
   bool in_record_ = false;  // reading the fields of a hidden structure
   savefile::IdRemap ids_;
   std::vector<bool> is_object_;  // by rank in ids_
-  std::vector<QVA_HVID> made_heap_;
+  std::vector<HeapVar *> made_heap_;  // by rank: records stay where they are made
   std::vector<QVA_VARIABLE> staged_;
   std::vector<std::string> dropped_;
 };
@@ -433,7 +433,7 @@ void Restorer::map_fields(SavedSdef &sd) {
 void Restorer::rollback() {
   for (QVA_VARIABLE &v : staged_) var_free_value(&v);
   staged_.clear();
-  for (QVA_HVID id : made_heap_) heap_delete(id);
+  for (HeapVar *made : made_heap_) heap_delete(made->hv.hash_id);
   made_heap_.clear();
 }
 
@@ -463,11 +463,11 @@ std::vector<std::string> Restorer::commit() {
     for (uint32_t rank = 0; rank < heap_.size(); ++rank) {
       HeapVar *made = heap_new(false, nullptr, false, QVA_MSG_RET);
       if (!made) throw OutOfMemory{};
-      made_heap_.push_back(made->hv.hash_id);
+      made_heap_.push_back(made);
       ids_.set_new_id(rank, made->hv.hash_id);
     }
     for (const SavedHeap &h : heap_) {
-      HeapVar *made = heap_find(ids_.new_id(h.id));
+      HeapVar *made = made_heap_[ids_.rank(h.id)];
       r_.seek(h.value);
       read_value(kBuild, &made->hv.var, true);
       release_read_pages();
