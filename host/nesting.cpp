@@ -50,7 +50,12 @@ StackBounds this_thread_stack() {
   return b;
 }
 
-thread_local const StackBounds t_stack = this_thread_stack();
+// Measured on a thread's first check.  Constant-initialised, with the
+// initial-exec model (the library is loaded with the program, never
+// opened later), so that reading it is a plain load at a fixed offset
+// rather than a call: every routine call reads it.
+[[gnu::tls_model("initial-exec")]] thread_local StackBounds t_stack{};
+[[gnu::tls_model("initial-exec")]] thread_local bool t_stack_measured = false;
 
 }  // namespace
 
@@ -61,6 +66,10 @@ void check_nesting() {
 }
 
 void check_stack() {
+  if (__builtin_expect(!t_stack_measured, 0)) {
+    t_stack = this_thread_stack();
+    t_stack_measured = true;
+  }
   const StackBounds &b = t_stack;
   auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   if (b.low && here - b.low < b.reserve)
