@@ -137,14 +137,9 @@ using algo = rb_tree<map_rbh_policy>;
 
 }  // namespace
 
-QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
-  QVA_HVPTR hv = QVA_HeapVarFind(n);
-  if (!hv) rbh_fail("map_rbh_deref: no heap variable 0x%x", n);
-  const QVA_VARIABLE &v = hv->var;
-  if ((hv->flags & QVA_HV_OBJECT) || !(v.flags & QVA_V_STRUCT) || !v.value.s.arr ||
-      v.value.s.arr->elt_len != static_cast<QVA_MEMINT>(sizeof(QVA_MAP_RBH_NODE)))
-    rbh_fail("map_rbh_deref: heap variable 0x%x is not a map_rbh node", n);
-  return reinterpret_cast<QVA_MAP_RBH_NODE *>(v.value.s.arr->data);
+void map_rbh_deref_failed(QVA_HVID n) {
+  if (!QVA_HeapVarFind(n)) rbh_fail("map_rbh_deref: no heap variable 0x%x", n);
+  rbh_fail("map_rbh_deref: heap variable 0x%x is not a map_rbh node", n);
 }
 
 int map_rbh_hcmp(QVA_HVID a, QVA_HVID b) { return (a > b) - (a < b); }
