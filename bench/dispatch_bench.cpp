@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_module.h"
 #include "qva_host.h"
 
 #if defined(QVA_BENCH_HAVE_SIGNALS2) && __has_include(<boost/signals2/signal.hpp>)
@@ -28,7 +29,7 @@ int64_t g_runs = 0;
 
 void load_once() {
   static const bool loaded = [] {
-    qvahost::load_module(&QVA_Load, &QVA_ResetSession);
+    qvabench::load_module_once();
     qvahost::define_struct(kCounterClass, "QVAFWBEHAVIOR", {});
     qvahost::define_routine(std::string(kCounterClass) + "::EXECUTE", false, 1, 2, false,
                             [](int, QVA_VPTR[], QVA_KW_ARGS *) -> QVA_VPTR {

@@ -19,17 +19,10 @@
 
 #include <qva/qva.h>
 
+#include "bench_module.h"
 #include "qva_host.h"
 
 namespace {
-
-void load_once() {
-  static const bool loaded = [] {
-    qvahost::load_module(&QVA_Load, &QVA_ResetSession);
-    return true;
-  }();
-  (void)loaded;
-}
 
 std::vector<std::string> shuffled_keys(int n) {
   std::vector<std::string> keys;
@@ -68,7 +61,7 @@ struct DsMapObject {
 using Value = std::variant<long, double, std::string>;
 
 void BM_DsMapInsert(benchmark::State &state) {
-  load_once();
+  qvabench::load_module_once();
   Inputs in(static_cast<int>(state.range(0)));
   for (auto _ : state) {
     state.PauseTiming();
@@ -105,7 +98,7 @@ std::vector<uint32_t> probe_stream(size_t n) {
 
 template <bool kGetData>
 void BM_DsMapLookup(benchmark::State &state) {
-  load_once();
+  qvabench::load_module_once();
   Inputs in(static_cast<int>(state.range(0)));
   DsMapObject map;
   for (auto &k : in.keys) map.insert(k->get(), in.value.get());

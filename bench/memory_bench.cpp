@@ -19,17 +19,10 @@
 #include <string>
 #include <vector>
 
+#include "bench_module.h"
 #include "qva_host.h"
 
 namespace {
-
-void load_once() {
-  static const bool loaded = [] {
-    qvahost::load_module(&QVA_Load, &QVA_ResetSession);
-    return true;
-  }();
-  (void)loaded;
-}
 
 long resident_bytes() {
   long pages_total = 0, pages_resident = 0;
@@ -74,7 +67,7 @@ void report(benchmark::State &state, double per) {
 }
 
 void BM_MemoryDsMapEntry(benchmark::State &state) {
-  load_once();
+  qvabench::load_module_once();
   const long n = state.range(0);
   for (auto _ : state) {
     std::vector<std::unique_ptr<qvahost::Variable>> keys;
@@ -114,7 +107,7 @@ void BM_MemoryStdMapEntry(benchmark::State &state) {
 // keyword values are made once, as a QVA loop's literals are: a copy of
 // the procedure name shares its text.
 void BM_MemoryRegisteredBehaviour(benchmark::State &state) {
-  load_once();
+  qvabench::load_module_once();
   const long n = state.range(0);
   for (auto _ : state) {
     qvahost::Variable handler{"H"};
