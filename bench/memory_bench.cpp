@@ -3,7 +3,9 @@
 // entry of std::map<std::string, long> in the same run.
 //
 // Each measurement runs in a child process of its own, so that what one
-// leaves behind in the allocator cannot lower the next one's figure.  The
+// leaves behind in the allocator cannot lower the next one's figure.  A
+// child inherits the free memory of the benchmarks run before it in the
+// parent, though: run these on their own (--benchmark_filter=Memory).  The
 // child reads its resident set before and after making the n entries (the
 // keys are made beforehand, as a program would hold them) and reports the
 // difference divided by n as the counter bytes_per_entry.
