@@ -239,6 +239,8 @@ class SaveFile {
     // written to where it is.
     struct stat st {};
     const bool exists = ::stat(target_.c_str(), &st) == 0;
+    // A file that may not be written is not replaced either.
+    if (exists && ::access(target_.c_str(), W_OK) != 0) fail();
     std::string tmp = target_ + ".saving-XXXXXX";
     if (!exists || S_ISREG(st.st_mode)) fd_ = ::mkstemp(tmp.data());
     if (fd_ >= 0) {
