@@ -137,14 +137,22 @@ using algo = rb_tree<map_rbh_policy>;
 
 }  // namespace
 
-QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
+QVA_MAP_RBH_NODE *map_rbh_peek(QVA_HVID n) {
   QVA_HVPTR hv = QVA_HeapVarFind(n);
-  if (!hv) rbh_fail("map_rbh_deref: no heap variable 0x%x", n);
+  if (!hv || (hv->flags & QVA_HV_OBJECT)) return nullptr;
   const QVA_VARIABLE &v = hv->var;
-  if ((hv->flags & QVA_HV_OBJECT) || !(v.flags & QVA_V_STRUCT) || !v.value.s.arr ||
-      v.value.s.arr->elt_len != static_cast<QVA_MEMINT>(sizeof(QVA_MAP_RBH_NODE)))
-    rbh_fail("map_rbh_deref: heap variable 0x%x is not a map_rbh node", n);
+  if (!(v.flags & QVA_V_STRUCT) || !v.value.s.arr || v.value.s.arr->n_elts != 1) return nullptr;
+  // Only the node structure itself: a file may hold other structures of
+  // the same size, whose bytes mean something else.
+  if (v.value.s.sdef != map_rbh_node_sdef()) return nullptr;
   return reinterpret_cast<QVA_MAP_RBH_NODE *>(v.value.s.arr->data);
+}
+
+QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
+  QVA_MAP_RBH_NODE *node = map_rbh_peek(n);
+  if (node) return node;
+  if (!QVA_HeapVarFind(n)) rbh_fail("map_rbh_deref: no heap variable 0x%x", n);
+  rbh_fail("map_rbh_deref: heap variable 0x%x is not a map_rbh node", n);
 }
 
 int map_rbh_hcmp(QVA_HVID a, QVA_HVID b) { return (a > b) - (a < b); }

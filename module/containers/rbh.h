@@ -91,6 +91,9 @@ void map_rbh_swap(QVA_HVID a, QVA_HVID b);
 // The data of node `n`.  A heap identifier that names no heap variable, or
 // one that does not hold a tree node, is reported as host error -3.
 QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n);
+// The data of node `n`, or null when `n` names no tree node (no heap
+// variable, an object, or a value that is not one QVA_MAP_RBH_NODE).
+QVA_MAP_RBH_NODE *map_rbh_peek(QVA_HVID n);
 
 // -1, 0, 1 as a < b, a == b, a > b, unsigned.
 int map_rbh_hcmp(QVA_HVID a, QVA_HVID b);
