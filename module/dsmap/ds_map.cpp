@@ -96,21 +96,13 @@ struct Probe {
   Probe &operator=(const Probe &) = delete;
 };
 
-// A heap variable of the map's own: not an object, not an identifier, not
-// a tree node; null otherwise.
-QVA_HVPTR plain_heap_var(QVA_HVID h) {
-  QVA_HVPTR hv = QVA_HeapVarFind(h);
-  if (!hv || (hv->flags & (QVA_HV_OBJECT | QVA_HV_HELD)) || map_rbh_peek(h)) return nullptr;
-  return hv;
-}
-
 // What an entry of a restored map must hold before the map deletes it or
 // compares its key.
 const char *dsMap_entryFault(void *, QVA_HVID key, QVA_HVID val) {
-  QVA_HVPTR k = plain_heap_var(key);
+  QVA_HVPTR k = fw_plainHeapVar(key);
   if (!k || k->var.type != QVA_TYP_STRING || (k->var.flags & QVA_V_NOT_SCALAR))
     return "a key is not a string heap variable";
-  if (!plain_heap_var(val)) return "a value is not a heap variable of the map's own";
+  if (!fw_plainHeapVar(val)) return "a value is not a heap variable of the map's own";
   return nullptr;
 }
 

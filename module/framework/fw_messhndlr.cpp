@@ -340,10 +340,14 @@ void messagehandler_unscopeMessage(ClassPart handler, QVA_HVID ident) {
     BehaviorSnapshot snapshot(maphData(entry));
     // Once erased, the list and the key's reference are this call's to
     // give up, also when re-registering a behaviour fails.
+    // A list that something else broke meanwhile (the language freed one
+    // of its nodes) is left to heap collection: freeing it would raise an
+    // error here, in a destructor.
     struct Unlisted {
       QVA_HVID list, key;
       ~Unlisted() {
-        if (list) maphFree(list);
+        static const map_rbh_shape any_entries{nullptr, nullptr, nullptr};
+        if (list && !map_rbh_check(list, any_entries)) maphFree(list);
         fwIdent_releaseHVID(key);
       }
     } unlisted{maphData(entry), maphKey(entry)};
