@@ -116,6 +116,31 @@ std::string element_text(const View &w, QVA_MEMINT i) {
   return format_element(w.type, w.sdef, w.data + static_cast<size_t>(i) * w.size);
 }
 
+// A structure element as PRINT shows it, appended to `out` so that nesting
+// costs no copies.  Definitions may nest as deep as a program makes them:
+// one level a call, until the C stack is nearly used up, which is the
+// host's "nested too deeply" error.
+void append_struct(std::string &out, QVA_SDEF sdef, const char *p) {
+  qvahost::check_stack();
+  out += '{';
+  for (const qvahost::FieldInfo &f : qvahost::struct_field_info(sdef)) {
+    QVA_MEMINT n = 1;
+    for (QVA_MEMINT d : f.dims) n *= d;
+    size_t size = f.type == QVA_TYP_STRUCT ? static_cast<size_t>(qvahost::struct_length(f.sdef))
+                                           : elt_size(f.type);
+    for (QVA_MEMINT k = 0; k < n; ++k) {
+      if (f.type == QVA_TYP_STRING || f.type == QVA_TYP_STRUCT || f.type == QVA_TYP_PTR ||
+          f.type == QVA_TYP_OBJREF)
+        out += ' ';
+      if (f.type == QVA_TYP_STRUCT)
+        append_struct(out, f.sdef, p + f.offset + k * size);
+      else
+        out += format_element(f.type, f.sdef, p + f.offset + k * size);
+    }
+  }
+  out += '}';
+}
+
 }  // namespace
 
 std::string format_element(int type, QVA_SDEF sdef, const void *data) {
@@ -147,21 +172,9 @@ std::string format_element(int type, QVA_SDEF sdef, const void *data) {
       return buf + cls + ")>";
     }
     case QVA_TYP_STRUCT: {
-      std::string out = "{";
-      for (const qvahost::FieldInfo &f : qvahost::struct_field_info(sdef)) {
-        QVA_MEMINT n = 1;
-        for (QVA_MEMINT d : f.dims) n *= d;
-        size_t size = f.type == QVA_TYP_STRUCT ? static_cast<size_t>(qvahost::struct_length(f.sdef))
-                                               : elt_size(f.type);
-        for (QVA_MEMINT k = 0; k < n; ++k) {
-          std::string e = format_element(f.type, f.sdef, p + f.offset + k * size);
-          if (f.type == QVA_TYP_STRING || f.type == QVA_TYP_STRUCT || f.type == QVA_TYP_PTR ||
-              f.type == QVA_TYP_OBJREF)
-            e = " " + e;
-          out += e;
-        }
-      }
-      return out + "}";
+      std::string out;
+      append_struct(out, sdef, p);
+      return out;
     }
     default:
       return "";

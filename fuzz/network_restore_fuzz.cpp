@@ -77,45 +77,29 @@ std::vector<QVA_HVID> BuildNetwork() {
   return all;
 }
 
-std::string ClassOf(QVA_HVID id) {
-  QVA_HVPTR hv = QVA_HeapVarHashFind(id);
-  return hv && (hv->flags & QVA_HV_OBJECT) ? qvahost::struct_name(hv->var.value.s.sdef) : "";
-}
-
-// A scalar pointer or object field of an object.
-struct ReferenceField {
-  QVA_HVID *at;
-  bool handler_parent;  // a message handler's own HANDLER
-};
-
-std::vector<ReferenceField> ReferenceFields(QVA_HVID obj) {
-  std::vector<ReferenceField> out;
+// The scalar pointer and object fields of an object.
+std::vector<QVA_HVID *> ReferenceFields(QVA_HVID obj) {
+  std::vector<QVA_HVID *> out;
   QVA_HVPTR hv = QVA_HeapVarHashFind(obj);
-  const bool handler = ClassOf(obj) == "QVAFWMESSAGEHANDLER";
   for (const qvahost::FieldInfo &f : qvahost::struct_field_info(hv->var.value.s.sdef))
     if ((f.type == QVA_TYP_PTR || f.type == QVA_TYP_OBJREF) && f.dims.empty())
-      out.push_back({static_cast<QVA_HVID *>(QVA_StructGetTagAddress(
-                         &hv->var, f.name.c_str(), nullptr, nullptr, QVA_MSG_LONGJMP)),
-                     handler && f.name == "HANDLER"});
+      out.push_back(static_cast<QVA_HVID *>(QVA_StructGetTagAddress(
+          &hv->var, f.name.c_str(), nullptr, nullptr, QVA_MSG_LONGJMP)));
   return out;
 }
 
 // Each pair of input bytes changes one field: the first picks it (over all
 // reference fields of the network), the second what it then holds.
 void Mutate(const std::vector<QVA_HVID> &objects, const uint8_t *data, size_t size) {
-  std::vector<ReferenceField> fields;
+  std::vector<QVA_HVID *> fields;
   for (QVA_HVID obj : objects)
-    for (const ReferenceField &f : ReferenceFields(obj)) fields.push_back(f);
+    for (QVA_HVID *f : ReferenceFields(obj)) fields.push_back(f);
   const std::vector<QVA_HVID> ids = qvahost::heap_ids();
   for (size_t i = 0; i + 1 < size && i < 64; i += 2) {
-    const ReferenceField &field = fields[data[i] % fields.size()];
+    QVA_HVID *field = fields[data[i] % fields.size()];
     const size_t pick = data[i + 1] % (ids.size() + 2);
     QVA_HVID value = pick < ids.size() ? ids[pick] : pick == ids.size() ? 0 : ids.back() + 1000;
-    // Known fault, fix under way: a restored cycle of handler parents hangs
-    // every upward walk.  Until that lands, a handler's parent is not
-    // pointed at another handler here.
-    if (field.handler_parent && ClassOf(value) == "QVAFWMESSAGEHANDLER") continue;
-    *field.at = value;
+    *field = value;
   }
 }
 

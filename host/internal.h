@@ -209,6 +209,7 @@ struct QVA_STRUCTDEF {
   size_t align = 1;
   bool hidden = false;     // host-internal structure, not a class
   bool has_texts = false;  // some tag (at any depth) holds strings
+  bool has_refs = false;   // some tag (at any depth) holds pointers or object references
   // A one-entry cache for the tag look-up by text address (modules pass
   // the same literal every time).
   const char *cache_name = nullptr;

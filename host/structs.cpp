@@ -11,6 +11,7 @@
 #include <strings.h>
 
 #include "internal.h"
+#include "struct_walk.h"
 
 namespace qvahost {
 namespace {
@@ -65,6 +66,7 @@ std::string lay_out(const std::string &name, QVA_SDEF super, const std::vector<F
     out->tags = super->tags;
     out->align = super->align;
     out->has_texts = super->has_texts;
+    out->has_refs = super->has_refs;
     end = fields_end(super);
   }
   for (const FieldSpec &f : fields) {
@@ -99,6 +101,8 @@ std::string lay_out(const std::string &name, QVA_SDEF super, const std::vector<F
     end = t.offset + static_cast<size_t>(t.n_elts) * t.elt_size;
     if (align > out->align) out->align = align;
     if (t.type == QVA_TYP_STRING || (t.sdef && t.sdef->has_texts)) out->has_texts = true;
+    if (t.type == QVA_TYP_PTR || t.type == QVA_TYP_OBJREF || (t.sdef && t.sdef->has_refs))
+      out->has_refs = true;
     out->tags.push_back(std::move(t));
   }
   if (out->tags.empty()) return format("Structure %s has no fields.", shown.c_str());
@@ -197,17 +201,13 @@ bool read_tag_table(const QVA_STRUCT_TAG_DEF *tags, QVA_SDEF *super,
 // Calls f(QVA_STRING &) for every string in n elements of sd at data.
 template <class F>
 void for_each_text(QVA_SDEF sd, QVA_UCHAR *data, QVA_MEMINT n, F &f) {
-  for (QVA_MEMINT i = 0; i < n; ++i) {
-    QVA_UCHAR *elt = data + i * static_cast<QVA_MEMINT>(sd->length);
-    for (const TagInfo &t : sd->tags) {
-      if (t.type == QVA_TYP_STRING) {
-        auto *s = reinterpret_cast<QVA_STRING *>(elt + t.offset);
-        for (QVA_MEMINT k = 0; k < t.n_elts; ++k) f(s[k]);
-      } else if (t.sdef && t.sdef->has_texts) {
-        for_each_text(t.sdef, elt + t.offset, t.n_elts, f);
-      }
-    }
-  }
+  auto into = [](const TagInfo &t) { return t.sdef->has_texts; };
+  auto visit = [&f](const TagInfo &t, QVA_UCHAR *p) {
+    if (t.type != QVA_TYP_STRING) return;
+    auto *s = reinterpret_cast<QVA_STRING *>(p);
+    for (QVA_MEMINT k = 0; k < t.n_elts; ++k) f(s[k]);
+  };
+  walk_struct_fields(sd, data, n, into, visit);
 }
 
 }  // namespace

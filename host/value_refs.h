@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "internal.h"
+#include "struct_walk.h"
 
 namespace qvahost {
 
@@ -16,18 +17,14 @@ namespace qvahost {
 // elements of structure sdef at data.
 template <class F>
 void refs_in_structs(QVA_SDEF sdef, QVA_UCHAR *data, QVA_MEMINT n, F &f) {
-  for (QVA_MEMINT i = 0; i < n; ++i) {
-    QVA_UCHAR *elt = data + i * static_cast<QVA_MEMINT>(sdef->length);
-    for (const TagInfo &tag : sdef->tags) {
-      QVA_UCHAR *p = elt + tag.offset;
-      if (tag.type == QVA_TYP_PTR || tag.type == QVA_TYP_OBJREF) {
-        for (QVA_MEMINT k = 0; k < tag.n_elts; ++k)
-          f(*reinterpret_cast<QVA_HVID *>(p + k * sizeof(QVA_HVID)));
-      } else if (tag.type == QVA_TYP_STRUCT) {
-        refs_in_structs(tag.sdef, p, tag.n_elts, f);
-      }
-    }
-  }
+  if (!sdef->has_refs) return;
+  auto into = [](const TagInfo &tag) { return tag.sdef->has_refs; };
+  auto visit = [&f](const TagInfo &tag, QVA_UCHAR *p) {
+    if (tag.type != QVA_TYP_PTR && tag.type != QVA_TYP_OBJREF) return;
+    for (QVA_MEMINT k = 0; k < tag.n_elts; ++k)
+      f(*reinterpret_cast<QVA_HVID *>(p + k * sizeof(QVA_HVID)));
+  };
+  walk_struct_fields(sdef, data, n, into, visit);
 }
 
 // Calls f(QVA_HVID &ref) for every pointer or object reference in v.

@@ -1,6 +1,8 @@
 // maph.cpp - the ordered map over map_rbh.
 #include "containers/maph.h"
 
+#include "containers/maph_trust.h"
+
 QVA_HVID maphInit(void) { return map_make_rbh(); }
 
 QVA_HVID maphBegin(QVA_HVID map) { return map ? map_rbh_deref(map)->FLINK : 0; }
@@ -52,7 +54,9 @@ QVA_HVID maphData(QVA_HVID entry) { return entry ? map_rbh_val(entry) : 0; }
 QVA_HVID maphKey(QVA_HVID entry) { return entry ? map_rbh_deref(entry)->KEY : 0; }
 
 void maphFree(QVA_HVID map) {
-  if (map) map_rbh_free_tree(map);
+  if (!map) return;
+  map_rbh_free_tree(map);
+  maphDistrust(map);
 }
 
 namespace {

@@ -5,6 +5,8 @@
 
 #include "containers/rb_algorithm.h"
 
+QVA_SDEF map_rbh_node_sdef_seen = nullptr;
+
 namespace {
 
 [[noreturn]] void rbh_fail(const char *format, QVA_HVID n) {
@@ -42,11 +44,10 @@ class temp_guard {
 // of that name after the first, and definitions live as long as the
 // process, so it is asked for once.
 QVA_SDEF map_rbh_node_sdef() {
-  static QVA_SDEF sdef = nullptr;
-  if (!sdef)
-    sdef = QVA_MakeStructInternal("QVA_MAP_RBH_NODE", QVA_SDEF_REUSE | QVA_SDEF_HIDDEN,
-                                  map_rbh_node_tags, QVA_MSG_LONGJMP);
-  return sdef;
+  if (!map_rbh_node_sdef_seen)
+    map_rbh_node_sdef_seen = QVA_MakeStructInternal(
+        "QVA_MAP_RBH_NODE", QVA_SDEF_REUSE | QVA_SDEF_HIDDEN, map_rbh_node_tags, QVA_MSG_LONGJMP);
+  return map_rbh_node_sdef_seen;
 }
 
 // One zeroed node: a temporary of the node structure, and a heap pointer
@@ -137,7 +138,20 @@ using algo = rb_tree<map_rbh_policy>;
 
 }  // namespace
 
-void map_rbh_deref_failed(QVA_HVID n) {
+QVA_MAP_RBH_NODE *map_rbh_peek(QVA_HVID n) {
+  QVA_HVPTR hv = QVA_HeapVarFind(n);
+  if (!hv || (hv->flags & QVA_HV_OBJECT)) return nullptr;
+  const QVA_VARIABLE &v = hv->var;
+  if (!(v.flags & QVA_V_STRUCT) || !v.value.s.arr || v.value.s.arr->n_elts != 1) return nullptr;
+  // Only the node structure itself: a file may hold other structures of
+  // the same size, whose bytes mean something else.
+  if (v.value.s.sdef != map_rbh_node_sdef()) return nullptr;
+  return reinterpret_cast<QVA_MAP_RBH_NODE *>(v.value.s.arr->data);
+}
+
+QVA_MAP_RBH_NODE *map_rbh_deref_slow(QVA_HVID n) {
+  QVA_MAP_RBH_NODE *node = map_rbh_peek(n);
+  if (node) return node;
   if (!QVA_HeapVarFind(n)) rbh_fail("map_rbh_deref: no heap variable 0x%x", n);
   rbh_fail("map_rbh_deref: heap variable 0x%x is not a map_rbh node", n);
 }

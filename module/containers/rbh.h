@@ -88,22 +88,28 @@ int map_rbh_plength(QVA_HVID n);
 // Exchanges the entries of two trees; the heads stay with their owners.
 void map_rbh_swap(QVA_HVID a, QVA_HVID b);
 
-// Reports that `n` names no tree node (host error -3); never returns.
-[[noreturn]] void map_rbh_deref_failed(QVA_HVID n);
+// The node structure's definition once a node has been made or looked at
+// (null before): what the inline look-up below compares against.
+extern QVA_SDEF map_rbh_node_sdef_seen;
+
+// The data of node `n`, or null when `n` names no tree node (no heap
+// variable, an object, or a value that is not one QVA_MAP_RBH_NODE).
+QVA_MAP_RBH_NODE *map_rbh_peek(QVA_HVID n);
+// map_rbh_deref's slow path: peek, else report (host error -3).
+QVA_MAP_RBH_NODE *map_rbh_deref_slow(QVA_HVID n);
 
 // The data of node `n`.  A heap identifier that names no heap variable, or
 // one that does not hold a tree node, is reported as host error -3.  Inline:
 // every step of every tree walk is one.
 inline QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
   QVA_HVPTR hv = QVA_HeapVarFind(n);
-  if (__builtin_expect(!hv, 0)) map_rbh_deref_failed(n);
-  const QVA_VARIABLE &v = hv->var;
-  if (__builtin_expect((hv->flags & QVA_HV_OBJECT) || !(v.flags & QVA_V_STRUCT) || !v.value.s.arr ||
-                           v.value.s.arr->elt_len !=
-                               static_cast<QVA_MEMINT>(sizeof(QVA_MAP_RBH_NODE)),
-                       0))
-    map_rbh_deref_failed(n);
-  return reinterpret_cast<QVA_MAP_RBH_NODE *>(v.value.s.arr->data);
+  if (__builtin_expect(hv && !(hv->flags & QVA_HV_OBJECT) && (hv->var.flags & QVA_V_STRUCT) &&
+                           hv->var.value.s.sdef == map_rbh_node_sdef_seen &&
+                           hv->var.value.s.sdef && hv->var.value.s.arr &&
+                           hv->var.value.s.arr->n_elts == 1,
+                       1))
+    return reinterpret_cast<QVA_MAP_RBH_NODE *>(hv->var.value.s.arr->data);
+  return map_rbh_deref_slow(n);
 }
 
 // -1, 0, 1 as a < b, a == b, a > b, unsigned.

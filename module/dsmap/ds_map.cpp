@@ -5,6 +5,8 @@
 #include "dsmap/ds_map.h"
 
 #include "containers/maph.h"
+#include "containers/rbh_check.h"
+#include "frame/fw_trusted_map.h"
 #include "frame/qva_cobalt.h"
 
 static QVA_STRUCT_TAG_DEF dsMap_Tags[] = {
@@ -94,7 +96,26 @@ struct Probe {
   Probe &operator=(const Probe &) = delete;
 };
 
-QVA_HVID the_map(ClassPart m) { return dsmap_data(m)->the_map; }
+// What an entry of a restored map must hold before the map deletes it or
+// compares its key.
+const char *dsMap_entryFault(void *, QVA_HVID key, QVA_HVID val) {
+  QVA_HVPTR k = fw_plainHeapVar(key);
+  if (!k || k->var.type != QVA_TYP_STRING || (k->var.flags & QVA_V_NOT_SCALAR))
+    return "a key is not a string heap variable";
+  if (!fw_plainHeapVar(val)) return "a value is not a heap variable of the map's own";
+  return nullptr;
+}
+
+std::string dsMap_checkMap(QVA_HVID map, std::vector<QVA_HVID> &heads) {
+  static const map_rbh_shape shape{dsMap_compare, dsMap_entryFault, nullptr};
+  if (const char *fault = map_rbh_check(map, shape)) return fault;
+  heads.push_back(map);
+  return {};
+}
+
+QVA_HVID the_map(ClassPart m) {
+  return fw_trustedMap(m.hvid, &dsmap_data(m)->the_map, dsMap_checkMap, "QVAdsMap", "THE_MAP");
+}
 
 // A key must be a scalar string.
 void require_key(QVA_VPTR key) {

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <vector>
 
+#include "containers/rbh.h"
+
 QVA_VPTR fw_kwResponse(const FwKeywordFields *kw) {
   QVA_VPTR var = nullptr;
   std::memcpy(&var, &kw->method, sizeof var);
@@ -51,10 +53,20 @@ void fw_requireScalarString(QVA_VPTR v, const char *routine) {
   if (v->flags & QVA_V_NOT_SCALAR) QVA_MessageVE_NOTSCALAR(v, QVA_MSG_LONGJMP);
 }
 
+QVA_HVPTR fw_plainHeapVar(QVA_HVID id) {
+  QVA_HVPTR hv = QVA_HeapVarHashFind(id);
+  if (!hv || (hv->flags & (QVA_HV_OBJECT | QVA_HV_HELD)) || map_rbh_peek(id)) return nullptr;
+  return hv;
+}
+
 void fw_cellStore(QVA_HVID *cell, QVA_VPTR value, const char *what) {
   if (*cell) {
-    QVA_HVPTR hv = QVA_HeapVarHashFind(*cell);
-    if (!hv || (hv->flags & QVA_HV_OBJECT))
+    QVA_HVPTR hv = fw_plainHeapVar(*cell);
+    if (!hv && QVA_HeapVarHashFind(*cell))
+      QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP,
+                  "The heap variable <PtrHeapVar%u> named as the %s is not the object's own.", *cell,
+                  what);
+    if (!hv)
       QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP,
                   "The heap variable <PtrHeapVar%u> holding the %s no longer exists.", *cell, what);
     QVA_VarCopy_strip(value, &hv->var, 0);
@@ -64,7 +76,7 @@ void fw_cellStore(QVA_HVID *cell, QVA_VPTR value, const char *what) {
 }
 
 void fw_cellClear(QVA_HVID *cell) {
-  if (*cell && QVA_HeapVarHashFind(*cell)) QVA_HeapVarDelete(*cell, 0, 0);
+  if (*cell && fw_plainHeapVar(*cell)) QVA_HeapVarDelete(*cell, 0, 0);
   *cell = 0;
 }
 

@@ -361,11 +361,18 @@ void fw_requireScalarString(QVA_VPTR v, const char *routine);
 // result, a query behaviour's response), so that it travels with a saved
 // session.  `cell` is the field holding the variable's heap identifier.
 
+// The heap variable `id` names when it may be a value of the module's own
+// (a cell's variable, a data map's key or value): a pointer heap variable
+// that is not an identifier and not a tree node.  Null otherwise: a
+// restored file may point such a field anywhere, and writing or deleting
+// what belongs to others would break it.
+QVA_HVPTR fw_plainHeapVar(QVA_HVID id);
 // Stores a copy of `value`: into the existing variable, overwritten in
-// place, else into a new one.  A cell whose variable has vanished is
-// reported as a host error.
+// place, else into a new one.  A cell whose variable has vanished, or that
+// names a variable that is not its own, is reported as a host error.
 void fw_cellStore(QVA_HVID *cell, QVA_VPTR value, const char *what);
-// Deletes the variable (if it still exists) and empties the cell.
+// Deletes the variable (if it still exists and is the cell's own) and
+// empties the cell.
 void fw_cellClear(QVA_HVID *cell);
 // A temporary with a copy of the value: `unset_text` for an empty cell,
 // undefined for a vanished variable.

@@ -3,6 +3,7 @@
 // QVA_ResetSession drops what the module remembers of a session.
 #include "frame/qva_cobalt.h"
 
+#include "containers/maph_trust.h"
 #include "dsmap/ds_map.h"
 #include "frame/fw_x.h"
 #include "frame/qva_cobalt_rtn_tbl.h"
@@ -32,4 +33,7 @@ extern "C" QVA_EXPORT int QVA_Load(void) {
   return qva_cobalt_rtn_init() == 1 ? 1 : 0;
 }
 
-extern "C" QVA_EXPORT void QVA_ResetSession(void) { QVA_FwObjsResetSession(); }
+extern "C" QVA_EXPORT void QVA_ResetSession(void) {
+  QVA_FwObjsResetSession();
+  maphForgetTrust();
+}

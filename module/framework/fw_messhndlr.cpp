@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "containers/maph.h"
+#include "containers/rbh_check.h"
+#include "frame/fw_trusted_map.h"
 #include "frame/qva_cobalt.h"
 #include "framework/fw_behavior.h"
 #include "framework/fw_hashndlr.h"
@@ -100,7 +102,40 @@ int messagehandler_init(ClassPart handler, FwKeywordFields *kw) {
   return 1;
 }
 
-QVA_HVID messagehandler_map(ClassPart handler) { return messagehandler_data(handler)->behaviors; }
+namespace {
+
+// The behaviour lists met while a behaviour map is checked.
+struct ListCheck {
+  std::vector<QVA_HVID> *heads;
+  const char *list_fault;
+};
+
+const char *behaviorMapEntryFault(void *ctx, QVA_HVID key, QVA_HVID list) {
+  auto *c = static_cast<ListCheck *>(ctx);
+  if (!fwIdent_isIdentifier(key)) return "a key is not a message identifier";
+  static const map_rbh_shape list_shape{behavior_compare, nullptr, nullptr};
+  if ((c->list_fault = map_rbh_check(list, list_shape))) return "a behaviour list is broken";
+  c->heads->push_back(list);
+  return nullptr;
+}
+
+// The map, then each list in it.  Behaviours in a list are checked when
+// they run, as they may be destroyed at any time.
+std::string checkBehaviorMap(QVA_HVID map, std::vector<QVA_HVID> &heads) {
+  heads.push_back(map);
+  ListCheck c{&heads, nullptr};
+  const map_rbh_shape shape{messageIdentCompare, behaviorMapEntryFault, &c};
+  const char *fault = map_rbh_check(map, shape);
+  if (!fault) return {};
+  return c.list_fault ? std::string(fault) + ": " + c.list_fault : fault;
+}
+
+}  // namespace
+
+QVA_HVID messagehandler_map(ClassPart handler) {
+  return fw_trustedMap(handler.hvid, &messagehandler_data(handler)->behaviors, checkBehaviorMap,
+                       "QVAfwMessageHandler", "BEHAVIORS");
+}
 
 void messagehandler_setMap(ClassPart handler, QVA_HVID map) {
   messagehandler_data(handler)->behaviors = map;
@@ -305,10 +340,14 @@ void messagehandler_unscopeMessage(ClassPart handler, QVA_HVID ident) {
     BehaviorSnapshot snapshot(maphData(entry));
     // Once erased, the list and the key's reference are this call's to
     // give up, also when re-registering a behaviour fails.
+    // A list that something else broke meanwhile (the language freed one
+    // of its nodes) is left to heap collection: freeing it would raise an
+    // error here, in a destructor.
     struct Unlisted {
       QVA_HVID list, key;
       ~Unlisted() {
-        if (list) maphFree(list);
+        static const map_rbh_shape any_entries{nullptr, nullptr, nullptr};
+        if (list && !map_rbh_check(list, any_entries)) maphFree(list);
         fwIdent_releaseHVID(key);
       }
     } unlisted{maphData(entry), maphKey(entry)};
