@@ -153,7 +153,10 @@ namespace {
 }  // namespace
 
 ClassPart fw_classPart(QVA_HVID hvid, const char *structure, const char *class_name) {
-  QVA_HVPTR hv = QVA_ObjValidate(hvid, QVA_MSG_LONGJMP);
+  // A live object is looked up inline; anything else goes to the host,
+  // which reports it.
+  QVA_HVPTR hv = QVA_HeapVarFind(hvid);
+  if (!hv || !(hv->flags & QVA_HV_OBJECT)) hv = QVA_ObjValidate(hvid, QVA_MSG_LONGJMP);
   if (!(hv->var.flags & QVA_V_STRUCT)) notOfClass(class_name);
   QVA_SDEF sdef = hv->var.value.s.sdef;
   ClassCheck &slot = checkSlot(sdef, structure);
