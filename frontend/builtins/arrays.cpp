@@ -35,18 +35,18 @@ QVA_VPTR size_of(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 
 }  // namespace
 
-Dims dims_from(int argc, QVA_VPTR argv[], int first, const char *routine, bool trim) {
+Dims dims_from(int argc, QVA_VPTR argv[], int first, bool trim) {
   Dims dims;
   for (int i = first; i < argc; ++i) {
     Val l = Val::temp(qvahost::convert_value(argv[i], QVA_TYP_LONG64));
     View w = view_of(l.get());
     if (w.array && argc - first > 1)
-      qvahost::raise_error(std::string(routine) + ": dimensions must be scalars or one array.");
+      qvahost::raise_error("Dimensions must be scalars or one array: " + var_name(argv[i]) + ".");
     for (QVA_MEMINT k = 0; k < w.n; ++k) dims.push_back(get_int(QVA_TYP_LONG64, w.data + k * 8));
   }
-  if (dims.empty()) qvahost::raise_error(std::string("Incorrect number of arguments: ") + routine + ".");
+  if (dims.empty()) qvahost::raise_error("Incorrect number of arguments.");
   if (dims.size() > QVA_MAX_ARRAY_DIM)
-    qvahost::raise_error(std::string(routine) + ": arrays have at most 8 dimensions.");
+    qvahost::raise_error("Arrays have at most 8 dimensions.");
   return trim ? trim_dims(dims) : dims;  // FLTARR(3, 1) is a vector
 }
 
@@ -57,7 +57,7 @@ namespace {
 Builtin array_maker(const char *name, int type) {
   return {name, true, 1, QVA_MAX_ARRAY_DIM, true, [name, type](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
             take_keywords(name, argk, {"NOZERO"});
-            return make_array(type, dims_from(argc, argv, 0, name)).give_temp();
+            return make_array(type, dims_from(argc, argv, 0)).give_temp();
           }};
 }
 
@@ -74,8 +74,8 @@ Val index_array(int type, const Dims &dims) {
 }
 
 Builtin index_maker(const char *name, int type) {
-  return {name, true, 1, QVA_MAX_ARRAY_DIM, false, [name, type](int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
-            return index_array(type, dims_from(argc, argv, 0, name)).give_temp();
+  return {name, true, 1, QVA_MAX_ARRAY_DIM, false, [type](int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
+            return index_array(type, dims_from(argc, argv, 0)).give_temp();
           }};
 }
 
@@ -87,15 +87,15 @@ QVA_VPTR make_array_fn(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   static const int flag_types[] = {QVA_TYP_BYTE, QVA_TYP_INT, QVA_TYP_LONG, QVA_TYP_LONG64, QVA_TYP_FLOAT,
                                    QVA_TYP_DOUBLE, QVA_TYP_STRING, QVA_TYP_OBJREF, QVA_TYP_PTR};
   auto kw = take_keywords("MAKE_ARRAY", argk, names);
-  Dims dims = kw[3] ? dims_from(1, &kw[3], 0, "MAKE_ARRAY") : dims_from(argc, argv, 0, "MAKE_ARRAY");
+  Dims dims = kw[3] ? dims_from(1, &kw[3], 0) : dims_from(argc, argv, 0);
   int type = kw[1] && kw[1]->type != QVA_TYP_UNDEF ? kw[1]->type : QVA_TYP_FLOAT;
   if (kw[0]) type = static_cast<int>(qvahost::integer_value(kw[0]));
   for (size_t i = 0; i < std::size(flag_types); ++i)
     if (keyword_set(kw[5 + i])) type = flag_types[i];
   if (!(is_numeric_type(type) || type == QVA_TYP_STRING || type == QVA_TYP_PTR || type == QVA_TYP_OBJREF))
-    qvahost::raise_error("MAKE_ARRAY: illegal type code " + std::to_string(type) + ".");
+    qvahost::raise_error("Illegal type code " + std::to_string(type) + ": TYPE.");
   if (keyword_set(kw[2]) && !is_numeric_type(type))
-    qvahost::raise_error("MAKE_ARRAY: /INDEX needs a numeric type.");
+    qvahost::raise_error("Expression must be numeric in this context: INDEX.");
   Val v = keyword_set(kw[2]) ? index_array(type, dims) : make_array(type, dims);
   if (kw[1] && kw[1]->type != QVA_TYP_UNDEF) {
     std::vector<QVA_MEMINT> all(static_cast<size_t>(count_of(dims)));
@@ -112,7 +112,7 @@ QVA_VPTR replicate(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
   QVA_VPTR v = argv[0];
   if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Variable is undefined: " + var_name(v) + ".");
   if (qvahost::element_count(v) != 1) qvahost::raise_error("Expression must be a scalar in this context: " + var_name(v) + ".");
-  Dims dims = dims_from(argc, argv, 1, "REPLICATE");
+  Dims dims = dims_from(argc, argv, 1);
   Val out = make_array(v->type, dims, (v->flags & QVA_V_STRUCT) ? v->value.s.sdef : nullptr);
   std::vector<QVA_MEMINT> all(static_cast<size_t>(count_of(dims)));
   for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<QVA_MEMINT>(i);
@@ -127,7 +127,7 @@ QVA_VPTR reform(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
   if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Variable is undefined: " + var_name(v) + ".");
   Dims dims;
   if (argc > 1) {
-    dims = dims_from(argc, argv, 1, "REFORM", false);
+    dims = dims_from(argc, argv, 1, false);
   } else {
     for (QVA_MEMINT d : dims_of(v))
       if (d != 1) dims.push_back(d);
@@ -151,19 +151,19 @@ QVA_VPTR reform(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
 QVA_VPTR transpose(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
   QVA_VPTR v = argv[0];
   if (v->type == QVA_TYP_UNDEF || is_scalar(v))
-    qvahost::raise_error("TRANSPOSE: expression must be an array in this context: " + var_name(v) + ".");
+    qvahost::raise_error("Expression must be an array in this context: " + var_name(v) + ".");
   Dims dims = dims_of(v);
   if (dims.size() == 1) dims.push_back(1);
   size_t r = dims.size();
   std::vector<size_t> order(r);
   for (size_t k = 0; k < r; ++k) order[k] = r - 1 - k;
   if (argc > 1) {
-    Dims p = dims_from(argc, argv, 1, "TRANSPOSE", false);
+    Dims p = dims_from(argc, argv, 1, false);
     std::vector<bool> seen(r, false);
-    if (p.size() != r) qvahost::raise_error("TRANSPOSE: the permutation must name every dimension once.");
+    if (p.size() != r) qvahost::raise_error("The permutation must name every dimension once: " + var_name(argv[1]) + ".");
     for (size_t k = 0; k < r; ++k) {
       if (p[k] < 0 || p[k] >= static_cast<QVA_MEMINT>(r) || seen[static_cast<size_t>(p[k])])
-        qvahost::raise_error("TRANSPOSE: the permutation must name every dimension once.");
+        qvahost::raise_error("The permutation must name every dimension once: " + var_name(argv[1]) + ".");
       seen[static_cast<size_t>(p[k])] = true;
       order[k] = static_cast<size_t>(p[k]);
     }

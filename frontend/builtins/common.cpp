@@ -23,10 +23,7 @@ std::string upper(std::string s) {
   return s;
 }
 
-std::string var_name(QVA_VPTR v) {
-  const char *n = v->name ? QVA_IdentName(v->name) : nullptr;
-  return n && *n ? n : "<Expression>";
-}
+std::string var_name(QVA_VPTR v) { return qvahost::argument_label(v); }
 
 QVA_VPTR byte_result(bool b) { return qvahost::make_byte(b ? 1 : 0); }
 

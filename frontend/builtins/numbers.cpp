@@ -16,10 +16,10 @@ namespace qva {
 namespace {
 
 // A value that must hold numbers (or, with strings_ok, strings).
-View numbers_of(QVA_VPTR v, const char *routine, bool strings_ok = false) {
+View numbers_of(QVA_VPTR v, bool strings_ok = false) {
   View w = view_of(v);
   if (!is_numeric_type(w.type) && !(strings_ok && w.type == QVA_TYP_STRING))
-    qvahost::raise_error(std::string(routine) + ": expression must be " +
+    qvahost::raise_error(std::string("Expression must be ") +
                          (strings_ok ? "numeric or a string" : "numeric") + " in this context: " +
                          var_name(v) + ".");
   return w;
@@ -58,10 +58,10 @@ void set_output(QVA_VPTR var, Val value) {
 
 // The 1-based dimension argument of TOTAL and REVERSE as 0-based, checked
 // against the value's shape.
-size_t dimension_arg(QVA_VPTR arg, const Dims &dims, const char *routine) {
+size_t dimension_arg(QVA_VPTR arg, const Dims &dims) {
   QVA_LONG64 d = qvahost::integer_value(Val::temp(qvahost::convert_value(arg, QVA_TYP_LONG64)).get());
   if (d < 1 || d > static_cast<QVA_LONG64>(std::max<size_t>(dims.size(), 1)))
-    qvahost::raise_error(std::string(routine) + ": illegal dimension " + std::to_string(d) + ".");
+    qvahost::raise_error("Illegal dimension " + std::to_string(d) + ": " + var_name(arg) + ".");
   return static_cast<size_t>(d - 1);
 }
 
@@ -69,7 +69,7 @@ size_t dimension_arg(QVA_VPTR arg, const Dims &dims, const char *routine) {
 // /INTEGER), DOUBLE stays DOUBLE.
 QVA_VPTR total(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   auto kw = take_keywords("TOTAL", argk, {"INTEGER", "DOUBLE", "NAN"});
-  View w = numbers_of(argv[0], "TOTAL");
+  View w = numbers_of(argv[0]);
   bool integer = keyword_set(kw[0]);
   bool skip_nan = keyword_set(kw[2]);
   int type = integer ? QVA_TYP_LONG64
@@ -77,7 +77,7 @@ QVA_VPTR total(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
                                                              : QVA_TYP_FLOAT;
   Dims dims = dims_of(argv[0]);
   if (dims.empty()) dims = {1};
-  size_t dim = argc > 1 ? dimension_arg(argv[1], dims, "TOTAL") : dims.size();
+  size_t dim = argc > 1 ? dimension_arg(argv[1], dims) : dims.size();
   QVA_MEMINT inner = 1, outer = 1, len = w.n;
   Dims out_dims;
   if (dim < dims.size()) {
@@ -115,8 +115,8 @@ QVA_VPTR total(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 QVA_VPTR extreme(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, bool want_max) {
   const char *name = want_max ? "MAX" : "MIN";
   auto kw = take_keywords(name, argk, {want_max ? "MIN" : "MAX", "NAN"});
-  View w = numbers_of(argv[0], name, true);
-  if (w.n == 0) qvahost::raise_error(std::string(name) + ": the array is empty.");
+  View w = numbers_of(argv[0], true);
+  if (w.n == 0) qvahost::raise_error("Expression must not be empty: " + var_name(argv[0]) + ".");
   QVA_MEMINT lo = 0, hi = 0;
   for (QVA_MEMINT i = 1; i < w.n; ++i) {
     if (less_at(w, i, lo)) lo = i;
@@ -132,7 +132,7 @@ QVA_VPTR extreme(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, bool want_max) {
 // a count of 0) when there are none.
 QVA_VPTR where(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   auto kw = take_keywords("WHERE", argk, {"COMPLEMENT", "NCOMPLEMENT"});
-  View w = numbers_of(argv[0], "WHERE", true);
+  View w = numbers_of(argv[0], true);
   std::vector<QVA_MEMINT> yes, no;
   for (QVA_MEMINT i = 0; i < w.n; ++i) {
     const char *p = w.data + i * static_cast<QVA_MEMINT>(w.size);
@@ -153,7 +153,7 @@ QVA_VPTR where(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 // SORT(a): the positions of the elements in ascending order (equal
 // elements keep their order).
 QVA_VPTR sort(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
-  View w = numbers_of(argv[0], "SORT", true);
+  View w = numbers_of(argv[0], true);
   std::vector<QVA_MEMINT> order(static_cast<size_t>(w.n));
   for (size_t i = 0; i < order.size(); ++i) order[i] = static_cast<QVA_MEMINT>(i);
   std::stable_sort(order.begin(), order.end(), [&](QVA_MEMINT a, QVA_MEMINT b) { return less_at(w, a, b); });
@@ -163,14 +163,14 @@ QVA_VPTR sort(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
 // UNIQ(a [, order]): the position of the last element of each run of equal
 // elements (of a, or of a[order]: then positions into a).
 QVA_VPTR uniq(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
-  View w = numbers_of(argv[0], "UNIQ", true);
+  View w = numbers_of(argv[0], true);
   std::vector<QVA_MEMINT> order;
   if (argc > 1) {
     Val l = Val::temp(qvahost::convert_value(argv[1], QVA_TYP_LONG64));
     View o = view_of(l.get());
     for (QVA_MEMINT i = 0; i < o.n; ++i) {
       QVA_MEMINT k = get_int(QVA_TYP_LONG64, o.data + i * 8);
-      if (k < 0 || k >= w.n) qvahost::raise_error("UNIQ: index out of range: " + std::to_string(k) + ".");
+      if (k < 0 || k >= w.n) qvahost::raise_error("Index " + std::to_string(k) + " is out of range: " + var_name(argv[1]) + ".");
       order.push_back(k);
     }
   } else {
@@ -190,7 +190,7 @@ QVA_VPTR reverse(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
   if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Variable is undefined: " + var_name(v) + ".");
   Dims dims = dims_of(v);
   if (dims.empty()) return copy_of(v).give_temp();
-  size_t dim = argc > 1 ? dimension_arg(argv[1], dims, "REVERSE") : 0;
+  size_t dim = argc > 1 ? dimension_arg(argv[1], dims) : 0;
   QVA_MEMINT inner = 1, outer = 1, len = dims[dim];
   for (size_t k = 0; k < dim; ++k) inner *= dims[k];
   for (size_t k = dim + 1; k < dims.size(); ++k) outer *= dims[k];
@@ -218,7 +218,7 @@ QVA_VPTR each_real(QVA_VPTR v, const View &w, int type, double (*fn)(double)) {
 // DOUBLE.
 Builtin real_function(const char *name, double (*fn)(double)) {
   return {name, true, 1, 1, false, [name, fn](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
-            View w = numbers_of(argv[0], name);
+            View w = numbers_of(argv[0]);
             return each_real(argv[0], w, w.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE : QVA_TYP_FLOAT, fn);
           }};
 }
@@ -228,14 +228,14 @@ Builtin real_function(const char *name, double (*fn)(double)) {
 Builtin rounding(const char *name, double (*fn)(double)) {
   return {name, true, 1, 1, true, [name, fn](int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
             auto kw = take_keywords(name, argk, {"L64"});
-            View w = numbers_of(argv[0], name);
+            View w = numbers_of(argv[0]);
             if (!is_real_type(w.type)) return copy_of(argv[0]).give_temp();
             return each_real(argv[0], w, keyword_set(kw[0]) ? QVA_TYP_LONG64 : QVA_TYP_LONG, fn);
           }};
 }
 
 QVA_VPTR abs_fn(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
-  View w = numbers_of(argv[0], "ABS");
+  View w = numbers_of(argv[0]);
   Val out = make_array(w.type, dims_of(argv[0]));
   char *d = data_of(out.get());
   for (QVA_MEMINT i = 0; i < w.n; ++i) {
@@ -289,7 +289,7 @@ Builtin random_function(const char *name, bool normal) {
             auto kw = take_keywords(name, argk, {"DOUBLE"});
             std::mt19937 gen = generator_from(argv[0]);
             int type = keyword_set(kw[0]) ? QVA_TYP_DOUBLE : QVA_TYP_FLOAT;
-            Dims dims = argc > 1 ? dims_from(argc, argv, 1, name) : Dims{};
+            Dims dims = argc > 1 ? dims_from(argc, argv, 1) : Dims{};
             Val out = make_array(type, dims);
             char *d = data_of(out.get());
             std::uniform_real_distribution<double> uniform(0.0, 1.0);

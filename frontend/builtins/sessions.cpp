@@ -55,7 +55,8 @@ void help(Interp &in, int argc, QVA_VPTR argv[], bool methods) {
   }
   for (int i = 0; i < argc; ++i) {
     QVA_VPTR v = argv[i];
-    in.print(help_line(var_name(v), v));
+    const char *name = v->name ? QVA_IdentName(v->name) : nullptr;
+    in.print(help_line(name && *name ? name : "<Expression>", v));
     if (QVA_SDEF cls = class_of(v)) {
       std::string line = "** Object class " + qvahost::struct_name(cls);
       QVA_SDEF super = qvahost::struct_super(cls);

@@ -54,7 +54,7 @@ bool is_blank(char c) { return c == ' ' || c == '\t'; }
 // tabs by default).
 QVA_VPTR strsplit(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   auto kw = take_keywords("STRSPLIT", argk, {"EXTRACT", "REGEX", "PRESERVE_NULL", "COUNT", "LENGTH", "FOLD_CASE"});
-  if (!is_scalar(argv[0])) qvahost::raise_error("STRSPLIT: the string must be a scalar.");
+  if (!is_scalar(argv[0])) qvahost::raise_error("Expression must be a scalar in this context: " + var_name(argv[0]) + ".");
   std::string text = texts_of(argv[0]).at(0);
   std::string pattern = argc > 1 ? texts_of(argv[1]).at(0) : " \t";
   bool keep_empty = keyword_set(kw[2]);
@@ -67,7 +67,7 @@ QVA_VPTR strsplit(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
     // with the length of the text.
     regex_t re;
     if (regcomp(&re, pattern.c_str(), REG_EXTENDED | (keyword_set(kw[5]) ? REG_ICASE : 0)) != 0)
-      qvahost::raise_error("STRSPLIT: bad regular expression: " + pattern + ".");
+      qvahost::raise_error("Invalid regular expression '" + pattern + "': " + var_name(argv[1]) + ".");
     size_t at = 0, from = 0;
     regmatch_t m;
     while (from <= text.size() &&
@@ -204,17 +204,17 @@ QVA_VPTR reads(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
       return t;
     }
     while (at < text.size() && (is_blank(text[at]) || text[at] == ',' || text[at] == '\n')) ++at;
-    if (at >= text.size()) qvahost::raise_error("READS: End of input data encountered: " + var_name(argv[0]) + ".");
+    if (at >= text.size()) qvahost::raise_error("End of input data encountered: " + var_name(argv[0]) + ".");
     size_t b = at;
     while (at < text.size() && !is_blank(text[at]) && text[at] != ',' && text[at] != '\n') ++at;
     return text.substr(b, at - b);
   };
   for (int i = 1; i < argc; ++i) {
     QVA_VPTR v = argv[i];
-    if (v->flags & QVA_V_STRUCT) qvahost::raise_error("READS: structures cannot be read: " + var_name(v) + ".");
+    if (v->flags & QVA_V_STRUCT) qvahost::raise_error("Structures cannot be read: " + var_name(v) + ".");
     int type = v->type == QVA_TYP_UNDEF ? QVA_TYP_FLOAT : v->type;
     if (!is_numeric_type(type) && type != QVA_TYP_STRING)
-      qvahost::raise_error("READS: cannot read into " + var_name(v) + ".");
+      qvahost::raise_error("Expression must be numeric or a string in this context: " + var_name(v) + ".");
     QVA_MEMINT n = v->type == QVA_TYP_UNDEF ? 1 : qvahost::element_count(v);
     std::vector<std::string> tokens;
     for (QVA_MEMINT k = 0; k < n; ++k) tokens.push_back(next_token(type == QVA_TYP_STRING));
