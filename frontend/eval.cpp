@@ -1,6 +1,7 @@
 // eval.cpp - expressions, calls and assignment.
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "interp.h"
 
@@ -226,6 +227,26 @@ Val Interp::eval_sysvar(const Expr &e) {
     qvahost::store_field(t, 0, "NAME", name.get());
     qvahost::store_field(t, 0, "CODE", code.get());
     qvahost::store_field(t, 0, "MSG", msg.get());
+    return v;
+  }
+  if (e.name == "VALUES") {
+    // Infinity and NaN in FLOAT and DOUBLE.
+    static const char *const names[] = {"F_INFINITY", "F_NAN", "D_INFINITY", "D_NAN"};
+    if (!values_sdef_) {
+      std::vector<qvahost::FieldSpec> fields;
+      for (int i = 0; i < 4; ++i) fields.push_back({names[i], i < 2 ? QVA_TYP_FLOAT : QVA_TYP_DOUBLE, nullptr, {}});
+      values_sdef_ = qvahost::define_struct("", "", fields);
+    }
+    QVA_VPTR t = nullptr;
+    QVA_MakeTempStructVector(values_sdef_, 1, &t, 1);
+    Val v = Val::temp(t);
+    for (int i = 0; i < 4; ++i) {
+      int type = i < 2 ? QVA_TYP_FLOAT : QVA_TYP_DOUBLE;
+      Val x = make_array(type, {});
+      put_real(type, data_of(x.get()), i % 2 ? std::numeric_limits<double>::quiet_NaN()
+                                             : std::numeric_limits<double>::infinity());
+      qvahost::store_field(t, 0, names[i], x.get());
+    }
     return v;
   }
   qvahost::raise_error("Not a legal system variable: !" + e.name + ".");
@@ -503,6 +524,12 @@ void Interp::assign(Frame &f, const Expr &target, Val value) {
 
 Val Interp::pass(Frame &f, const Expr &e) {
   if (e.kind == Expr::Var) return Val::ref(lookup_or_create(f, e.name));
+  // *p goes by reference even while its heap variable is undefined
+  // (N_ELEMENTS(*p) is 0; a routine may set it).
+  if (e.kind == Expr::Deref) {
+    Val p = eval(f, *e.kids[0]);
+    return Val::ref(&heap_of_ptr(p.get(), false)->var);
+  }
   return eval(f, e);
 }
 

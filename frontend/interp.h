@@ -180,6 +180,7 @@ class Interp {
   ErrorSite site_;
   qvahost::HostError last_error_;
   QVA_SDEF error_state_sdef_ = nullptr;
+  QVA_SDEF values_sdef_ = nullptr;  // !VALUES
 };
 
 // Registers the built-in routines (PRINT, HELP, OBJ_NEW, ...) with the host.

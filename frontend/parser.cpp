@@ -144,6 +144,17 @@ class Parser {
     Parser *p_;
   };
 
+  // COMPILE_OPT names and FORWARD_FUNCTION names: nothing to run.  Integers
+  // are LONG and calls are told from subscripts without them.
+  StmtPtr declaration() {
+    auto s = make(Stmt::Block);
+    advance();
+    do {
+      ident("a name");
+    } while (is_op(",") && advance().kind == Tok::Op);
+    return s;
+  }
+
   StmtPtr statement() {
     Depth depth(this);
     if (at(Tok::Exec)) {
@@ -173,6 +184,7 @@ class Parser {
         }
         return s;
       }
+      if (w == "COMPILE_OPT" || w == "FORWARD_FUNCTION") return declaration();
       if (w == "PRO" || w == "FUNCTION") fail("a definition inside a statement");
       if (w == "CASE" || w == "SWITCH") return case_statement();
       // name, args   or   name alone: a procedure call

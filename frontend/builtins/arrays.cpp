@@ -61,6 +61,25 @@ Builtin array_maker(const char *name, int type) {
           }};
 }
 
+// PTRARR(dims, /ALLOCATE_HEAP): null pointers, or each a pointer to a new
+// heap variable, undefined until assigned through it.
+QVA_VPTR ptrarr(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("PTRARR", argk, {"NOZERO", "ALLOCATE_HEAP"});
+  Dims dims = dims_from(argc, argv, 0);
+  Val out = make_array(QVA_TYP_PTR, dims);
+  if (!keyword_set(kw[1])) return out.give_temp();
+  auto *ids = reinterpret_cast<QVA_HVID *>(data_of(out.get()));
+  QVA_MEMINT n = count_of(dims), made = 0;
+  Val none = undefined_value();
+  try {
+    for (; made < n; ++made) ids[made] = QVA_HeapVarNew(QVA_TYP_PTR, none.get(), 0, QVA_MSG_LONGJMP)->hash_id;
+  } catch (...) {
+    for (QVA_MEMINT i = 0; i < made; ++i) QVA_HeapVarDelete(ids[i], 0, QVA_MSG_RET);
+    throw;
+  }
+  return out.give_temp();
+}
+
 // INDGEN, FINDGEN, ...: each element its own index, in the type.
 Val index_array(int type, const Dims &dims) {
   Val v = make_array(type, dims);
@@ -209,8 +228,33 @@ QVA_VPTR isa(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 
 // A type conversion function (BYTE, FIX, ...): the value converted element
 // by element, keeping its shape.
+// Numbers converted to an integer type wrap to its width, as the family's
+// conversions do (BYTE(300) is 44); a scalar string given to BYTE gives its
+// characters' codes.  Everything else converts as the host does.
+QVA_VPTR integer_conversion(QVA_VPTR v, int type) {
+  if (type == QVA_TYP_BYTE && v->type == QVA_TYP_STRING && is_scalar(v) && !(v->flags & QVA_V_STRUCT)) {
+    std::string text = qvahost::string_value(v);
+    if (text.empty()) return qvahost::make_byte(0);
+    Val out = make_array(type, {static_cast<QVA_MEMINT>(text.size())});
+    std::copy(text.begin(), text.end(), data_of(out.get()));
+    return out.give_temp();
+  }
+  if ((v->flags & QVA_V_STRUCT) || !is_numeric_type(v->type)) return qvahost::convert_value(v, type);
+  View w = view_of(v);
+  Val out = make_array(type, w.array ? dims_of(v) : Dims{});
+  char *d = data_of(out.get());
+  for (QVA_MEMINT i = 0; i < w.n; ++i) {
+    const char *p = w.data + i * static_cast<QVA_MEMINT>(w.size);
+    char *q = d + i * static_cast<QVA_MEMINT>(elt_size(type));
+    if (is_real_type(w.type)) put_real(type, q, get_real(w.type, p));
+    else put_int(type, q, get_int(w.type, p));
+  }
+  return out.give_temp();
+}
+
 Builtin conversion(const char *name, int type) {
   return {name, true, 1, 1, false, [type](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+            if (is_integer_type(type)) return integer_conversion(argv[0], type);
             return qvahost::convert_value(argv[0], type);
           }};
 }
@@ -261,7 +305,7 @@ std::vector<Builtin> array_builtins() {
       array_maker("DBLARR", QVA_TYP_DOUBLE),
       array_maker("STRARR", QVA_TYP_STRING),
       array_maker("OBJARR", QVA_TYP_OBJREF),
-      array_maker("PTRARR", QVA_TYP_PTR),
+      {"PTRARR", true, 1, QVA_MAX_ARRAY_DIM, true, ptrarr},
       index_maker("BINDGEN", QVA_TYP_BYTE),
       index_maker("INDGEN", QVA_TYP_INT),
       index_maker("LINDGEN", QVA_TYP_LONG),

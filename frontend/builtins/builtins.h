@@ -45,6 +45,8 @@ std::string upper(std::string s);
 // A value as errors name it: the variable's name, else its place among the
 // running built-in's arguments.
 std::string var_name(QVA_VPTR v);
+// A scalar argument converted to an integer.
+QVA_LONG64 scalar_integer(QVA_VPTR v);
 QVA_VPTR byte_result(bool b);
 
 // The class of an object reference scalar (nullptr for anything else, the

@@ -59,7 +59,7 @@ void set_output(QVA_VPTR var, Val value) {
 // The 1-based dimension argument of TOTAL and REVERSE as 0-based, checked
 // against the value's shape.
 size_t dimension_arg(QVA_VPTR arg, const Dims &dims) {
-  QVA_LONG64 d = qvahost::integer_value(Val::temp(qvahost::convert_value(arg, QVA_TYP_LONG64)).get());
+  QVA_LONG64 d = scalar_integer(arg);
   if (d < 1 || d > static_cast<QVA_LONG64>(std::max<size_t>(dims.size(), 1)))
     qvahost::raise_error("Illegal dimension " + std::to_string(d) + ": " + var_name(arg) + ".");
   return static_cast<size_t>(d - 1);
@@ -126,6 +126,18 @@ QVA_VPTR extreme(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, bool want_max) {
   if (argc > 1) set_output(argv[1], Val::temp(qvahost::make_long(static_cast<QVA_LONG>(at))));
   if (kw[0]) set_output(kw[0], Val::temp(qvahost::element_values(argv[0], {other}, true)));
   return qvahost::element_values(argv[0], {at}, true);
+}
+
+// ARRAY_EQUAL(a, b): 1 when both hold as many elements (or one is a
+// scalar) and every pair is equal, compared as EQ compares them.
+QVA_VPTR array_equal(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+  View a = view_of(argv[0]), b = view_of(argv[1]);
+  if (a.n != b.n && a.array && b.array) return byte_result(false);
+  Val same = binary_op("EQ", argv[0], argv[1]);
+  View w = view_of(same.get());
+  for (QVA_MEMINT i = 0; i < w.n; ++i)
+    if (!w.data[i]) return byte_result(false);
+  return byte_result(true);
 }
 
 // WHERE(a [, count]): the positions of the non-zero elements, or -1 (and
@@ -250,6 +262,21 @@ QVA_VPTR abs_fn(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
   return out.give_temp();
 }
 
+// FINITE(x, /NAN, /INFINITY): 1 where a number is finite (or, with a
+// keyword, NaN or infinite); integers are always finite.
+QVA_VPTR finite(int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("FINITE", argk, {"NAN", "INFINITY"});
+  bool nan = keyword_set(kw[0]), inf = keyword_set(kw[1]);
+  View w = numbers_of(argv[0]);
+  Val out = make_array(QVA_TYP_BYTE, dims_of(argv[0]));
+  char *d = data_of(out.get());
+  for (QVA_MEMINT i = 0; i < w.n; ++i) {
+    double x = is_real_type(w.type) ? get_real(w.type, w.data + i * static_cast<QVA_MEMINT>(w.size)) : 0;
+    d[i] = nan ? std::isnan(x) : inf ? std::isinf(x) : std::isfinite(x);
+  }
+  return out.give_temp();
+}
+
 // ------------------------------------------------------------ random
 
 // The generator's state lives in the seed variable as a LONG64 array, so
@@ -327,10 +354,12 @@ std::vector<Builtin> number_builtins() {
       {"MIN", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return extreme(c, v, k, false); }},
       {"MAX", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return extreme(c, v, k, true); }},
       {"WHERE", true, 1, 2, true, where},
+      {"ARRAY_EQUAL", true, 2, 2, false, array_equal},
       {"SORT", true, 1, 1, false, sort},
       {"UNIQ", true, 1, 2, false, uniq},
       {"REVERSE", true, 1, 2, false, reverse},
       {"ABS", true, 1, 1, false, abs_fn},
+      {"FINITE", true, 1, 1, true, finite},
       real_function("SQRT", [](double x) { return std::sqrt(x); }),
       real_function("EXP", [](double x) { return std::exp(x); }),
       real_function("ALOG", [](double x) { return std::log(x); }),

@@ -143,7 +143,7 @@ std::vector<Builtin> session_builtins() {
   return {
       {"HELP", false, 0, kManyArgs, true,
        [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-         auto kw = take_keywords("HELP", argk, {"OBJECTS", "METHODS"});
+         auto kw = take_keywords("HELP", argk, {"OBJECTS", "METHODS", "STRUCTURES"});  // fields are always shown
          help(current_interp(), argc, argv, keyword_set(kw[1]));
          return static_cast<QVA_VPTR>(nullptr);
        }},

@@ -42,10 +42,6 @@ QVA_VPTR map_to_numbers(QVA_VPTR v, int type, const std::function<int64_t(const 
   return out.give_temp();
 }
 
-QVA_LONG64 scalar_integer(QVA_VPTR v) {
-  return qvahost::integer_value(Val::temp(qvahost::convert_value(v, QVA_TYP_LONG64)).get());
-}
-
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
 // STRSPLIT(s [, pattern], /EXTRACT, /REGEX, /PRESERVE_NULL, COUNT=,
@@ -283,7 +279,7 @@ std::vector<Builtin> string_builtins() {
        }},
       {"STRTRIM", true, 1, 2, false,
        [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
-         int mode = argc > 1 ? static_cast<int>(qvahost::integer_value(argv[1])) : 0;
+         int mode = argc > 1 ? static_cast<int>(scalar_integer(argv[1])) : 0;
          Val s = Val::temp(string_of(argv[0]));
          return map_strings(s.get(), [mode](const std::string &t) { return strtrim(t, mode); });
        }},
@@ -300,9 +296,8 @@ std::vector<Builtin> string_builtins() {
        }},
       {"STRLEN", true, 1, 1, false,
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
-         Val s = Val::temp(string_of(argv[0]));
-         if (!is_scalar(s.get())) qvahost::raise_error("STRLEN takes a scalar.");
-         return qvahost::make_long(static_cast<QVA_LONG>(qvahost::string_value(s.get()).size()));
+         return map_to_numbers(argv[0], QVA_TYP_LONG,
+                               [](const std::string &t) { return static_cast<int64_t>(t.size()); });
        }},
       {"STRSPLIT", true, 1, 2, true, strsplit},
       {"STRJOIN", true, 1, 2, true,
