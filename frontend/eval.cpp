@@ -97,6 +97,26 @@ bool is_chain_link(const Expr &e) {
          e.kind == Expr::Method;
 }
 
+// s.tag = value for every element of a structure array: one value for
+// all, one field's worth for each, or the elements of the value shared out
+// in order.
+void store_field_of_each(QVA_VPTR dst, const std::string &tag, QVA_VPTR value) {
+  QVA_MEMINT n = qvahost::element_count(dst);
+  if (n == 1) return qvahost::store_field(dst, 0, tag, value);
+  QVA_MEMINT per = qvahost::element_count(Val::temp(qvahost::field_value(dst, 0, tag)).get());
+  QVA_MEMINT m = qvahost::element_count(value);
+  if (m == 1 || m == per) {
+    for (QVA_MEMINT i = 0; i < n; ++i) qvahost::store_field(dst, i, tag, value);
+    return;
+  }
+  if (m != n * per) qvahost::raise_error("Conflicting data structures: " + qvahost::argument_label(dst) + "." + tag + ".");
+  std::vector<QVA_MEMINT> picks(static_cast<size_t>(per));
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    for (QVA_MEMINT k = 0; k < per; ++k) picks[static_cast<size_t>(k)] = i * per + k;
+    qvahost::store_field(dst, i, tag, Val::temp(qvahost::element_values(value, picks, true)).get());
+  }
+}
+
 }  // namespace
 
 // A left chain (a+b+c..., s.a.b..., a[i].b->m()) is evaluated from its
@@ -261,8 +281,9 @@ Val Interp::eval_array(Frame &f, const Expr &e) {
   std::vector<Val> parts;
   std::vector<QVA_VPTR> defined;
   for (const ExprPtr &k : e.kids) {
-    parts.push_back(eval(f, *k));
-    if (parts.back()->type != QVA_TYP_UNDEF) defined.push_back(parts.back().get());  // !NULL adds nothing
+    // !NULL, and a variable holding it (b = [] & b = [b, 1]), add nothing.
+    parts.push_back(k->kind == Expr::Var ? pass(f, *k) : eval(f, *k));
+    if (parts.back()->type != QVA_TYP_UNDEF) defined.push_back(parts.back().get());
   }
   return concatenate(defined, depth);
 }
@@ -322,15 +343,20 @@ Val Interp::eval_field(Frame &f, const Expr &e, Val base) {
     qvahost::raise_error("Expression must be a structure in this context: ." + e.name + ".");
   QVA_MEMINT n = qvahost::element_count(base.get());
   if (n == 1) return Val::temp(qvahost::field_value(base.get(), 0, e.name));
-  // The field of every element, as one array.
+  // The field of every element, as one array: the field's dimensions, then
+  // one more for the elements.
   std::vector<Val> parts;
   for (QVA_MEMINT i = 0; i < n; ++i) parts.push_back(Val::temp(qvahost::field_value(base.get(), i, e.name)));
-  int type = parts[0]->type;
-  QVA_VPTR out = nullptr;
-  if (type == QVA_TYP_STRUCT) QVA_MakeTempStructVector(parts[0]->value.s.sdef, n, &out, 1);
-  else QVA_MakeTempVector(type, n, 1, &out);
-  Val result = Val::temp(out);
-  for (QVA_MEMINT i = 0; i < n; ++i) qvahost::store_elements(out, {i}, parts[static_cast<size_t>(i)].get());
+  QVA_VPTR first = parts[0].get();
+  Dims dims = is_scalar(first) ? Dims{} : dims_of(first);
+  QVA_MEMINT per = count_of(dims);
+  dims.push_back(n);
+  Val result = make_array(first->type, dims, (first->flags & QVA_V_STRUCT) ? first->value.s.sdef : nullptr);
+  std::vector<QVA_MEMINT> picks(static_cast<size_t>(per));
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    for (QVA_MEMINT k = 0; k < per; ++k) picks[static_cast<size_t>(k)] = i * per + k;
+    qvahost::store_elements(result.get(), picks, parts[static_cast<size_t>(i)].get());
+  }
   return result;
 }
 
@@ -508,11 +534,11 @@ void Interp::assign(Frame &f, const Expr &target, Val value) {
         // A field of a value that is not a variable: change a copy and
         // store the copy back where the value came from.
         if (!held.owned()) held = copy_of(held.get());
-        qvahost::store_field(held.get(), 0, target.name, value.get());
+        store_field_of_each(held.get(), target.name, value.get());
         store_back(f, base, std::move(held));
         return;
       }
-      qvahost::store_field(dst, 0, target.name, value.get());
+      store_field_of_each(dst, target.name, value.get());
       return;
     }
     default:

@@ -203,7 +203,13 @@ class Parser {
       }
     }
     int line = cur().line;
+    // x++, x--, ++x, --x: statements that add or take one.
+    if (is_op("++") || is_op("--")) {
+      std::string op = advance().text;
+      return step_statement(expression(), op, line);
+    }
     ExprPtr e = expression();
+    if (is_op("++") || is_op("--")) return step_statement(std::move(e), advance().text, line);
     if (is_op("=") || is_op("+=") || is_op("-=") || is_op("*=") || is_op("/=")) {
       auto s = std::make_unique<Stmt>(Stmt::Assign, line);
       s->op = advance().text;
@@ -229,6 +235,17 @@ class Parser {
       return s;
     }
     fail("not a statement");
+  }
+
+  StmtPtr step_statement(ExprPtr target, const std::string &op, int line) {
+    check_target(*target);
+    auto s = std::make_unique<Stmt>(Stmt::Assign, line);
+    s->op = op == "++" ? "+=" : "-=";
+    s->target = std::move(target);
+    s->value = std::make_unique<Expr>(Expr::Int, line);
+    s->value->ival = 1;
+    s->value->itype = QVA_TYP_LONG;
+    return s;
   }
 
   void check_target(const Expr &e) {

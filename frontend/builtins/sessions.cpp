@@ -1,6 +1,8 @@
 // sessions.cpp - built-ins about files and the session: HELP, MESSAGE,
 // EXIT, the running routine's facts, SAVE, RESTORE, RESET_SESSION and
 // TRACE.
+#include <algorithm>
+
 #include "builtins.h"
 
 namespace qva {
@@ -151,7 +153,8 @@ std::vector<Builtin> session_builtins() {
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
          auto kw = take_keywords("MESSAGE", argk, {"INFORMATIONAL", "CONTINUE", "NONAME"});
          std::string text = format_value(argv[0]);
-         std::string routine = keyword_set(kw[2]) ? "" : current_interp().frame().routine;
+         const Frame &f = current_interp().frame();
+         std::string routine = keyword_set(kw[2]) ? "" : f.main ? "$MAIN$" : f.routine;
          qvahost::HostError e{QVA_M_GENERIC, routine, text};
          if (keyword_set(kw[0]) || keyword_set(kw[1])) {
            qvahost::emit(e.report());
@@ -166,6 +169,15 @@ std::vector<Builtin> session_builtins() {
        }},
       {"N_PARAMS", true, 0, 0, false,
        [](int, QVA_VPTR[], QVA_KW_ARGS *) { return qvahost::make_long(current_interp().frame().n_params); }},
+      // ARG_PRESENT(param): 1 when the caller gave a variable for it, which
+      // the routine can set; 0 for an expression or nothing.
+      {"ARG_PRESENT", true, 1, 1, false,
+       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+         const Frame &f = current_interp().frame();
+         QVA_VPTR v = argv[0];
+         bool local = std::any_of(f.owned.begin(), f.owned.end(), [v](const auto &o) { return o.get() == v; });
+         return byte_result(!f.main && !local && !(v->flags & QVA_V_TEMP));
+       }},
       {"COMMAND_LINE_ARGS", true, 0, 0, false,
        [](int, QVA_VPTR[], QVA_KW_ARGS *) {
          if (current_interp().args().empty()) return QVA_Gettmp();

@@ -99,7 +99,7 @@ TEST_F(Eval, ErrorsNameTheRoutineFileAndLine) {
   EXPECT_NE(err.find("% Execution halted at: DEEP, lib.pro line 3"), std::string::npos) << err;
   err = Run("PRINT, 'a'\nMESSAGE, 'stop here'\nPRINT, 'b'\n", "m.pro", false);
   EXPECT_EQ(printed_, "a\n");
-  EXPECT_NE(err.find("% stop here"), std::string::npos) << err;
+  EXPECT_NE(err.find("% $MAIN$: stop here"), std::string::npos) << err;
   EXPECT_NE(err.find("m.pro line 2"), std::string::npos) << err;
   err = Run("x = 1\n\ny = x / 0\n", "div.pro", false);
   EXPECT_NE(err.find("Integer divide by 0"), std::string::npos) << err;
