@@ -117,8 +117,15 @@ QVA_VPTR extreme(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, bool want_max) {
   auto kw = take_keywords(name, argk, {want_max ? "MIN" : "MAX", "NAN"});
   View w = numbers_of(argv[0], true);
   if (w.n == 0) qvahost::raise_error("Expression must not be empty: " + var_name(argv[0]) + ".");
-  QVA_MEMINT lo = 0, hi = 0;
-  for (QVA_MEMINT i = 1; i < w.n; ++i) {
+  // NaN elements take no part (unless all are NaN: the first is the answer).
+  auto is_nan = [&w](QVA_MEMINT i) {
+    return is_real_type(w.type) && std::isnan(get_real(w.type, w.data + i * static_cast<QVA_MEMINT>(w.size)));
+  };
+  QVA_MEMINT first = 0;
+  while (first + 1 < w.n && is_nan(first)) ++first;
+  QVA_MEMINT lo = first, hi = first;
+  for (QVA_MEMINT i = first + 1; i < w.n; ++i) {
+    if (is_nan(i)) continue;
     if (less_at(w, i, lo)) lo = i;
     if (less_at(w, hi, i)) hi = i;
   }
