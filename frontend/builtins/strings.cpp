@@ -251,13 +251,11 @@ std::vector<Builtin> string_builtins() {
              current_interp().print(l);
            return static_cast<QVA_VPTR>(nullptr);
          }
-         std::string line;
-         for (int i = 0; i < argc; ++i) {
+         for (int i = 0; i < argc; ++i)
            if (argv[i]->type == QVA_TYP_UNDEF)
              qvahost::raise_error("Variable is undefined: " + var_name(argv[i]) + ".");
-           line += format_value(argv[i]);
-         }
-         current_interp().print(line);
+         for (const std::string &line : printed_lines(std::vector<QVA_VPTR>(argv, argv + argc)))
+           current_interp().print(line);
          return static_cast<QVA_VPTR>(nullptr);
        }},
       {"STRING", true, 1, kManyArgs, true,

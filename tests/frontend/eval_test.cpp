@@ -131,7 +131,8 @@ TEST_F(Eval, SubscriptsSelectAndStoreInSeveralDimensions) {
   EXPECT_EQ(Run("PRINT, SIZE(a[[1, 2], 0:1], /DIMENSIONS), a[5]"), "           2           2           5\n");
   EXPECT_EQ(Run("b = a & b[*, 1] = [-1, -2, -3, -4] & b[2, 2] = 99 & b[0] = [7, 8]\n"
                 "PRINT, b[*, 1], b[10], b[0:1, 0]"),
-            "          -1          -2          -3          -4          99           7           8\n");
+            "          -1          -2          -3          -4          99           7\n"
+            "           8\n");  // a seventh LONG would pass 80 columns
   // Too few subscripts: the last spans the rest; a vector takes a second 0.
   EXPECT_EQ(Run("c = INDGEN(2, 2, 2) & v = [5, 6]\nPRINT, c[1, 3], v[1, 0]"), "       7           6\n");
   std::string err = Run("b[*, 1] = [1, 2]", "t.pro", false);
