@@ -269,6 +269,23 @@ std::vector<Builtin> array_builtins() {
        }},
       {"SIZE", true, 0, 1, true, size_of},
       {"ISA", true, 1, 2, true, isa},
+      // TYPENAME(x): the type's name; a structure's name (ANONYMOUS without
+      // one), an object's class (OBJREF for the null reference).
+      {"TYPENAME", true, 1, 1, false,
+       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+         QVA_VPTR v = argv[0];
+         std::string name = qvahost::type_name(v->type);
+         if (QVA_SDEF cls = class_of(v)) name = qvahost::struct_name(cls);
+         else if (v->flags & QVA_V_STRUCT) name = qvahost::struct_name(v->value.s.sdef);
+         return qvahost::make_string(name.empty() ? "ANONYMOUS" : name);
+       }},
+      // TEMPORARY(x): x's value, leaving x undefined.
+      {"TEMPORARY", true, 1, 1, false,
+       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+         Val copy = copy_of(argv[0]);
+         if (!(argv[0]->flags & QVA_V_TEMP)) QVA_Delvar(argv[0]);
+         return copy.give_temp();
+       }},
       {"KEYWORD_SET", true, 1, 1, false,
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
          QVA_VPTR v = argv[0];

@@ -65,16 +65,20 @@ size_t dimension_arg(QVA_VPTR arg, const Dims &dims) {
   return static_cast<size_t>(d - 1);
 }
 
-// TOTAL(a [, dim], /INTEGER, /DOUBLE): integers sum as FLOAT (LONG64 with
-// /INTEGER), DOUBLE stays DOUBLE.
-QVA_VPTR total(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-  auto kw = take_keywords("TOTAL", argk, {"INTEGER", "DOUBLE", "NAN"});
+// TOTAL(a [, dim], /INTEGER, /DOUBLE, /NAN, /CUMULATIVE): integers sum as
+// FLOAT (LONG64 with /INTEGER), DOUBLE stays DOUBLE.  PRODUCT(a [, dim],
+// /INTEGER, /NAN, /CUMULATIVE) multiplies, in DOUBLE unless /INTEGER.
+// With /CUMULATIVE each element holds the running result, in the shape of
+// a (along dim, or over the whole array).
+QVA_VPTR fold(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, bool product) {
+  auto kw = take_keywords(product ? "PRODUCT" : "TOTAL", argk, {"INTEGER", "DOUBLE", "NAN", "CUMULATIVE"});
   View w = numbers_of(argv[0]);
   bool integer = keyword_set(kw[0]);
   bool skip_nan = keyword_set(kw[2]);
+  bool cumulative = keyword_set(kw[3]);
   int type = integer ? QVA_TYP_LONG64
-             : keyword_set(kw[1]) || w.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE
-                                                             : QVA_TYP_FLOAT;
+             : product || keyword_set(kw[1]) || w.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE
+                                                                        : QVA_TYP_FLOAT;
   Dims dims = dims_of(argv[0]);
   if (dims.empty()) dims = {1};
   size_t dim = argc > 1 ? dimension_arg(argv[1], dims) : dims.size();
@@ -87,25 +91,32 @@ QVA_VPTR total(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
     for (size_t k = 0; k < dims.size(); ++k)
       if (k != dim) out_dims.push_back(dims[k]);
   }
+  if (cumulative) out_dims = is_scalar(argv[0]) ? Dims{} : dims_of(argv[0]);
   Val out = make_array(type, out_dims);
   char *d = data_of(out.get());
-  size_t size = elt_size(type);
+  auto size = static_cast<QVA_MEMINT>(elt_size(type));
   for (QVA_MEMINT o = 0; o < outer; ++o)
     for (QVA_MEMINT i = 0; i < inner; ++i) {
-      int64_t isum = 0;
-      double dsum = 0;
+      int64_t iacc = product ? 1 : 0;
+      double dacc = product ? 1 : 0;
       for (QVA_MEMINT j = 0; j < len; ++j) {
-        const char *p = w.data + (i + inner * (j + len * o)) * static_cast<QVA_MEMINT>(w.size);
+        QVA_MEMINT at = i + inner * (j + len * o);
+        const char *p = w.data + at * static_cast<QVA_MEMINT>(w.size);
         if (integer) {
-          isum = static_cast<int64_t>(static_cast<uint64_t>(isum) + static_cast<uint64_t>(get_int(w.type, p)));
+          auto x = static_cast<uint64_t>(get_int(w.type, p)), a = static_cast<uint64_t>(iacc);
+          iacc = static_cast<int64_t>(product ? a * x : a + x);  // wraps as the type does
         } else {
           double x = get_real(w.type, p);
-          if (!(skip_nan && std::isnan(x))) dsum += x;
+          if (!(skip_nan && std::isnan(x))) dacc = product ? dacc * x : dacc + x;
         }
+        if (!cumulative) continue;
+        if (integer) put_int(type, d + at * size, iacc);
+        else put_real(type, d + at * size, dacc);
       }
-      char *q = d + (i + inner * o) * static_cast<QVA_MEMINT>(size);
-      if (integer) put_int(type, q, isum);
-      else put_real(type, q, dsum);
+      if (cumulative) continue;
+      char *q = d + (i + inner * o) * size;
+      if (integer) put_int(type, q, iacc);
+      else put_real(type, q, dacc);
     }
   return out.give_temp();
 }
@@ -147,10 +158,10 @@ QVA_VPTR array_equal(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
   return byte_result(true);
 }
 
-// WHERE(a [, count]): the positions of the non-zero elements, or -1 (and
-// a count of 0) when there are none.
+// WHERE(a [, count], /NULL): the positions of the non-zero elements, or -1 (and
+// a count of 0; with /NULL, !NULL) when there are none.
 QVA_VPTR where(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-  auto kw = take_keywords("WHERE", argk, {"COMPLEMENT", "NCOMPLEMENT"});
+  auto kw = take_keywords("WHERE", argk, {"COMPLEMENT", "NCOMPLEMENT", "NULL"});
   View w = numbers_of(argv[0], true);
   std::vector<QVA_MEMINT> yes, no;
   for (QVA_MEMINT i = 0; i < w.n; ++i) {
@@ -160,8 +171,10 @@ QVA_VPTR where(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
                                         : get_int(w.type, p) != 0;
     (set ? yes : no).push_back(i);
   }
-  auto result = [](const std::vector<QVA_MEMINT> &v) {
-    return v.empty() ? Val::temp(qvahost::make_long(-1)) : long_array(v);
+  bool null = keyword_set(kw[2]);  // none found: !NULL rather than -1
+  auto result = [null](const std::vector<QVA_MEMINT> &v) {
+    if (!v.empty()) return long_array(v);
+    return null ? undefined_value() : Val::temp(qvahost::make_long(-1));
   };
   if (argc > 1) set_output(argv[1], Val::temp(qvahost::make_long(static_cast<QVA_LONG>(yes.size()))));
   if (kw[0]) set_output(kw[0], result(no));
@@ -230,6 +243,27 @@ QVA_VPTR each_real(QVA_VPTR v, const View &w, int type, double (*fn)(double)) {
   for (QVA_MEMINT i = 0; i < w.n; ++i)
     put_real(type, d + i * static_cast<QVA_MEMINT>(elt_size(type)),
              fn(get_real(w.type, w.data + i * static_cast<QVA_MEMINT>(w.size))));
+  return out.give_temp();
+}
+
+// ATAN(y, x): the angle of (x, y), element by element (a scalar pairs
+// with every element of the other); ATAN(x): the arc tangent.
+QVA_VPTR atan_fn(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
+  View y = numbers_of(argv[0]);
+  if (argc == 1)
+    return each_real(argv[0], y, y.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE : QVA_TYP_FLOAT,
+                     [](double v) { return std::atan(v); });
+  View x = numbers_of(argv[1]);
+  int type = y.type == QVA_TYP_DOUBLE || x.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE : QVA_TYP_FLOAT;
+  QVA_VPTR shape = !y.array ? argv[1] : !x.array || x.n >= y.n ? argv[0] : argv[1];
+  QVA_MEMINT n = !y.array ? x.n : !x.array ? y.n : std::min(x.n, y.n);
+  Val out = make_array(type, x.array && y.array && x.n != y.n ? Dims{n} : dims_of(shape));
+  char *d = data_of(out.get());
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    double yv = get_real(y.type, y.data + (y.array ? i : 0) * static_cast<QVA_MEMINT>(y.size));
+    double xv = get_real(x.type, x.data + (x.array ? i : 0) * static_cast<QVA_MEMINT>(x.size));
+    put_real(type, d + i * static_cast<QVA_MEMINT>(elt_size(type)), std::atan2(yv, xv));
+  }
   return out.give_temp();
 }
 
@@ -357,7 +391,8 @@ QVA_VPTR systime(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 
 std::vector<Builtin> number_builtins() {
   return {
-      {"TOTAL", true, 1, 2, true, total},
+      {"TOTAL", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return fold(c, v, k, false); }},
+      {"PRODUCT", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return fold(c, v, k, true); }},
       {"MIN", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return extreme(c, v, k, false); }},
       {"MAX", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return extreme(c, v, k, true); }},
       {"WHERE", true, 1, 2, true, where},
@@ -374,7 +409,7 @@ std::vector<Builtin> number_builtins() {
       real_function("SIN", [](double x) { return std::sin(x); }),
       real_function("COS", [](double x) { return std::cos(x); }),
       real_function("TAN", [](double x) { return std::tan(x); }),
-      real_function("ATAN", [](double x) { return std::atan(x); }),
+      {"ATAN", true, 1, 2, false, atan_fn},
       rounding("FLOOR", [](double x) { return std::floor(x); }),
       rounding("CEIL", [](double x) { return std::ceil(x); }),
       rounding("ROUND", [](double x) { return std::round(x); }),

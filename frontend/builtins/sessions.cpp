@@ -167,6 +167,14 @@ std::vector<Builtin> session_builtins() {
          auto kw = take_keywords("EXIT", argk, {"STATUS"});
          throw ExitRequest{kw[0] ? static_cast<int>(qvahost::integer_value(kw[0])) : 0};
        }},
+      {"ON_ERROR", false, 1, 1, false,
+       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) -> QVA_VPTR {
+         QVA_LONG64 mode = scalar_integer(argv[0]);
+         if (mode < 0 || mode > 3)
+           qvahost::raise_error("Value of ON_ERROR must be 0 to 3: " + var_name(argv[0]) + ".");
+         current_interp().frame().on_error = static_cast<int>(mode);
+         return nullptr;
+       }},
       {"N_PARAMS", true, 0, 0, false,
        [](int, QVA_VPTR[], QVA_KW_ARGS *) { return qvahost::make_long(current_interp().frame().n_params); }},
       // ARG_PRESENT(param): 1 when the caller gave a variable for it, which

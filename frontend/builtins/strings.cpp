@@ -347,6 +347,21 @@ std::vector<Builtin> string_builtins() {
          bool all = keyword_set(kw[0]);
          return map_strings(argv[0], [all](const std::string &t) { return compress(t, all); });
        }},
+      // STRCMP(a, b [, n], /FOLD_CASE): 1 where the texts (their first n
+      // characters) are equal.
+      {"STRCMP", true, 2, 3, true,
+       [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+         auto kw = take_keywords("STRCMP", argk, {"FOLD_CASE"});
+         bool fold = keyword_set(kw[0]);
+         QVA_LONG64 n = argc > 2 ? scalar_integer(argv[2]) : -1;
+         std::string other = texts_of(argv[1]).at(0);
+         auto cut = [&](std::string t) {
+           if (n >= 0 && t.size() > static_cast<size_t>(n)) t.resize(static_cast<size_t>(n));
+           return fold ? upper(t) : t;
+         };
+         std::string want = cut(other);
+         return map_to_numbers(argv[0], QVA_TYP_BYTE, [&](const std::string &t) -> int64_t { return cut(t) == want; });
+       }},
       {"STRMATCH", true, 2, 2, true,
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
          auto kw = take_keywords("STRMATCH", argk, {"FOLD_CASE"});
