@@ -288,6 +288,16 @@ Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
   auto ye = [&](QVA_MEMINT i) { return y.data + (y.array ? i : 0) * y.size; };
   bool cmp = is_compare(op);
 
+  // A string meeting a number in anything but +: the string is read as a
+  // number of the other's type ('5' * 2 is 10, 'x' EQ 1 a conversion error).
+  if (op != "+" && (x.type == QVA_TYP_STRING) != (y.type == QVA_TYP_STRING)) {
+    bool x_text = x.type == QVA_TYP_STRING;
+    int to = x_text ? y.type : x.type;
+    if (numeric_rank(to)) {
+      Val number = Val::temp(qvahost::convert_value(x_text ? a : b, to));
+      return x_text ? binary_op(op, number.get(), b) : binary_op(op, a, number.get());
+    }
+  }
   // Strings: concatenation (a number is shown as PRINT shows it) and comparison.
   if (x.type == QVA_TYP_STRING || y.type == QVA_TYP_STRING) {
     if (op != "+" && !cmp) bad_operands(op, x.type, y.type);
