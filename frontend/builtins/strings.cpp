@@ -223,6 +223,23 @@ QVA_VPTR reads(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   return nullptr;
 }
 
+// STRING of bytes: the characters they code (up to a zero byte), one string
+// for a scalar or a vector, one a row (the first dimension) for more.
+QVA_VPTR text_of_bytes(QVA_VPTR v) {
+  View w = view_of(v);
+  Dims dims = dims_of(v);
+  QVA_MEMINT row = dims.size() > 1 ? dims[0] : w.n;
+  std::vector<std::string> rows;
+  for (QVA_MEMINT at = 0; at < w.n; at += row) {
+    std::string t(w.data + at, static_cast<size_t>(row));
+    rows.push_back(t.substr(0, t.find('\0')));
+  }
+  if (dims.size() <= 1) return qvahost::make_string(rows.at(0));
+  Val out = Val::temp(qvahost::make_string_array(rows));
+  reshape(out.get(), Dims(dims.begin() + 1, dims.end()));
+  return out.give_temp();
+}
+
 // The FORMAT= keyword's text, or "" when none was given.
 std::string format_keyword(QVA_VPTR kw) {
   if (!kw || kw->type == QVA_TYP_UNDEF) return "";
@@ -266,6 +283,8 @@ std::vector<Builtin> string_builtins() {
            auto lines = format_lines(format, std::vector<QVA_VPTR>(argv, argv + argc));
            return lines.size() == 1 ? qvahost::make_string(lines[0]) : qvahost::make_string_array(lines);
          }
+         if (argc == 1 && argv[0]->type == QVA_TYP_BYTE && !(argv[0]->flags & QVA_V_STRUCT))
+           return text_of_bytes(argv[0]);
          if (argc == 1) {
            QVA_VPTR out = string_of(argv[0]);
            if (!is_scalar(out) && !(argv[0]->flags & QVA_V_STRUCT)) reshape(out, dims_of(argv[0]));
