@@ -226,8 +226,6 @@ QVA_VPTR isa(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   return byte_result(ok);
 }
 
-// A type conversion function (BYTE, FIX, ...): the value converted element
-// by element, keeping its shape.
 // Numbers converted to an integer type wrap to its width, as the family's
 // conversions do (BYTE(300) is 44); a scalar string given to BYTE gives its
 // characters' codes.  Everything else converts as the host does.
@@ -252,6 +250,8 @@ QVA_VPTR integer_conversion(QVA_VPTR v, int type) {
   return out.give_temp();
 }
 
+// A type conversion function (BYTE, FIX, ...): the value converted element
+// by element, keeping its shape.
 Builtin conversion(const char *name, int type) {
   return {name, true, 1, 1, false, [type](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
             if (is_integer_type(type)) return integer_conversion(argv[0], type);
