@@ -282,16 +282,108 @@ bool has_code(const std::vector<Item> &items) {
   return false;
 }
 
+// A C-style format, (%"text") or (%'text'): true with the text inside.
+bool c_style_text(const std::string &format, std::string *text) {
+  size_t b = format.find_first_not_of(" \t");
+  size_t e = format.find_last_not_of(" \t");
+  if (b == std::string::npos || format[b] != '(' || format[e] != ')') return false;
+  b = format.find_first_not_of(" \t", b + 1);
+  e = format.find_last_not_of(" \t", e - 1);
+  if (b == std::string::npos || e <= b + 2 || format[b] != '%') return false;
+  char quote = format[b + 1];
+  if ((quote != '"' && quote != '\'') || format[e] != quote) return false;
+  *text = format.substr(b + 2, e - b - 2);
+  return true;
+}
+
+// Applies a C-style format: the text with each %-code (flags, width,
+// precision, then d i o x X f e E g G s) replaced by the next value as
+// printf writes it, and %% by %.  Values left over start the text again on
+// a new line; it stops at a code no value is left for.
+std::vector<std::string> c_style_lines(const std::string &format, const std::string &text,
+                                       const std::vector<Datum> &data) {
+  std::vector<std::string> lines;
+  std::string line;
+  size_t next = 0;
+  for (;;) {
+    size_t before = next;
+    bool stopped = false;
+    for (size_t i = 0; i < text.size() && !stopped; ++i) {
+      if (text[i] != '%') {
+        line += text[i];
+        continue;
+      }
+      if (i + 1 < text.size() && text[i + 1] == '%') {
+        line += '%';
+        ++i;
+        continue;
+      }
+      size_t b = i++;
+      while (i < text.size() && std::strchr("-+ 0#", text[i]) && text[i]) ++i;
+      for (int part = 0; part < 2; ++part) {  // width, then .precision
+        if (part == 1 && (i >= text.size() || text[i] != '.')) break;
+        if (part == 1) ++i;
+        int n = 0;
+        for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i)
+          if ((n = n * 10 + (text[i] - '0')) > 500) bad_format(format, "a field too wide");
+      }
+      if (i >= text.size()) bad_format(format, "a code without its letter");
+      std::string spec = text.substr(b, i - b);
+      char conv = text[i];
+      if (next >= data.size()) {
+        stopped = true;
+        break;
+      }
+      const Datum &d = data[next++];
+      char buf[2048];
+      switch (conv) {
+        case 'd':
+        case 'i':
+        case 'o':
+        case 'x':
+        case 'X': {
+          long long v = is_integer_type(d.type) ? get_int(d.type, d.data) : std::llround(real_of(d));
+          std::snprintf(buf, sizeof buf, (spec + "ll" + conv).c_str(), v);
+          break;
+        }
+        case 'f':
+        case 'e':
+        case 'E':
+        case 'g':
+        case 'G':
+          std::snprintf(buf, sizeof buf, (spec + conv).c_str(), real_of(d));
+          break;
+        case 's': {
+          std::string t = format_element(d.type, d.sdef, d.data);
+          if (d.type != QVA_TYP_STRING) t.erase(0, t.find_first_not_of(' '));  // a number, unpadded
+          std::snprintf(buf, sizeof buf, (spec + "s").c_str(), t.c_str());
+          break;
+        }
+        default:
+          bad_format(format, std::string("an unknown code '%") + conv + "'");
+      }
+      line += buf;
+    }
+    if (stopped || next >= data.size() || next == before) break;
+    lines.push_back(line);
+    line.clear();
+  }
+  lines.push_back(line);
+  return lines;
+}
+
 }  // namespace
 
 std::vector<std::string> format_lines(const std::string &format, const std::vector<QVA_VPTR> &values) {
-  std::vector<Item> items = FormatParser(format).parse();
   std::vector<Datum> data;
   for (QVA_VPTR v : values) {
     View w = view_of(v);
     if (w.type == QVA_TYP_STRUCT) qvahost::raise_error("Format error: structures cannot be formatted.");
     for (QVA_MEMINT i = 0; i < w.n; ++i) data.push_back({w.type, w.sdef, w.data + i * static_cast<QVA_MEMINT>(w.size)});
   }
+  std::string c_text;
+  if (c_style_text(format, &c_text)) return c_style_lines(format, c_text, data);
+  std::vector<Item> items = FormatParser(format).parse();
   if (!data.empty() && !has_code(items)) bad_format(format, "no code takes a value");
   std::vector<std::string> lines;
   Writer out(data, lines);

@@ -4,7 +4,8 @@
 // and E suits the value, A[w] text, nX blanks, 'text' literals and '/' a
 // new line; any of them (and parenthesised groups) after a repeat count.
 // A value too wide for its field shows as asterisks.  When the values
-// outlast the format, it starts again on a new line.
+// outlast the format, it starts again on a new line.  A C-style format,
+// (%"x=%5.2f %s"), takes printf's codes instead.
 #pragma once
 
 #include <qva/qva.h>
