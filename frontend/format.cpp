@@ -20,6 +20,8 @@ struct Item {
   int repeat = 1;
   int width = -1;  // -1: none given
   int digits = -1;
+  bool left = false;        // Code: "-" after the letter, left-justified
+  bool zeros = false;       // Code: a width written with a leading 0 (I05): zero-filled
   std::string text;         // Text
   std::vector<Item> group;  // Group
 };
@@ -98,6 +100,12 @@ class FormatParser {
         it.kind = Item::Skip;
       } else if (c == 'I' || c == 'F' || c == 'E' || c == 'G' || c == 'A' || c == 'D') {
         it.code = c == 'D' ? 'E' : c;
+        if (!at_end() && f_[pos_] == '-') {
+          it.left = true;
+          ++pos_;
+        }
+        it.zeros = !at_end() && f_[pos_] == '0' && pos_ + 1 < f_.size() &&
+                   std::isdigit(static_cast<unsigned char>(f_[pos_ + 1]));
         it.width = number();
         if (!at_end() && f_[pos_] == '.') {
           ++pos_;
@@ -140,6 +148,13 @@ struct Datum {
   QVA_SDEF sdef;
   const char *data;
 };
+
+// A number's field filled with zeros after its sign (I05: -0042).
+std::string zero_fill(const std::string &s, int width) {
+  if (width <= 0 || static_cast<int>(s.size()) >= width) return s;
+  size_t sign = !s.empty() && (s[0] == '-' || s[0] == '+') ? 1 : 0;
+  return s.substr(0, sign) + std::string(static_cast<size_t>(width) - s.size(), '0') + s.substr(sign);
+}
 
 // A field of `width` (0 or none: as wide as the text), right-aligned.
 std::string fit(const std::string &s, int width) {
@@ -186,14 +201,14 @@ std::string apply(const Item &it, const Datum &d) {
                                           : static_cast<int64_t>(std::llround(real_of(d)));
       int w = it.width < 0 ? default_int_width(d.type) : it.width;
       std::snprintf(buf, sizeof buf, "%.*lld", it.digits < 0 ? 1 : it.digits, static_cast<long long>(v));
-      return fit(buf, w);
+      return fit(it.zeros ? zero_fill(buf, w) : buf, w);
     }
     case 'F': {
       double v = real_of(d);
       int digits = it.digits < 0 ? (d.type == QVA_TYP_DOUBLE ? 8 : 4) : std::min(it.digits, 100);
       if (!std::isfinite(v)) return fit(std::isnan(v) ? "NaN" : v < 0 ? "-Inf" : "Inf", it.width);
       std::snprintf(buf, sizeof buf, "%.*f", digits, v);
-      return fit(buf, it.width);
+      return fit(it.zeros ? zero_fill(buf, it.width) : buf, it.width);
     }
     case 'E': {
       double v = real_of(d);
@@ -228,6 +243,12 @@ std::string apply(const Item &it, const Datum &d) {
   return "";
 }
 
+// A field's text moved to its left edge: its leading blanks go to the end.
+std::string to_left(const std::string &s) {
+  size_t k = std::min(s.find_first_not_of(' '), s.size());
+  return s.substr(k) + std::string(k, ' ');
+}
+
 // Walks the format over the data, writing lines.
 class Writer {
  public:
@@ -255,7 +276,7 @@ class Writer {
             break;
           case Item::Code:
             if (next_ >= data_.size()) return false;
-            line_ += apply(it, data_[next_++]);
+            line_ += it.left ? to_left(apply(it, data_[next_++])) : apply(it, data_[next_++]);
             break;
         }
       }
