@@ -240,6 +240,50 @@ QVA_VPTR text_of_bytes(QVA_VPTR v) {
   return out.give_temp();
 }
 
+// The integers of a number or an array of them.
+std::vector<QVA_LONG64> integers_of(QVA_VPTR v) {
+  Val l = Val::temp(qvahost::convert_value(v, QVA_TYP_LONG64));
+  View w = view_of(l.get());
+  std::vector<QVA_LONG64> out;
+  for (QVA_MEMINT i = 0; i < w.n; ++i) out.push_back(get_int(QVA_TYP_LONG64, w.data + i * 8));
+  return out;
+}
+
+// STRMID(s, first [, length], /REVERSE_OFFSET): the part of each text from
+// `first` (counted from the end with the keyword), `length` characters or
+// to the end.  An array of positions or lengths gives one part each, of a
+// scalar text or of the text at the same place, in the array's shape.
+QVA_VPTR strmid(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("STRMID", argk, {"REVERSE_OFFSET"});
+  bool from_end = keyword_set(kw[0]);
+  std::vector<std::string> texts = texts_of(argv[0]);
+  std::vector<QVA_LONG64> firsts = integers_of(argv[1]);
+  std::vector<QVA_LONG64> counts = argc > 2 ? integers_of(argv[2]) : std::vector<QVA_LONG64>{-1};
+  QVA_VPTR shape = argv[0];
+  size_t n = texts.size();
+  for (int k = 1; k < argc; ++k) {
+    size_t m = k == 1 ? firsts.size() : counts.size();
+    if (is_scalar(argv[k])) continue;
+    if (!is_scalar(shape) && m != n)
+      qvahost::raise_error("Arrays must have as many elements: " + var_name(argv[k]) + ".");
+    if (is_scalar(shape)) shape = argv[k], n = m;
+  }
+  auto at = [](const auto &v, size_t i) { return v.size() == 1 ? v[0] : v[i]; };
+  std::vector<std::string> out;
+  for (size_t i = 0; i < n; ++i) {
+    const std::string &t = at(texts, i);
+    auto len = static_cast<QVA_LONG64>(t.size());
+    QVA_LONG64 b = from_end ? len - 1 - at(firsts, i) : at(firsts, i), count = at(counts, i);
+    if (b < 0) b = 0;
+    if (b >= len || count == 0 || count < -1) out.emplace_back();
+    else out.push_back(t.substr(static_cast<size_t>(b), static_cast<size_t>(count < 0 ? len - b : std::min(count, len - b))));
+  }
+  if (is_scalar(shape)) return qvahost::make_string(out.at(0));
+  Val result = Val::temp(qvahost::make_string_array(out));
+  reshape(result.get(), dims_of(shape));
+  return result.give_temp();
+}
+
 // The FORMAT= keyword's text, or "" when none was given.
 std::string format_keyword(QVA_VPTR kw) {
   if (!kw || kw->type == QVA_TYP_UNDEF) return "";
@@ -345,21 +389,7 @@ std::vector<Builtin> string_builtins() {
            return at == std::string::npos ? -1 : static_cast<int64_t>(at);
          });
        }},
-      {"STRMID", true, 2, 3, true,
-       [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-         auto kw = take_keywords("STRMID", argk, {"REVERSE_OFFSET"});
-         QVA_LONG64 first = scalar_integer(argv[1]);
-         QVA_LONG64 count = argc > 2 ? scalar_integer(argv[2]) : -1;
-         bool from_end = keyword_set(kw[0]);
-         return map_strings(argv[0], [=](const std::string &t) {
-           auto len = static_cast<QVA_LONG64>(t.size());
-           QVA_LONG64 b = from_end ? len - 1 - first : first;
-           if (b < 0) b = 0;
-           if (b >= len || count == 0 || count < -1) return std::string();
-           QVA_LONG64 n = count < 0 ? len - b : std::min(count, len - b);
-           return t.substr(static_cast<size_t>(b), static_cast<size_t>(n));
-         });
-       }},
+      {"STRMID", true, 2, 3, true, strmid},
       {"STRCOMPRESS", true, 1, 1, true,
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
          auto kw = take_keywords("STRCOMPRESS", argk, {"REMOVE_ALL"});
