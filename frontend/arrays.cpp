@@ -193,7 +193,7 @@ void reshape(QVA_VPTR v, const Dims &dims) {
   if (!a) qvahost::raise_error("Expression must be an array in this context.");
   if (dims.empty() || dims.size() > QVA_MAX_ARRAY_DIM || count_of(dims) != a->n_elts)
     qvahost::raise_error("New subscripts must not change the number elements in " +
-                         std::string(v->name ? QVA_IdentName(v->name) : "<Expression>") + ".");
+                         qvahost::argument_label(v) + ".");
   a->n_dim = static_cast<QVA_LONG>(dims.size());
   std::copy(dims.begin(), dims.end(), a->dim);
 }

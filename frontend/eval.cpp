@@ -1,6 +1,7 @@
 // eval.cpp - expressions, calls and assignment.
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "interp.h"
 
@@ -94,6 +95,26 @@ Val selected(QVA_VPTR base, const Selection &sel) {
 bool is_chain_link(const Expr &e) {
   return e.kind == Expr::Binary || e.kind == Expr::Field || e.kind == Expr::Subscript ||
          e.kind == Expr::Method;
+}
+
+// s.tag = value for every element of a structure array: one value for
+// all, one field's worth for each, or the elements of the value shared out
+// in order.
+void store_field_of_each(QVA_VPTR dst, const std::string &tag, QVA_VPTR value) {
+  QVA_MEMINT n = qvahost::element_count(dst);
+  if (n == 1) return qvahost::store_field(dst, 0, tag, value);
+  QVA_MEMINT per = qvahost::element_count(Val::temp(qvahost::field_value(dst, 0, tag)).get());
+  QVA_MEMINT m = qvahost::element_count(value);
+  if (m == 1 || m == per) {
+    for (QVA_MEMINT i = 0; i < n; ++i) qvahost::store_field(dst, i, tag, value);
+    return;
+  }
+  if (m != n * per) qvahost::raise_error("Conflicting data structures: " + qvahost::argument_label(dst) + "." + tag + ".");
+  std::vector<QVA_MEMINT> picks(static_cast<size_t>(per));
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    for (QVA_MEMINT k = 0; k < per; ++k) picks[static_cast<size_t>(k)] = i * per + k;
+    qvahost::store_field(dst, i, tag, Val::temp(qvahost::element_values(value, picks, true)).get());
+  }
 }
 
 }  // namespace
@@ -228,6 +249,26 @@ Val Interp::eval_sysvar(const Expr &e) {
     qvahost::store_field(t, 0, "MSG", msg.get());
     return v;
   }
+  if (e.name == "VALUES") {
+    // Infinity and NaN in FLOAT and DOUBLE.
+    static const char *const names[] = {"F_INFINITY", "F_NAN", "D_INFINITY", "D_NAN"};
+    if (!values_sdef_) {
+      std::vector<qvahost::FieldSpec> fields;
+      for (int i = 0; i < 4; ++i) fields.push_back({names[i], i < 2 ? QVA_TYP_FLOAT : QVA_TYP_DOUBLE, nullptr, {}});
+      values_sdef_ = qvahost::define_struct("", "", fields);
+    }
+    QVA_VPTR t = nullptr;
+    QVA_MakeTempStructVector(values_sdef_, 1, &t, 1);
+    Val v = Val::temp(t);
+    for (int i = 0; i < 4; ++i) {
+      int type = i < 2 ? QVA_TYP_FLOAT : QVA_TYP_DOUBLE;
+      Val x = make_array(type, {});
+      put_real(type, data_of(x.get()), i % 2 ? std::numeric_limits<double>::quiet_NaN()
+                                             : std::numeric_limits<double>::infinity());
+      qvahost::store_field(t, 0, names[i], x.get());
+    }
+    return v;
+  }
   qvahost::raise_error("Not a legal system variable: !" + e.name + ".");
 }
 
@@ -240,8 +281,9 @@ Val Interp::eval_array(Frame &f, const Expr &e) {
   std::vector<Val> parts;
   std::vector<QVA_VPTR> defined;
   for (const ExprPtr &k : e.kids) {
-    parts.push_back(eval(f, *k));
-    if (parts.back()->type != QVA_TYP_UNDEF) defined.push_back(parts.back().get());  // !NULL adds nothing
+    // !NULL, and a variable holding it (b = [] & b = [b, 1]), add nothing.
+    parts.push_back(k->kind == Expr::Var ? pass(f, *k) : eval(f, *k));
+    if (parts.back()->type != QVA_TYP_UNDEF) defined.push_back(parts.back().get());
   }
   return concatenate(defined, depth);
 }
@@ -301,15 +343,20 @@ Val Interp::eval_field(Frame &f, const Expr &e, Val base) {
     qvahost::raise_error("Expression must be a structure in this context: ." + e.name + ".");
   QVA_MEMINT n = qvahost::element_count(base.get());
   if (n == 1) return Val::temp(qvahost::field_value(base.get(), 0, e.name));
-  // The field of every element, as one array.
+  // The field of every element, as one array: the field's dimensions, then
+  // one more for the elements.
   std::vector<Val> parts;
   for (QVA_MEMINT i = 0; i < n; ++i) parts.push_back(Val::temp(qvahost::field_value(base.get(), i, e.name)));
-  int type = parts[0]->type;
-  QVA_VPTR out = nullptr;
-  if (type == QVA_TYP_STRUCT) QVA_MakeTempStructVector(parts[0]->value.s.sdef, n, &out, 1);
-  else QVA_MakeTempVector(type, n, 1, &out);
-  Val result = Val::temp(out);
-  for (QVA_MEMINT i = 0; i < n; ++i) qvahost::store_elements(out, {i}, parts[static_cast<size_t>(i)].get());
+  QVA_VPTR first = parts[0].get();
+  Dims dims = is_scalar(first) ? Dims{} : dims_of(first);
+  QVA_MEMINT per = count_of(dims);
+  dims.push_back(n);
+  Val result = make_array(first->type, dims, (first->flags & QVA_V_STRUCT) ? first->value.s.sdef : nullptr);
+  std::vector<QVA_MEMINT> picks(static_cast<size_t>(per));
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    for (QVA_MEMINT k = 0; k < per; ++k) picks[static_cast<size_t>(k)] = i * per + k;
+    qvahost::store_elements(result.get(), picks, parts[static_cast<size_t>(i)].get());
+  }
   return result;
 }
 
@@ -487,11 +534,11 @@ void Interp::assign(Frame &f, const Expr &target, Val value) {
         // A field of a value that is not a variable: change a copy and
         // store the copy back where the value came from.
         if (!held.owned()) held = copy_of(held.get());
-        qvahost::store_field(held.get(), 0, target.name, value.get());
+        store_field_of_each(held.get(), target.name, value.get());
         store_back(f, base, std::move(held));
         return;
       }
-      qvahost::store_field(dst, 0, target.name, value.get());
+      store_field_of_each(dst, target.name, value.get());
       return;
     }
     default:
@@ -503,6 +550,12 @@ void Interp::assign(Frame &f, const Expr &target, Val value) {
 
 Val Interp::pass(Frame &f, const Expr &e) {
   if (e.kind == Expr::Var) return Val::ref(lookup_or_create(f, e.name));
+  // *p goes by reference even while its heap variable is undefined
+  // (N_ELEMENTS(*p) is 0; a routine may set it).
+  if (e.kind == Expr::Deref) {
+    Val p = eval(f, *e.kids[0]);
+    return Val::ref(&heap_of_ptr(p.get(), false)->var);
+  }
   return eval(f, e);
 }
 

@@ -20,6 +20,8 @@ struct Item {
   int repeat = 1;
   int width = -1;  // -1: none given
   int digits = -1;
+  bool left = false;        // Code: "-" after the letter, left-justified
+  bool zeros = false;       // Code: a width written with a leading 0 (I05): zero-filled
   std::string text;         // Text
   std::vector<Item> group;  // Group
 };
@@ -98,6 +100,12 @@ class FormatParser {
         it.kind = Item::Skip;
       } else if (c == 'I' || c == 'F' || c == 'E' || c == 'G' || c == 'A' || c == 'D') {
         it.code = c == 'D' ? 'E' : c;
+        if (!at_end() && f_[pos_] == '-') {
+          it.left = true;
+          ++pos_;
+        }
+        it.zeros = !at_end() && f_[pos_] == '0' && pos_ + 1 < f_.size() &&
+                   std::isdigit(static_cast<unsigned char>(f_[pos_ + 1]));
         it.width = number();
         if (!at_end() && f_[pos_] == '.') {
           ++pos_;
@@ -140,6 +148,13 @@ struct Datum {
   QVA_SDEF sdef;
   const char *data;
 };
+
+// A number's field filled with zeros after its sign (I05: -0042).
+std::string zero_fill(const std::string &s, int width) {
+  if (width <= 0 || static_cast<int>(s.size()) >= width) return s;
+  size_t sign = !s.empty() && (s[0] == '-' || s[0] == '+') ? 1 : 0;
+  return s.substr(0, sign) + std::string(static_cast<size_t>(width) - s.size(), '0') + s.substr(sign);
+}
 
 // A field of `width` (0 or none: as wide as the text), right-aligned.
 std::string fit(const std::string &s, int width) {
@@ -186,14 +201,14 @@ std::string apply(const Item &it, const Datum &d) {
                                           : static_cast<int64_t>(std::llround(real_of(d)));
       int w = it.width < 0 ? default_int_width(d.type) : it.width;
       std::snprintf(buf, sizeof buf, "%.*lld", it.digits < 0 ? 1 : it.digits, static_cast<long long>(v));
-      return fit(buf, w);
+      return fit(it.zeros ? zero_fill(buf, w) : buf, w);
     }
     case 'F': {
       double v = real_of(d);
       int digits = it.digits < 0 ? (d.type == QVA_TYP_DOUBLE ? 8 : 4) : std::min(it.digits, 100);
       if (!std::isfinite(v)) return fit(std::isnan(v) ? "NaN" : v < 0 ? "-Inf" : "Inf", it.width);
       std::snprintf(buf, sizeof buf, "%.*f", digits, v);
-      return fit(buf, it.width);
+      return fit(it.zeros ? zero_fill(buf, it.width) : buf, it.width);
     }
     case 'E': {
       double v = real_of(d);
@@ -228,6 +243,12 @@ std::string apply(const Item &it, const Datum &d) {
   return "";
 }
 
+// A field's text moved to its left edge: its leading blanks go to the end.
+std::string to_left(const std::string &s) {
+  size_t k = std::min(s.find_first_not_of(' '), s.size());
+  return s.substr(k) + std::string(k, ' ');
+}
+
 // Walks the format over the data, writing lines.
 class Writer {
  public:
@@ -255,7 +276,7 @@ class Writer {
             break;
           case Item::Code:
             if (next_ >= data_.size()) return false;
-            line_ += apply(it, data_[next_++]);
+            line_ += it.left ? to_left(apply(it, data_[next_++])) : apply(it, data_[next_++]);
             break;
         }
       }
@@ -282,16 +303,108 @@ bool has_code(const std::vector<Item> &items) {
   return false;
 }
 
+// A C-style format, (%"text") or (%'text'): true with the text inside.
+bool c_style_text(const std::string &format, std::string *text) {
+  size_t b = format.find_first_not_of(" \t");
+  size_t e = format.find_last_not_of(" \t");
+  if (b == std::string::npos || format[b] != '(' || format[e] != ')') return false;
+  b = format.find_first_not_of(" \t", b + 1);
+  e = format.find_last_not_of(" \t", e - 1);
+  if (b == std::string::npos || e <= b + 2 || format[b] != '%') return false;
+  char quote = format[b + 1];
+  if ((quote != '"' && quote != '\'') || format[e] != quote) return false;
+  *text = format.substr(b + 2, e - b - 2);
+  return true;
+}
+
+// Applies a C-style format: the text with each %-code (flags, width,
+// precision, then d i o x X f e E g G s) replaced by the next value as
+// printf writes it, and %% by %.  Values left over start the text again on
+// a new line; it stops at a code no value is left for.
+std::vector<std::string> c_style_lines(const std::string &format, const std::string &text,
+                                       const std::vector<Datum> &data) {
+  std::vector<std::string> lines;
+  std::string line;
+  size_t next = 0;
+  for (;;) {
+    size_t before = next;
+    bool stopped = false;
+    for (size_t i = 0; i < text.size() && !stopped; ++i) {
+      if (text[i] != '%') {
+        line += text[i];
+        continue;
+      }
+      if (i + 1 < text.size() && text[i + 1] == '%') {
+        line += '%';
+        ++i;
+        continue;
+      }
+      size_t b = i++;
+      while (i < text.size() && std::strchr("-+ 0#", text[i]) && text[i]) ++i;
+      for (int part = 0; part < 2; ++part) {  // width, then .precision
+        if (part == 1 && (i >= text.size() || text[i] != '.')) break;
+        if (part == 1) ++i;
+        int n = 0;
+        for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i)
+          if ((n = n * 10 + (text[i] - '0')) > 500) bad_format(format, "a field too wide");
+      }
+      if (i >= text.size()) bad_format(format, "a code without its letter");
+      std::string spec = text.substr(b, i - b);
+      char conv = text[i];
+      if (next >= data.size()) {
+        stopped = true;
+        break;
+      }
+      const Datum &d = data[next++];
+      char buf[2048];
+      switch (conv) {
+        case 'd':
+        case 'i':
+        case 'o':
+        case 'x':
+        case 'X': {
+          long long v = is_integer_type(d.type) ? get_int(d.type, d.data) : std::llround(real_of(d));
+          std::snprintf(buf, sizeof buf, (spec + "ll" + conv).c_str(), v);
+          break;
+        }
+        case 'f':
+        case 'e':
+        case 'E':
+        case 'g':
+        case 'G':
+          std::snprintf(buf, sizeof buf, (spec + conv).c_str(), real_of(d));
+          break;
+        case 's': {
+          std::string t = format_element(d.type, d.sdef, d.data);
+          if (d.type != QVA_TYP_STRING) t.erase(0, t.find_first_not_of(' '));  // a number, unpadded
+          std::snprintf(buf, sizeof buf, (spec + "s").c_str(), t.c_str());
+          break;
+        }
+        default:
+          bad_format(format, std::string("an unknown code '%") + conv + "'");
+      }
+      line += buf;
+    }
+    if (stopped || next >= data.size() || next == before) break;
+    lines.push_back(line);
+    line.clear();
+  }
+  lines.push_back(line);
+  return lines;
+}
+
 }  // namespace
 
 std::vector<std::string> format_lines(const std::string &format, const std::vector<QVA_VPTR> &values) {
-  std::vector<Item> items = FormatParser(format).parse();
   std::vector<Datum> data;
   for (QVA_VPTR v : values) {
     View w = view_of(v);
     if (w.type == QVA_TYP_STRUCT) qvahost::raise_error("Format error: structures cannot be formatted.");
     for (QVA_MEMINT i = 0; i < w.n; ++i) data.push_back({w.type, w.sdef, w.data + i * static_cast<QVA_MEMINT>(w.size)});
   }
+  std::string c_text;
+  if (c_style_text(format, &c_text)) return c_style_lines(format, c_text, data);
+  std::vector<Item> items = FormatParser(format).parse();
   if (!data.empty() && !has_code(items)) bad_format(format, "no code takes a value");
   std::vector<std::string> lines;
   Writer out(data, lines);

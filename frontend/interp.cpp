@@ -401,7 +401,12 @@ Interp::Flow Interp::exec(Frame &f, const Stmt &s, const std::vector<StmtPtr> &l
         return exec_case(f, s, list, index);
     }
   } catch (const qvahost::HostError &) {
-    if (!site_.set) site_ = {true, f.routine, f.file, s.line};
+    if (!site_.set) {
+      // An uncaught error halts in this routine unless its ON_ERROR sends
+      // it up.
+      if (f.on_error == 1) site_.to_main = true;
+      if (f.main || (!site_.to_main && f.on_error < 2)) site_ = {true, f.routine, f.file, s.line};
+    }
     throw;
   }
   return Flow::Next;

@@ -35,6 +35,7 @@ struct Frame {
   qvahost::Keywords extra;  // keywords passed on with _EXTRA / _REF_EXTRA
   std::string extra_name;
   int n_params = 0;
+  int on_error = 0;  // ON_ERROR: 0 halt here, 1 at main level, 2 and 3 in the caller
   Val result;  // a function's RETURN value
   // CATCH: armed with the variable to set and where to go on.
   bool catch_armed = false;
@@ -48,6 +49,7 @@ struct ErrorSite {
   bool set = false;
   std::string routine, file;
   int line = 0;
+  bool to_main = false;  // ON_ERROR, 1 seen on the way out: main level halts
 };
 
 // EXIT: ends the program.
@@ -180,6 +182,7 @@ class Interp {
   ErrorSite site_;
   qvahost::HostError last_error_;
   QVA_SDEF error_state_sdef_ = nullptr;
+  QVA_SDEF values_sdef_ = nullptr;  // !VALUES
 };
 
 // Registers the built-in routines (PRINT, HELP, OBJ_NEW, ...) with the host.

@@ -22,6 +22,8 @@ std::string upper(std::string s) {
 class Lexer {
  public:
   Lexer(const std::string &src, int line) : s_(src), line_(line) {}
+  // Whether the text ends in a '$' that joins it to what follows.
+  bool joins_at_end() const { return joins_at_end_; }
 
   std::vector<Token> run() {
     bool line_start = true;
@@ -92,6 +94,7 @@ class Lexer {
     if (p < s_.size() && s_[p] == ';')
       while (p < s_.size() && s_[p] != '\n') ++p;
     if (p < s_.size() && s_[p] != '\n') return false;
+    joins_at_end_ = p >= s_.size();
     pos_ = p < s_.size() ? p + 1 : p;
     ++line_;
     return true;
@@ -186,7 +189,7 @@ class Lexer {
   }
 
   void op() {
-    static const char *const kOps[] = {"->", "::", "&&", "||", "+=", "-=", "*=", "/=", "+", "-",
+    static const char *const kOps[] = {"->", "::", "&&", "||", "++", "--", "+=", "-=", "*=", "/=", "+", "-",
                                        "*",  "/",  "^",  "=",  "(",  ")",  "[",  "]",  "{", "}",
                                        ",",  ":",  ".",  "~",  "&",  "?",  "<",  ">"};
     for (const char *o : kOps) {
@@ -204,12 +207,20 @@ class Lexer {
   size_t pos_ = 0;
   int line_;
   std::vector<Token> out_;
+  bool joins_at_end_ = false;
 };
 
 }  // namespace
 
 std::vector<Token> tokenize(const std::string &source, int first_line) {
   return Lexer(source, first_line).run();
+}
+
+std::vector<Token> tokenize_line(const std::string &line, int line_no, bool *continues) {
+  Lexer lexer(line, line_no);
+  std::vector<Token> out = lexer.run();
+  *continues = lexer.joins_at_end();
+  return out;
 }
 
 }  // namespace qva

@@ -47,5 +47,8 @@ struct SyntaxError : std::runtime_error {
 };
 
 std::vector<Token> tokenize(const std::string &source, int first_line = 1);
+// The tokens of one line typed on its own; `continues` tells whether it
+// ends in a '$' that joins it to the next line.
+std::vector<Token> tokenize_line(const std::string &line, int line_no, bool *continues);
 
 }  // namespace qva

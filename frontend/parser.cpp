@@ -144,6 +144,17 @@ class Parser {
     Parser *p_;
   };
 
+  // COMPILE_OPT names and FORWARD_FUNCTION names: nothing to run.  Integers
+  // are LONG and calls are told from subscripts without them.
+  StmtPtr declaration() {
+    auto s = make(Stmt::Block);
+    advance();
+    do {
+      ident("a name");
+    } while (is_op(",") && advance().kind == Tok::Op);
+    return s;
+  }
+
   StmtPtr statement() {
     Depth depth(this);
     if (at(Tok::Exec)) {
@@ -173,6 +184,7 @@ class Parser {
         }
         return s;
       }
+      if (w == "COMPILE_OPT" || w == "FORWARD_FUNCTION") return declaration();
       if (w == "PRO" || w == "FUNCTION") fail("a definition inside a statement");
       if (w == "CASE" || w == "SWITCH") return case_statement();
       // name, args   or   name alone: a procedure call
@@ -191,7 +203,13 @@ class Parser {
       }
     }
     int line = cur().line;
+    // x++, x--, ++x, --x: statements that add or take one.
+    if (is_op("++") || is_op("--")) {
+      std::string op = advance().text;
+      return step_statement(expression(), op, line);
+    }
     ExprPtr e = expression();
+    if (is_op("++") || is_op("--")) return step_statement(std::move(e), advance().text, line);
     if (is_op("=") || is_op("+=") || is_op("-=") || is_op("*=") || is_op("/=")) {
       auto s = std::make_unique<Stmt>(Stmt::Assign, line);
       s->op = advance().text;
@@ -217,6 +235,17 @@ class Parser {
       return s;
     }
     fail("not a statement");
+  }
+
+  StmtPtr step_statement(ExprPtr target, const std::string &op, int line) {
+    check_target(*target);
+    auto s = std::make_unique<Stmt>(Stmt::Assign, line);
+    s->op = op == "++" ? "+=" : "-=";
+    s->target = std::move(target);
+    s->value = std::make_unique<Expr>(Expr::Int, line);
+    s->value->ival = 1;
+    s->value->itype = QVA_TYP_LONG;
+    return s;
   }
 
   void check_target(const Expr &e) {

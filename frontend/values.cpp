@@ -181,23 +181,68 @@ std::string format_element(int type, QVA_SDEF sdef, const void *data) {
   }
 }
 
-std::string format_value(QVA_VPTR v) {
-  if (v->type == QVA_TYP_UNDEF) return "!NULL";
+namespace {
+
+bool spaced_type(int type) {
+  return type == QVA_TYP_STRING || type == QVA_TYP_STRUCT || type == QVA_TYP_PTR ||
+         type == QVA_TYP_OBJREF;
+}
+
+// Walks the pieces PRINT shows for a value: each element's text (strings,
+// structures and references after the first with a blank before them), and
+// where a row ("\n") or a plane ("\n\n") of an array ends.
+template <typename Piece, typename Break>
+void walk_printed(QVA_VPTR v, Piece piece, Break row_end) {
   View w = view_of(v);
   // An array of two or more dimensions shows one row (the first
   // dimension) a line, with an empty line after each plane.
   Dims dims = dims_of(v);
   QVA_MEMINT row = dims.size() > 1 ? dims[0] : w.n;
   QVA_MEMINT plane = dims.size() > 2 ? dims[0] * dims[1] : w.n;
-  std::string out;
   for (QVA_MEMINT i = 0; i < w.n; ++i) {
-    if (i > 0 && i % row == 0) out += i % plane == 0 ? "\n\n" : "\n";
-    else if (i > 0 && (w.type == QVA_TYP_STRING || w.type == QVA_TYP_STRUCT ||
-                       w.type == QVA_TYP_PTR || w.type == QVA_TYP_OBJREF))
-      out += ' ';
-    out += element_text(w, i);
+    bool blank = false;
+    if (i > 0 && i % row == 0) row_end(i % plane == 0);
+    else blank = i > 0 && spaced_type(w.type);
+    piece((blank ? " " : "") + element_text(w, i), spaced_type(w.type));
   }
+}
+
+}  // namespace
+
+std::string format_value(QVA_VPTR v) {
+  if (v->type == QVA_TYP_UNDEF) return "!NULL";
+  std::string out;
+  walk_printed(
+      v, [&](const std::string &text, bool) { out += text; },
+      [&](bool plane) { out += plane ? "\n\n" : "\n"; });
   return out;
+}
+
+std::vector<std::string> printed_lines(const std::vector<QVA_VPTR> &values) {
+  std::vector<std::string> lines;
+  std::string line;
+  for (QVA_VPTR v : values) {
+    if (v->type == QVA_TYP_UNDEF) {
+      line += "!NULL";
+      continue;
+    }
+    walk_printed(
+        v,
+        [&](const std::string &text, bool spaced) {
+          if (!spaced && !line.empty() && line.size() + text.size() > kPrintWidth) {
+            lines.push_back(std::move(line));
+            line.clear();
+          }
+          line += text;
+        },
+        [&](bool plane) {
+          lines.push_back(std::move(line));
+          line.clear();
+          if (plane) lines.emplace_back();
+        });
+  }
+  lines.push_back(std::move(line));
+  return lines;
 }
 
 bool nonzero(QVA_VPTR v) {
@@ -256,6 +301,16 @@ Val binary_op(const std::string &op, QVA_VPTR a, QVA_VPTR b) {
   auto ye = [&](QVA_MEMINT i) { return y.data + (y.array ? i : 0) * y.size; };
   bool cmp = is_compare(op);
 
+  // A string meeting a number in anything but +: the string is read as a
+  // number of the other's type ('5' * 2 is 10, 'x' EQ 1 a conversion error).
+  if (op != "+" && (x.type == QVA_TYP_STRING) != (y.type == QVA_TYP_STRING)) {
+    bool x_text = x.type == QVA_TYP_STRING;
+    int to = x_text ? y.type : x.type;
+    if (numeric_rank(to)) {
+      Val number = Val::temp(qvahost::convert_value(x_text ? a : b, to));
+      return x_text ? binary_op(op, number.get(), b) : binary_op(op, a, number.get());
+    }
+  }
   // Strings: concatenation (a number is shown as PRINT shows it) and comparison.
   if (x.type == QVA_TYP_STRING || y.type == QVA_TYP_STRING) {
     if (op != "+" && !cmp) bad_operands(op, x.type, y.type);

@@ -9,6 +9,7 @@
 #include <qva/qva.h>
 
 #include <string>
+#include <vector>
 
 namespace qva {
 
@@ -59,6 +60,11 @@ Val unary_op(const std::string &op, QVA_VPTR a);
 // The text PRINT shows for a value (numbers in their type's width; an
 // array of two or more dimensions one row a line).
 std::string format_value(QVA_VPTR v);
+// The lines PRINT shows for its values: as format_value shows each, one
+// after the other, a number that would take a line past kPrintWidth
+// columns starting the next line.
+constexpr size_t kPrintWidth = 80;
+std::vector<std::string> printed_lines(const std::vector<QVA_VPTR> &values);
 // The text of one element, as PRINT shows it.
 std::string format_element(int type, QVA_SDEF sdef, const void *data);
 

@@ -18,6 +18,15 @@ namespace {
             type_name(from), type_name(to));
 }
 
+// A conversion of an argument that failed names the argument too.
+void name_argument(HostError &e, const QVA_VARIABLE *v) {
+  std::string label = var_label(v);
+  if (e.code != M_CONVERSION || label == "<Expression>" || e.text.empty() || e.text.back() != '.')
+    return;
+  e.text.back() = ':';
+  e.text += " " + label + ".";
+}
+
 bool is_integer_type(int t) {
   return t == QVA_TYP_BYTE || t == QVA_TYP_INT || t == QVA_TYP_LONG || t == QVA_TYP_LONG64;
 }
@@ -164,7 +173,12 @@ QVA_ALLTYPES scalar_as(QVA_VPTR v, int to) {
     raise_fmt(M_NOTSCALAR, "Expression must be a scalar in this context: %s.",
               var_label(v).c_str());
   QVA_ALLTYPES out{};
-  convert_elt(v->type, &v->value, to, &out);
+  try {
+    convert_elt(v->type, &v->value, to, &out);
+  } catch (HostError &e) {
+    name_argument(e, v);
+    throw;
+  }
   return out;
 }
 
@@ -177,7 +191,14 @@ QVA_VPTR QVA_CvtLng(int argc, QVA_VPTR argv[]) {
   QVA_VPTR v = argv[0];
   if (v->type == QVA_TYP_UNDEF)
     raise_fmt(M_UNDEFVAR, "Variable is undefined: %s.", var_label(v).c_str());
-  if (v->flags & QVA_V_STRUCT) cannot_convert(QVA_TYP_STRUCT, QVA_TYP_LONG);
+  if (v->flags & QVA_V_STRUCT) {
+    try {
+      cannot_convert(QVA_TYP_STRUCT, QVA_TYP_LONG);
+    } catch (HostError &e) {
+      name_argument(e, v);
+      throw;
+    }
+  }
   if (!(v->flags & QVA_V_ARR)) {
     QVA_ALLTYPES converted = scalar_as(v, QVA_TYP_LONG);
     QVA_VPTR out = tmp_new();
@@ -196,6 +217,10 @@ QVA_VPTR QVA_CvtLng(int argc, QVA_VPTR argv[]) {
     out->flags |= QVA_V_ARR;
     out->value.arr = a;
     return out;
+  } catch (HostError &e) {
+    array_free(a);
+    name_argument(e, v);
+    throw;
   } catch (...) {
     array_free(a);
     throw;

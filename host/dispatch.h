@@ -79,11 +79,12 @@ class CallBoundary {
   bool closed_ = false;
 };
 
-// Pushes a routine name on the host's call stack for the guard's lifetime,
-// so that errors raised while it runs (and unwinding) name it.
+// Pushes a routine call on the host's call stack for the guard's lifetime,
+// so that errors raised while it runs (and unwinding) name it and its
+// arguments.
 class RoutineFrame {
  public:
-  explicit RoutineFrame(const std::string *name) { push_routine(name); }
+  explicit RoutineFrame(const RunningCall &call) { push_routine(call); }
   ~RoutineFrame() { pop_routine(); }
   RoutineFrame(const RoutineFrame &) = delete;
   RoutineFrame &operator=(const RoutineFrame &) = delete;

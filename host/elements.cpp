@@ -242,6 +242,8 @@ void raise_error(const std::string &text, int code) { raise(code, text); }
 
 std::string running_routine() { return current_routine(); }
 
+std::string argument_label(QVA_VPTR v) { return var_label(v); }
+
 void guarded(const std::function<void()> &body) {
   CallBoundary boundary;
   try {

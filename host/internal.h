@@ -110,11 +110,25 @@ enum : int {
   M_NESTING = -124,          // "Routine calls nested too deeply (more than %zu)."
 };
 
-// The routine call stack, used to name the routine an error abandons.
-void push_routine(const std::string *name);
+// The routine call stack, used to name the routine an error abandons and
+// the argument at fault: each call's name and the arguments it was given
+// (`first_arg` is 1 for a method, whose argv[0] is the object).
+struct RunningCall {
+  const std::string *name;
+  int argc;
+  QVA_VPTR *argv;
+  QVA_KW_ARGS *argk;
+  int first_arg;
+};
+void push_routine(const RunningCall &call);
 void pop_routine();
 const std::string &current_routine();  // "" at top level
 size_t routine_depth();                // routines running
+// How an error names an unnamed value given to the routine now running:
+// "argument N" (counted as the caller wrote them), "SELF" for a method's
+// object, the keyword's name for a keyword's value; "" when it is none of
+// the call's arguments.
+std::string running_argument_label(const QVA_VARIABLE *v);
 
 // (nesting.cpp) Raises M_NESTING when more routines are running than the
 // limit allows, or when this thread's C stack is nearly used up.  Called
@@ -178,7 +192,8 @@ void convert_elt(int from, const void *src, int to, void *dst);
 // A scalar value of `v` converted to `to`: raises NOTSCALAR for arrays,
 // UNDEFVAR for undefined.
 QVA_ALLTYPES scalar_as(QVA_VPTR v, int to);
-// The name used in variable errors: the variable's name or "<Expression>".
+// The name used in variable errors: the variable's name, else its place in
+// the running call's arguments, else "<Expression>".
 std::string var_label(const QVA_VARIABLE *v);
 
 // --------------------------------------------------------------- structures

@@ -112,6 +112,12 @@ class MadeTexts {
   std::vector<uint32_t> texts_;
 };
 
+// A keyword's value as errors name it: the caller's variable, else the keyword.
+std::string keyword_value_label(const QVA_KW_PAR &row, QVA_VPTR v) {
+  std::string label = var_label(v);
+  return label == "<Expression>" ? row.keyword : label;
+}
+
 // Converts one keyword's value as its row asks and writes it at `dst`.
 void store_value(const QVA_KW_PAR &row, QVA_VPTR v, char *dst, MadeTexts &made) {
   if (is_by_variable(row)) {
@@ -119,11 +125,11 @@ void store_value(const QVA_KW_PAR &row, QVA_VPTR v, char *dst, MadeTexts &made) 
     return;
   }
   if (v->type == QVA_TYP_UNDEF)
-    raise_fmt(M_UNDEFVAR, "Variable is undefined: %s.", row.keyword);
+    raise_fmt(M_UNDEFVAR, "Variable is undefined: %s.", keyword_value_label(row, v).c_str());
   if (v->flags & QVA_V_NOT_SCALAR)
-    raise_fmt(M_NOTSCALAR, "Expression must be a scalar in this context: %s.", row.keyword);
+    raise_fmt(M_NOTSCALAR, "Expression must be a scalar in this context: %s.", keyword_value_label(row, v).c_str());
   if (row.type == QVA_TYP_OBJREF && v->type != QVA_TYP_OBJREF)
-    raise_fmt(M_REQOBJREF, "Object reference type required in this context: %s.", row.keyword);
+    raise_fmt(M_REQOBJREF, "Object reference type required in this context: %s.", keyword_value_label(row, v).c_str());
   if (row.type == QVA_TYP_STRING && v->type == QVA_TYP_STRING) {
     std::memcpy(dst, &v->value.str, sizeof(QVA_STRING));  // shares the caller's text
     return;

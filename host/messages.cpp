@@ -7,6 +7,7 @@
 #include <memory>
 #include <strings.h>
 
+#include "dispatch.h"
 #include "internal.h"
 
 namespace qvahost {
@@ -18,9 +19,9 @@ std::function<void(const std::string &)> &output_sink() {
 }
 
 // Constant-initialised: no first-use check on the path of every call.
-constinit std::vector<const std::string *> g_routine_stack;
+constinit std::vector<RunningCall> g_routine_stack;
 
-inline std::vector<const std::string *> &routine_stack() { return g_routine_stack; }
+inline std::vector<RunningCall> &routine_stack() { return g_routine_stack; }
 
 // printf formats of the host's own message codes; the variadic arguments of
 // QVA_Message are applied to them.  QVA_M_GENERIC takes its format first.
@@ -91,7 +92,7 @@ void emit(const std::string &line) {
   }
 }
 
-void push_routine(const std::string *name) { routine_stack().push_back(name); }
+void push_routine(const RunningCall &call) { routine_stack().push_back(call); }
 
 void pop_routine() {
   if (routine_stack().empty()) {
@@ -106,7 +107,21 @@ size_t routine_depth() { return routine_stack().size(); }
 const std::string &current_routine() {
   static const std::string top_level;
   const auto &stack = routine_stack();
-  return stack.empty() || !stack.back() ? top_level : *stack.back();
+  return stack.empty() || !stack.back().name ? top_level : *stack.back().name;
+}
+
+std::string running_argument_label(const QVA_VARIABLE *v) {
+  if (routine_stack().empty()) return {};
+  const RunningCall &call = routine_stack().back();
+  for (int i = 0; i < call.argc && call.argv; ++i) {
+    if (call.argv[i] != v) continue;
+    if (i < call.first_arg) return "SELF";
+    return "argument " + std::to_string(i - call.first_arg + 1);
+  }
+  if (call.argk)
+    for (const Keyword &k : call.argk->items)
+      if (k.value == v) return upper_name(k.name);
+  return {};
 }
 
 std::string vformat(const char *fmt, va_list ap) {

@@ -35,6 +35,10 @@ struct HostError {
 [[noreturn]] void raise_error(const std::string &text, int code = QVA_M_GENERIC);
 // The routine now running, upper case ("" at top level).
 std::string running_routine();
+// How an error names a value: the variable's name, else its place among the
+// running routine's arguments ("argument 2", a keyword's name, "SELF"),
+// else "<Expression>".
+std::string argument_label(QVA_VPTR v);
 // Raises the host's "nested too deeply" error when this thread's C stack is
 // nearly used up: for front ends that recurse on their input (a parser, an
 // evaluator).  Every routine call makes the same check.

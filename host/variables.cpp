@@ -338,9 +338,12 @@ void var_move_value(QVA_VPTR src, QVA_VPTR dst, bool keep_embedded) {
 }
 
 std::string var_label(const QVA_VARIABLE *v) {
-  if (!v || !v->name) return "<Expression>";
-  const std::string &name = ident_name(v->name);
-  return name.empty() ? "<Expression>" : name;
+  if (v && v->name) {
+    const std::string &name = ident_name(v->name);
+    if (!name.empty()) return name;
+  }
+  std::string place = v ? running_argument_label(v) : std::string();
+  return place.empty() ? "<Expression>" : place;
 }
 
 }  // namespace qvahost

@@ -35,18 +35,18 @@ QVA_VPTR size_of(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 
 }  // namespace
 
-Dims dims_from(int argc, QVA_VPTR argv[], int first, const char *routine, bool trim) {
+Dims dims_from(int argc, QVA_VPTR argv[], int first, bool trim) {
   Dims dims;
   for (int i = first; i < argc; ++i) {
     Val l = Val::temp(qvahost::convert_value(argv[i], QVA_TYP_LONG64));
     View w = view_of(l.get());
     if (w.array && argc - first > 1)
-      qvahost::raise_error(std::string(routine) + ": dimensions must be scalars or one array.");
+      qvahost::raise_error("Dimensions must be scalars or one array: " + var_name(argv[i]) + ".");
     for (QVA_MEMINT k = 0; k < w.n; ++k) dims.push_back(get_int(QVA_TYP_LONG64, w.data + k * 8));
   }
-  if (dims.empty()) qvahost::raise_error(std::string("Incorrect number of arguments: ") + routine + ".");
+  if (dims.empty()) qvahost::raise_error("Incorrect number of arguments.");
   if (dims.size() > QVA_MAX_ARRAY_DIM)
-    qvahost::raise_error(std::string(routine) + ": arrays have at most 8 dimensions.");
+    qvahost::raise_error("Arrays have at most 8 dimensions.");
   return trim ? trim_dims(dims) : dims;  // FLTARR(3, 1) is a vector
 }
 
@@ -57,8 +57,27 @@ namespace {
 Builtin array_maker(const char *name, int type) {
   return {name, true, 1, QVA_MAX_ARRAY_DIM, true, [name, type](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
             take_keywords(name, argk, {"NOZERO"});
-            return make_array(type, dims_from(argc, argv, 0, name)).give_temp();
+            return make_array(type, dims_from(argc, argv, 0)).give_temp();
           }};
+}
+
+// PTRARR(dims, /ALLOCATE_HEAP): null pointers, or each a pointer to a new
+// heap variable, undefined until assigned through it.
+QVA_VPTR ptrarr(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("PTRARR", argk, {"NOZERO", "ALLOCATE_HEAP"});
+  Dims dims = dims_from(argc, argv, 0);
+  Val out = make_array(QVA_TYP_PTR, dims);
+  if (!keyword_set(kw[1])) return out.give_temp();
+  auto *ids = reinterpret_cast<QVA_HVID *>(data_of(out.get()));
+  QVA_MEMINT n = count_of(dims), made = 0;
+  Val none = undefined_value();
+  try {
+    for (; made < n; ++made) ids[made] = QVA_HeapVarNew(QVA_TYP_PTR, none.get(), 0, QVA_MSG_LONGJMP)->hash_id;
+  } catch (...) {
+    for (QVA_MEMINT i = 0; i < made; ++i) QVA_HeapVarDelete(ids[i], 0, QVA_MSG_RET);
+    throw;
+  }
+  return out.give_temp();
 }
 
 // INDGEN, FINDGEN, ...: each element its own index, in the type.
@@ -74,8 +93,8 @@ Val index_array(int type, const Dims &dims) {
 }
 
 Builtin index_maker(const char *name, int type) {
-  return {name, true, 1, QVA_MAX_ARRAY_DIM, false, [name, type](int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
-            return index_array(type, dims_from(argc, argv, 0, name)).give_temp();
+  return {name, true, 1, QVA_MAX_ARRAY_DIM, false, [type](int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
+            return index_array(type, dims_from(argc, argv, 0)).give_temp();
           }};
 }
 
@@ -87,15 +106,15 @@ QVA_VPTR make_array_fn(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   static const int flag_types[] = {QVA_TYP_BYTE, QVA_TYP_INT, QVA_TYP_LONG, QVA_TYP_LONG64, QVA_TYP_FLOAT,
                                    QVA_TYP_DOUBLE, QVA_TYP_STRING, QVA_TYP_OBJREF, QVA_TYP_PTR};
   auto kw = take_keywords("MAKE_ARRAY", argk, names);
-  Dims dims = kw[3] ? dims_from(1, &kw[3], 0, "MAKE_ARRAY") : dims_from(argc, argv, 0, "MAKE_ARRAY");
+  Dims dims = kw[3] ? dims_from(1, &kw[3], 0) : dims_from(argc, argv, 0);
   int type = kw[1] && kw[1]->type != QVA_TYP_UNDEF ? kw[1]->type : QVA_TYP_FLOAT;
   if (kw[0]) type = static_cast<int>(qvahost::integer_value(kw[0]));
   for (size_t i = 0; i < std::size(flag_types); ++i)
     if (keyword_set(kw[5 + i])) type = flag_types[i];
   if (!(is_numeric_type(type) || type == QVA_TYP_STRING || type == QVA_TYP_PTR || type == QVA_TYP_OBJREF))
-    qvahost::raise_error("MAKE_ARRAY: illegal type code " + std::to_string(type) + ".");
+    qvahost::raise_error("Illegal type code " + std::to_string(type) + ": TYPE.");
   if (keyword_set(kw[2]) && !is_numeric_type(type))
-    qvahost::raise_error("MAKE_ARRAY: /INDEX needs a numeric type.");
+    qvahost::raise_error("Expression must be numeric in this context: INDEX.");
   Val v = keyword_set(kw[2]) ? index_array(type, dims) : make_array(type, dims);
   if (kw[1] && kw[1]->type != QVA_TYP_UNDEF) {
     std::vector<QVA_MEMINT> all(static_cast<size_t>(count_of(dims)));
@@ -112,7 +131,7 @@ QVA_VPTR replicate(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
   QVA_VPTR v = argv[0];
   if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Variable is undefined: " + var_name(v) + ".");
   if (qvahost::element_count(v) != 1) qvahost::raise_error("Expression must be a scalar in this context: " + var_name(v) + ".");
-  Dims dims = dims_from(argc, argv, 1, "REPLICATE");
+  Dims dims = dims_from(argc, argv, 1);
   Val out = make_array(v->type, dims, (v->flags & QVA_V_STRUCT) ? v->value.s.sdef : nullptr);
   std::vector<QVA_MEMINT> all(static_cast<size_t>(count_of(dims)));
   for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<QVA_MEMINT>(i);
@@ -127,7 +146,7 @@ QVA_VPTR reform(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
   if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Variable is undefined: " + var_name(v) + ".");
   Dims dims;
   if (argc > 1) {
-    dims = dims_from(argc, argv, 1, "REFORM", false);
+    dims = dims_from(argc, argv, 1, false);
   } else {
     for (QVA_MEMINT d : dims_of(v))
       if (d != 1) dims.push_back(d);
@@ -151,19 +170,19 @@ QVA_VPTR reform(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
 QVA_VPTR transpose(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
   QVA_VPTR v = argv[0];
   if (v->type == QVA_TYP_UNDEF || is_scalar(v))
-    qvahost::raise_error("TRANSPOSE: expression must be an array in this context: " + var_name(v) + ".");
+    qvahost::raise_error("Expression must be an array in this context: " + var_name(v) + ".");
   Dims dims = dims_of(v);
   if (dims.size() == 1) dims.push_back(1);
   size_t r = dims.size();
   std::vector<size_t> order(r);
   for (size_t k = 0; k < r; ++k) order[k] = r - 1 - k;
   if (argc > 1) {
-    Dims p = dims_from(argc, argv, 1, "TRANSPOSE", false);
+    Dims p = dims_from(argc, argv, 1, false);
     std::vector<bool> seen(r, false);
-    if (p.size() != r) qvahost::raise_error("TRANSPOSE: the permutation must name every dimension once.");
+    if (p.size() != r) qvahost::raise_error("The permutation must name every dimension once: " + var_name(argv[1]) + ".");
     for (size_t k = 0; k < r; ++k) {
       if (p[k] < 0 || p[k] >= static_cast<QVA_MEMINT>(r) || seen[static_cast<size_t>(p[k])])
-        qvahost::raise_error("TRANSPOSE: the permutation must name every dimension once.");
+        qvahost::raise_error("The permutation must name every dimension once: " + var_name(argv[1]) + ".");
       seen[static_cast<size_t>(p[k])] = true;
       order[k] = static_cast<size_t>(p[k]);
     }
@@ -207,10 +226,35 @@ QVA_VPTR isa(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   return byte_result(ok);
 }
 
+// Numbers converted to an integer type wrap to its width, as the family's
+// conversions do (BYTE(300) is 44); a scalar string given to BYTE gives its
+// characters' codes.  Everything else converts as the host does.
+QVA_VPTR integer_conversion(QVA_VPTR v, int type) {
+  if (type == QVA_TYP_BYTE && v->type == QVA_TYP_STRING && is_scalar(v) && !(v->flags & QVA_V_STRUCT)) {
+    std::string text = qvahost::string_value(v);
+    if (text.empty()) return qvahost::make_byte(0);
+    Val out = make_array(type, {static_cast<QVA_MEMINT>(text.size())});
+    std::copy(text.begin(), text.end(), data_of(out.get()));
+    return out.give_temp();
+  }
+  if ((v->flags & QVA_V_STRUCT) || !is_numeric_type(v->type)) return qvahost::convert_value(v, type);
+  View w = view_of(v);
+  Val out = make_array(type, w.array ? dims_of(v) : Dims{});
+  char *d = data_of(out.get());
+  for (QVA_MEMINT i = 0; i < w.n; ++i) {
+    const char *p = w.data + i * static_cast<QVA_MEMINT>(w.size);
+    char *q = d + i * static_cast<QVA_MEMINT>(elt_size(type));
+    if (is_real_type(w.type)) put_real(type, q, get_real(w.type, p));
+    else put_int(type, q, get_int(w.type, p));
+  }
+  return out.give_temp();
+}
+
 // A type conversion function (BYTE, FIX, ...): the value converted element
 // by element, keeping its shape.
 Builtin conversion(const char *name, int type) {
   return {name, true, 1, 1, false, [type](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+            if (is_integer_type(type)) return integer_conversion(argv[0], type);
             return qvahost::convert_value(argv[0], type);
           }};
 }
@@ -225,6 +269,23 @@ std::vector<Builtin> array_builtins() {
        }},
       {"SIZE", true, 0, 1, true, size_of},
       {"ISA", true, 1, 2, true, isa},
+      // TYPENAME(x): the type's name; a structure's name (ANONYMOUS without
+      // one), an object's class (OBJREF for the null reference).
+      {"TYPENAME", true, 1, 1, false,
+       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+         QVA_VPTR v = argv[0];
+         std::string name = qvahost::type_name(v->type);
+         if (QVA_SDEF cls = class_of(v)) name = qvahost::struct_name(cls);
+         else if (v->flags & QVA_V_STRUCT) name = qvahost::struct_name(v->value.s.sdef);
+         return qvahost::make_string(name.empty() ? "ANONYMOUS" : name);
+       }},
+      // TEMPORARY(x): x's value, leaving x undefined.
+      {"TEMPORARY", true, 1, 1, false,
+       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+         Val copy = copy_of(argv[0]);
+         if (!(argv[0]->flags & QVA_V_TEMP)) QVA_Delvar(argv[0]);
+         return copy.give_temp();
+       }},
       {"KEYWORD_SET", true, 1, 1, false,
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
          QVA_VPTR v = argv[0];
@@ -261,7 +322,7 @@ std::vector<Builtin> array_builtins() {
       array_maker("DBLARR", QVA_TYP_DOUBLE),
       array_maker("STRARR", QVA_TYP_STRING),
       array_maker("OBJARR", QVA_TYP_OBJREF),
-      array_maker("PTRARR", QVA_TYP_PTR),
+      {"PTRARR", true, 1, QVA_MAX_ARRAY_DIM, true, ptrarr},
       index_maker("BINDGEN", QVA_TYP_BYTE),
       index_maker("INDGEN", QVA_TYP_INT),
       index_maker("LINDGEN", QVA_TYP_LONG),

@@ -42,8 +42,11 @@ std::vector<QVA_VPTR> take_keywords(const std::string &routine, QVA_KW_ARGS *arg
 bool keyword_set(QVA_VPTR kw);
 
 std::string upper(std::string s);
-// The name of a variable as errors show it; "<Expression>" for a temporary.
+// A value as errors name it: the variable's name, else its place among the
+// running built-in's arguments.
 std::string var_name(QVA_VPTR v);
+// A scalar argument converted to an integer.
+QVA_LONG64 scalar_integer(QVA_VPTR v);
 QVA_VPTR byte_result(bool b);
 
 // The class of an object reference scalar (nullptr for anything else, the
@@ -54,7 +57,7 @@ bool class_has(QVA_SDEF cls, const std::string &name);
 // The dimensions given to an array maker from argument `first` on: each a
 // scalar, or one array of them; trailing dimensions of 1 dropped unless
 // `trim` is false.
-Dims dims_from(int argc, QVA_VPTR argv[], int first, const char *routine, bool trim = true);
+Dims dims_from(int argc, QVA_VPTR argv[], int first, bool trim = true);
 
 // STRING() of a value: numbers as PRINT shows them, an array element by
 // element.

@@ -23,9 +23,13 @@ std::string upper(std::string s) {
   return s;
 }
 
-std::string var_name(QVA_VPTR v) {
-  const char *n = v->name ? QVA_IdentName(v->name) : nullptr;
-  return n && *n ? n : "<Expression>";
+std::string var_name(QVA_VPTR v) { return qvahost::argument_label(v); }
+
+QVA_LONG64 scalar_integer(QVA_VPTR v) {
+  Val l = Val::temp(qvahost::convert_value(v, QVA_TYP_LONG64));
+  if (!is_scalar(l.get()))
+    qvahost::raise_error("Expression must be a scalar in this context: " + var_name(v) + ".");
+  return qvahost::integer_value(l.get());
 }
 
 QVA_VPTR byte_result(bool b) { return qvahost::make_byte(b ? 1 : 0); }

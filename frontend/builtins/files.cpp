@@ -85,17 +85,15 @@ QVA_VPTR openw(int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   return nullptr;
 }
 
-// PRINTF, unit, values...: one line, the values as PRINT shows them.
+// PRINTF, unit, values...: the values as PRINT shows them.
 QVA_VPTR printf_unit(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   take_keywords("PRINTF", argk, {});
   OpenFile &file = open_unit(unit_of(argv[0]));
-  std::string line;
-  for (int i = 1; i < argc; ++i) {
+  for (int i = 1; i < argc; ++i)
     if (argv[i]->type == QVA_TYP_UNDEF)
       qvahost::raise_error("Variable is undefined: " + var_name(argv[i]) + ".");
-    line += format_value(argv[i]);
-  }
-  file.out << line << '\n';
+  for (const std::string &line : printed_lines(std::vector<QVA_VPTR>(argv + 1, argv + argc)))
+    file.out << line << '\n';
   if (!file.out) qvahost::raise_error("Error writing file: " + file.path + ".");
   return nullptr;
 }

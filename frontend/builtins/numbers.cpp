@@ -16,10 +16,10 @@ namespace qva {
 namespace {
 
 // A value that must hold numbers (or, with strings_ok, strings).
-View numbers_of(QVA_VPTR v, const char *routine, bool strings_ok = false) {
+View numbers_of(QVA_VPTR v, bool strings_ok = false) {
   View w = view_of(v);
   if (!is_numeric_type(w.type) && !(strings_ok && w.type == QVA_TYP_STRING))
-    qvahost::raise_error(std::string(routine) + ": expression must be " +
+    qvahost::raise_error(std::string("Expression must be ") +
                          (strings_ok ? "numeric or a string" : "numeric") + " in this context: " +
                          var_name(v) + ".");
   return w;
@@ -58,26 +58,30 @@ void set_output(QVA_VPTR var, Val value) {
 
 // The 1-based dimension argument of TOTAL and REVERSE as 0-based, checked
 // against the value's shape.
-size_t dimension_arg(QVA_VPTR arg, const Dims &dims, const char *routine) {
-  QVA_LONG64 d = qvahost::integer_value(Val::temp(qvahost::convert_value(arg, QVA_TYP_LONG64)).get());
+size_t dimension_arg(QVA_VPTR arg, const Dims &dims) {
+  QVA_LONG64 d = scalar_integer(arg);
   if (d < 1 || d > static_cast<QVA_LONG64>(std::max<size_t>(dims.size(), 1)))
-    qvahost::raise_error(std::string(routine) + ": illegal dimension " + std::to_string(d) + ".");
+    qvahost::raise_error("Illegal dimension " + std::to_string(d) + ": " + var_name(arg) + ".");
   return static_cast<size_t>(d - 1);
 }
 
-// TOTAL(a [, dim], /INTEGER, /DOUBLE): integers sum as FLOAT (LONG64 with
-// /INTEGER), DOUBLE stays DOUBLE.
-QVA_VPTR total(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-  auto kw = take_keywords("TOTAL", argk, {"INTEGER", "DOUBLE", "NAN"});
-  View w = numbers_of(argv[0], "TOTAL");
+// TOTAL(a [, dim], /INTEGER, /DOUBLE, /NAN, /CUMULATIVE): integers sum as
+// FLOAT (LONG64 with /INTEGER), DOUBLE stays DOUBLE.  PRODUCT(a [, dim],
+// /INTEGER, /NAN, /CUMULATIVE) multiplies, in DOUBLE unless /INTEGER.
+// With /CUMULATIVE each element holds the running result, in the shape of
+// a (along dim, or over the whole array).
+QVA_VPTR fold(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, bool product) {
+  auto kw = take_keywords(product ? "PRODUCT" : "TOTAL", argk, {"INTEGER", "DOUBLE", "NAN", "CUMULATIVE"});
+  View w = numbers_of(argv[0]);
   bool integer = keyword_set(kw[0]);
   bool skip_nan = keyword_set(kw[2]);
+  bool cumulative = keyword_set(kw[3]);
   int type = integer ? QVA_TYP_LONG64
-             : keyword_set(kw[1]) || w.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE
-                                                             : QVA_TYP_FLOAT;
+             : product || keyword_set(kw[1]) || w.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE
+                                                                        : QVA_TYP_FLOAT;
   Dims dims = dims_of(argv[0]);
   if (dims.empty()) dims = {1};
-  size_t dim = argc > 1 ? dimension_arg(argv[1], dims, "TOTAL") : dims.size();
+  size_t dim = argc > 1 ? dimension_arg(argv[1], dims) : dims.size();
   QVA_MEMINT inner = 1, outer = 1, len = w.n;
   Dims out_dims;
   if (dim < dims.size()) {
@@ -87,25 +91,32 @@ QVA_VPTR total(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
     for (size_t k = 0; k < dims.size(); ++k)
       if (k != dim) out_dims.push_back(dims[k]);
   }
+  if (cumulative) out_dims = is_scalar(argv[0]) ? Dims{} : dims_of(argv[0]);
   Val out = make_array(type, out_dims);
   char *d = data_of(out.get());
-  size_t size = elt_size(type);
+  auto size = static_cast<QVA_MEMINT>(elt_size(type));
   for (QVA_MEMINT o = 0; o < outer; ++o)
     for (QVA_MEMINT i = 0; i < inner; ++i) {
-      int64_t isum = 0;
-      double dsum = 0;
+      int64_t iacc = product ? 1 : 0;
+      double dacc = product ? 1 : 0;
       for (QVA_MEMINT j = 0; j < len; ++j) {
-        const char *p = w.data + (i + inner * (j + len * o)) * static_cast<QVA_MEMINT>(w.size);
+        QVA_MEMINT at = i + inner * (j + len * o);
+        const char *p = w.data + at * static_cast<QVA_MEMINT>(w.size);
         if (integer) {
-          isum = static_cast<int64_t>(static_cast<uint64_t>(isum) + static_cast<uint64_t>(get_int(w.type, p)));
+          auto x = static_cast<uint64_t>(get_int(w.type, p)), a = static_cast<uint64_t>(iacc);
+          iacc = static_cast<int64_t>(product ? a * x : a + x);  // wraps as the type does
         } else {
           double x = get_real(w.type, p);
-          if (!(skip_nan && std::isnan(x))) dsum += x;
+          if (!(skip_nan && std::isnan(x))) dacc = product ? dacc * x : dacc + x;
         }
+        if (!cumulative) continue;
+        if (integer) put_int(type, d + at * size, iacc);
+        else put_real(type, d + at * size, dacc);
       }
-      char *q = d + (i + inner * o) * static_cast<QVA_MEMINT>(size);
-      if (integer) put_int(type, q, isum);
-      else put_real(type, q, dsum);
+      if (cumulative) continue;
+      char *q = d + (i + inner * o) * size;
+      if (integer) put_int(type, q, iacc);
+      else put_real(type, q, dacc);
     }
   return out.give_temp();
 }
@@ -115,10 +126,17 @@ QVA_VPTR total(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 QVA_VPTR extreme(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, bool want_max) {
   const char *name = want_max ? "MAX" : "MIN";
   auto kw = take_keywords(name, argk, {want_max ? "MIN" : "MAX", "NAN"});
-  View w = numbers_of(argv[0], name, true);
-  if (w.n == 0) qvahost::raise_error(std::string(name) + ": the array is empty.");
-  QVA_MEMINT lo = 0, hi = 0;
-  for (QVA_MEMINT i = 1; i < w.n; ++i) {
+  View w = numbers_of(argv[0], true);
+  if (w.n == 0) qvahost::raise_error("Expression must not be empty: " + var_name(argv[0]) + ".");
+  // NaN elements take no part (unless all are NaN: the first is the answer).
+  auto is_nan = [&w](QVA_MEMINT i) {
+    return is_real_type(w.type) && std::isnan(get_real(w.type, w.data + i * static_cast<QVA_MEMINT>(w.size)));
+  };
+  QVA_MEMINT first = 0;
+  while (first + 1 < w.n && is_nan(first)) ++first;
+  QVA_MEMINT lo = first, hi = first;
+  for (QVA_MEMINT i = first + 1; i < w.n; ++i) {
+    if (is_nan(i)) continue;
     if (less_at(w, i, lo)) lo = i;
     if (less_at(w, hi, i)) hi = i;
   }
@@ -128,11 +146,23 @@ QVA_VPTR extreme(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk, bool want_max) {
   return qvahost::element_values(argv[0], {at}, true);
 }
 
-// WHERE(a [, count]): the positions of the non-zero elements, or -1 (and
-// a count of 0) when there are none.
+// ARRAY_EQUAL(a, b): 1 when both hold as many elements (or one is a
+// scalar) and every pair is equal, compared as EQ compares them.
+QVA_VPTR array_equal(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+  View a = view_of(argv[0]), b = view_of(argv[1]);
+  if (a.n != b.n && a.array && b.array) return byte_result(false);
+  Val same = binary_op("EQ", argv[0], argv[1]);
+  View w = view_of(same.get());
+  for (QVA_MEMINT i = 0; i < w.n; ++i)
+    if (!w.data[i]) return byte_result(false);
+  return byte_result(true);
+}
+
+// WHERE(a [, count], /NULL): the positions of the non-zero elements, or -1 (and
+// a count of 0; with /NULL, !NULL) when there are none.
 QVA_VPTR where(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-  auto kw = take_keywords("WHERE", argk, {"COMPLEMENT", "NCOMPLEMENT"});
-  View w = numbers_of(argv[0], "WHERE", true);
+  auto kw = take_keywords("WHERE", argk, {"COMPLEMENT", "NCOMPLEMENT", "NULL"});
+  View w = numbers_of(argv[0], true);
   std::vector<QVA_MEMINT> yes, no;
   for (QVA_MEMINT i = 0; i < w.n; ++i) {
     const char *p = w.data + i * static_cast<QVA_MEMINT>(w.size);
@@ -141,8 +171,10 @@ QVA_VPTR where(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
                                         : get_int(w.type, p) != 0;
     (set ? yes : no).push_back(i);
   }
-  auto result = [](const std::vector<QVA_MEMINT> &v) {
-    return v.empty() ? Val::temp(qvahost::make_long(-1)) : long_array(v);
+  bool null = keyword_set(kw[2]);  // none found: !NULL rather than -1
+  auto result = [null](const std::vector<QVA_MEMINT> &v) {
+    if (!v.empty()) return long_array(v);
+    return null ? undefined_value() : Val::temp(qvahost::make_long(-1));
   };
   if (argc > 1) set_output(argv[1], Val::temp(qvahost::make_long(static_cast<QVA_LONG>(yes.size()))));
   if (kw[0]) set_output(kw[0], result(no));
@@ -153,7 +185,7 @@ QVA_VPTR where(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 // SORT(a): the positions of the elements in ascending order (equal
 // elements keep their order).
 QVA_VPTR sort(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
-  View w = numbers_of(argv[0], "SORT", true);
+  View w = numbers_of(argv[0], true);
   std::vector<QVA_MEMINT> order(static_cast<size_t>(w.n));
   for (size_t i = 0; i < order.size(); ++i) order[i] = static_cast<QVA_MEMINT>(i);
   std::stable_sort(order.begin(), order.end(), [&](QVA_MEMINT a, QVA_MEMINT b) { return less_at(w, a, b); });
@@ -163,14 +195,14 @@ QVA_VPTR sort(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
 // UNIQ(a [, order]): the position of the last element of each run of equal
 // elements (of a, or of a[order]: then positions into a).
 QVA_VPTR uniq(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
-  View w = numbers_of(argv[0], "UNIQ", true);
+  View w = numbers_of(argv[0], true);
   std::vector<QVA_MEMINT> order;
   if (argc > 1) {
     Val l = Val::temp(qvahost::convert_value(argv[1], QVA_TYP_LONG64));
     View o = view_of(l.get());
     for (QVA_MEMINT i = 0; i < o.n; ++i) {
       QVA_MEMINT k = get_int(QVA_TYP_LONG64, o.data + i * 8);
-      if (k < 0 || k >= w.n) qvahost::raise_error("UNIQ: index out of range: " + std::to_string(k) + ".");
+      if (k < 0 || k >= w.n) qvahost::raise_error("Index " + std::to_string(k) + " is out of range: " + var_name(argv[1]) + ".");
       order.push_back(k);
     }
   } else {
@@ -190,7 +222,7 @@ QVA_VPTR reverse(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
   if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Variable is undefined: " + var_name(v) + ".");
   Dims dims = dims_of(v);
   if (dims.empty()) return copy_of(v).give_temp();
-  size_t dim = argc > 1 ? dimension_arg(argv[1], dims, "REVERSE") : 0;
+  size_t dim = argc > 1 ? dimension_arg(argv[1], dims) : 0;
   QVA_MEMINT inner = 1, outer = 1, len = dims[dim];
   for (size_t k = 0; k < dim; ++k) inner *= dims[k];
   for (size_t k = dim + 1; k < dims.size(); ++k) outer *= dims[k];
@@ -214,11 +246,32 @@ QVA_VPTR each_real(QVA_VPTR v, const View &w, int type, double (*fn)(double)) {
   return out.give_temp();
 }
 
+// ATAN(y, x): the angle of (x, y), element by element (a scalar pairs
+// with every element of the other); ATAN(x): the arc tangent.
+QVA_VPTR atan_fn(int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
+  View y = numbers_of(argv[0]);
+  if (argc == 1)
+    return each_real(argv[0], y, y.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE : QVA_TYP_FLOAT,
+                     [](double v) { return std::atan(v); });
+  View x = numbers_of(argv[1]);
+  int type = y.type == QVA_TYP_DOUBLE || x.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE : QVA_TYP_FLOAT;
+  QVA_VPTR shape = !y.array ? argv[1] : !x.array || x.n >= y.n ? argv[0] : argv[1];
+  QVA_MEMINT n = !y.array ? x.n : !x.array ? y.n : std::min(x.n, y.n);
+  Val out = make_array(type, x.array && y.array && x.n != y.n ? Dims{n} : dims_of(shape));
+  char *d = data_of(out.get());
+  for (QVA_MEMINT i = 0; i < n; ++i) {
+    double yv = get_real(y.type, y.data + (y.array ? i : 0) * static_cast<QVA_MEMINT>(y.size));
+    double xv = get_real(x.type, x.data + (x.array ? i : 0) * static_cast<QVA_MEMINT>(x.size));
+    put_real(type, d + i * static_cast<QVA_MEMINT>(elt_size(type)), std::atan2(yv, xv));
+  }
+  return out.give_temp();
+}
+
 // An element-wise function of reals: integers give FLOAT, DOUBLE stays
 // DOUBLE.
 Builtin real_function(const char *name, double (*fn)(double)) {
   return {name, true, 1, 1, false, [name, fn](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
-            View w = numbers_of(argv[0], name);
+            View w = numbers_of(argv[0]);
             return each_real(argv[0], w, w.type == QVA_TYP_DOUBLE ? QVA_TYP_DOUBLE : QVA_TYP_FLOAT, fn);
           }};
 }
@@ -228,14 +281,14 @@ Builtin real_function(const char *name, double (*fn)(double)) {
 Builtin rounding(const char *name, double (*fn)(double)) {
   return {name, true, 1, 1, true, [name, fn](int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
             auto kw = take_keywords(name, argk, {"L64"});
-            View w = numbers_of(argv[0], name);
+            View w = numbers_of(argv[0]);
             if (!is_real_type(w.type)) return copy_of(argv[0]).give_temp();
             return each_real(argv[0], w, keyword_set(kw[0]) ? QVA_TYP_LONG64 : QVA_TYP_LONG, fn);
           }};
 }
 
 QVA_VPTR abs_fn(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
-  View w = numbers_of(argv[0], "ABS");
+  View w = numbers_of(argv[0]);
   Val out = make_array(w.type, dims_of(argv[0]));
   char *d = data_of(out.get());
   for (QVA_MEMINT i = 0; i < w.n; ++i) {
@@ -246,6 +299,21 @@ QVA_VPTR abs_fn(int, QVA_VPTR argv[], QVA_KW_ARGS *) {
       int64_t x = get_int(w.type, p);
       put_int(w.type, q, x < 0 ? static_cast<int64_t>(0 - static_cast<uint64_t>(x)) : x);
     }
+  }
+  return out.give_temp();
+}
+
+// FINITE(x, /NAN, /INFINITY): 1 where a number is finite (or, with a
+// keyword, NaN or infinite); integers are always finite.
+QVA_VPTR finite(int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("FINITE", argk, {"NAN", "INFINITY"});
+  bool nan = keyword_set(kw[0]), inf = keyword_set(kw[1]);
+  View w = numbers_of(argv[0]);
+  Val out = make_array(QVA_TYP_BYTE, dims_of(argv[0]));
+  char *d = data_of(out.get());
+  for (QVA_MEMINT i = 0; i < w.n; ++i) {
+    double x = is_real_type(w.type) ? get_real(w.type, w.data + i * static_cast<QVA_MEMINT>(w.size)) : 0;
+    d[i] = nan ? std::isnan(x) : inf ? std::isinf(x) : std::isfinite(x);
   }
   return out.give_temp();
 }
@@ -289,7 +357,7 @@ Builtin random_function(const char *name, bool normal) {
             auto kw = take_keywords(name, argk, {"DOUBLE"});
             std::mt19937 gen = generator_from(argv[0]);
             int type = keyword_set(kw[0]) ? QVA_TYP_DOUBLE : QVA_TYP_FLOAT;
-            Dims dims = argc > 1 ? dims_from(argc, argv, 1, name) : Dims{};
+            Dims dims = argc > 1 ? dims_from(argc, argv, 1) : Dims{};
             Val out = make_array(type, dims);
             char *d = data_of(out.get());
             std::uniform_real_distribution<double> uniform(0.0, 1.0);
@@ -323,14 +391,17 @@ QVA_VPTR systime(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
 
 std::vector<Builtin> number_builtins() {
   return {
-      {"TOTAL", true, 1, 2, true, total},
+      {"TOTAL", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return fold(c, v, k, false); }},
+      {"PRODUCT", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return fold(c, v, k, true); }},
       {"MIN", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return extreme(c, v, k, false); }},
       {"MAX", true, 1, 2, true, [](int c, QVA_VPTR v[], QVA_KW_ARGS *k) { return extreme(c, v, k, true); }},
       {"WHERE", true, 1, 2, true, where},
+      {"ARRAY_EQUAL", true, 2, 2, false, array_equal},
       {"SORT", true, 1, 1, false, sort},
       {"UNIQ", true, 1, 2, false, uniq},
       {"REVERSE", true, 1, 2, false, reverse},
       {"ABS", true, 1, 1, false, abs_fn},
+      {"FINITE", true, 1, 1, true, finite},
       real_function("SQRT", [](double x) { return std::sqrt(x); }),
       real_function("EXP", [](double x) { return std::exp(x); }),
       real_function("ALOG", [](double x) { return std::log(x); }),
@@ -338,7 +409,7 @@ std::vector<Builtin> number_builtins() {
       real_function("SIN", [](double x) { return std::sin(x); }),
       real_function("COS", [](double x) { return std::cos(x); }),
       real_function("TAN", [](double x) { return std::tan(x); }),
-      real_function("ATAN", [](double x) { return std::atan(x); }),
+      {"ATAN", true, 1, 2, false, atan_fn},
       rounding("FLOOR", [](double x) { return std::floor(x); }),
       rounding("CEIL", [](double x) { return std::ceil(x); }),
       rounding("ROUND", [](double x) { return std::round(x); }),

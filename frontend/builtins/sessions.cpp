@@ -1,6 +1,8 @@
 // sessions.cpp - built-ins about files and the session: HELP, MESSAGE,
 // EXIT, the running routine's facts, SAVE, RESTORE, RESET_SESSION and
 // TRACE.
+#include <algorithm>
+
 #include "builtins.h"
 
 namespace qva {
@@ -55,7 +57,8 @@ void help(Interp &in, int argc, QVA_VPTR argv[], bool methods) {
   }
   for (int i = 0; i < argc; ++i) {
     QVA_VPTR v = argv[i];
-    in.print(help_line(var_name(v), v));
+    const char *name = v->name ? QVA_IdentName(v->name) : nullptr;
+    in.print(help_line(name && *name ? name : "<Expression>", v));
     if (QVA_SDEF cls = class_of(v)) {
       std::string line = "** Object class " + qvahost::struct_name(cls);
       QVA_SDEF super = qvahost::struct_super(cls);
@@ -142,7 +145,7 @@ std::vector<Builtin> session_builtins() {
   return {
       {"HELP", false, 0, kManyArgs, true,
        [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-         auto kw = take_keywords("HELP", argk, {"OBJECTS", "METHODS"});
+         auto kw = take_keywords("HELP", argk, {"OBJECTS", "METHODS", "STRUCTURES"});  // fields are always shown
          help(current_interp(), argc, argv, keyword_set(kw[1]));
          return static_cast<QVA_VPTR>(nullptr);
        }},
@@ -150,7 +153,8 @@ std::vector<Builtin> session_builtins() {
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
          auto kw = take_keywords("MESSAGE", argk, {"INFORMATIONAL", "CONTINUE", "NONAME"});
          std::string text = format_value(argv[0]);
-         std::string routine = keyword_set(kw[2]) ? "" : current_interp().frame().routine;
+         const Frame &f = current_interp().frame();
+         std::string routine = keyword_set(kw[2]) ? "" : f.main ? "$MAIN$" : f.routine;
          qvahost::HostError e{QVA_M_GENERIC, routine, text};
          if (keyword_set(kw[0]) || keyword_set(kw[1])) {
            qvahost::emit(e.report());
@@ -163,8 +167,25 @@ std::vector<Builtin> session_builtins() {
          auto kw = take_keywords("EXIT", argk, {"STATUS"});
          throw ExitRequest{kw[0] ? static_cast<int>(qvahost::integer_value(kw[0])) : 0};
        }},
+      {"ON_ERROR", false, 1, 1, false,
+       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) -> QVA_VPTR {
+         QVA_LONG64 mode = scalar_integer(argv[0]);
+         if (mode < 0 || mode > 3)
+           qvahost::raise_error("Value of ON_ERROR must be 0 to 3: " + var_name(argv[0]) + ".");
+         current_interp().frame().on_error = static_cast<int>(mode);
+         return nullptr;
+       }},
       {"N_PARAMS", true, 0, 0, false,
        [](int, QVA_VPTR[], QVA_KW_ARGS *) { return qvahost::make_long(current_interp().frame().n_params); }},
+      // ARG_PRESENT(param): 1 when the caller gave a variable for it, which
+      // the routine can set; 0 for an expression or nothing.
+      {"ARG_PRESENT", true, 1, 1, false,
+       [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
+         const Frame &f = current_interp().frame();
+         QVA_VPTR v = argv[0];
+         bool local = std::any_of(f.owned.begin(), f.owned.end(), [v](const auto &o) { return o.get() == v; });
+         return byte_result(!f.main && !local && !(v->flags & QVA_V_TEMP));
+       }},
       {"COMMAND_LINE_ARGS", true, 0, 0, false,
        [](int, QVA_VPTR[], QVA_KW_ARGS *) {
          if (current_interp().args().empty()) return QVA_Gettmp();

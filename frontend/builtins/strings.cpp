@@ -42,10 +42,6 @@ QVA_VPTR map_to_numbers(QVA_VPTR v, int type, const std::function<int64_t(const 
   return out.give_temp();
 }
 
-QVA_LONG64 scalar_integer(QVA_VPTR v) {
-  return qvahost::integer_value(Val::temp(qvahost::convert_value(v, QVA_TYP_LONG64)).get());
-}
-
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
 // STRSPLIT(s [, pattern], /EXTRACT, /REGEX, /PRESERVE_NULL, COUNT=,
@@ -54,7 +50,7 @@ bool is_blank(char c) { return c == ' ' || c == '\t'; }
 // tabs by default).
 QVA_VPTR strsplit(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
   auto kw = take_keywords("STRSPLIT", argk, {"EXTRACT", "REGEX", "PRESERVE_NULL", "COUNT", "LENGTH", "FOLD_CASE"});
-  if (!is_scalar(argv[0])) qvahost::raise_error("STRSPLIT: the string must be a scalar.");
+  if (!is_scalar(argv[0])) qvahost::raise_error("Expression must be a scalar in this context: " + var_name(argv[0]) + ".");
   std::string text = texts_of(argv[0]).at(0);
   std::string pattern = argc > 1 ? texts_of(argv[1]).at(0) : " \t";
   bool keep_empty = keyword_set(kw[2]);
@@ -67,7 +63,7 @@ QVA_VPTR strsplit(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
     // with the length of the text.
     regex_t re;
     if (regcomp(&re, pattern.c_str(), REG_EXTENDED | (keyword_set(kw[5]) ? REG_ICASE : 0)) != 0)
-      qvahost::raise_error("STRSPLIT: bad regular expression: " + pattern + ".");
+      qvahost::raise_error("Invalid regular expression '" + pattern + "': " + var_name(argv[1]) + ".");
     size_t at = 0, from = 0;
     regmatch_t m;
     while (from <= text.size() &&
@@ -204,17 +200,17 @@ QVA_VPTR reads(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
       return t;
     }
     while (at < text.size() && (is_blank(text[at]) || text[at] == ',' || text[at] == '\n')) ++at;
-    if (at >= text.size()) qvahost::raise_error("READS: End of input data encountered: " + var_name(argv[0]) + ".");
+    if (at >= text.size()) qvahost::raise_error("End of input data encountered: " + var_name(argv[0]) + ".");
     size_t b = at;
     while (at < text.size() && !is_blank(text[at]) && text[at] != ',' && text[at] != '\n') ++at;
     return text.substr(b, at - b);
   };
   for (int i = 1; i < argc; ++i) {
     QVA_VPTR v = argv[i];
-    if (v->flags & QVA_V_STRUCT) qvahost::raise_error("READS: structures cannot be read: " + var_name(v) + ".");
+    if (v->flags & QVA_V_STRUCT) qvahost::raise_error("Structures cannot be read: " + var_name(v) + ".");
     int type = v->type == QVA_TYP_UNDEF ? QVA_TYP_FLOAT : v->type;
     if (!is_numeric_type(type) && type != QVA_TYP_STRING)
-      qvahost::raise_error("READS: cannot read into " + var_name(v) + ".");
+      qvahost::raise_error("Expression must be numeric or a string in this context: " + var_name(v) + ".");
     QVA_MEMINT n = v->type == QVA_TYP_UNDEF ? 1 : qvahost::element_count(v);
     std::vector<std::string> tokens;
     for (QVA_MEMINT k = 0; k < n; ++k) tokens.push_back(next_token(type == QVA_TYP_STRING));
@@ -225,6 +221,67 @@ QVA_VPTR reads(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
     QVA_VarCopy(value.get(), v);
   }
   return nullptr;
+}
+
+// STRING of bytes: the characters they code (up to a zero byte), one string
+// for a scalar or a vector, one a row (the first dimension) for more.
+QVA_VPTR text_of_bytes(QVA_VPTR v) {
+  View w = view_of(v);
+  Dims dims = dims_of(v);
+  QVA_MEMINT row = dims.size() > 1 ? dims[0] : w.n;
+  std::vector<std::string> rows;
+  for (QVA_MEMINT at = 0; at < w.n; at += row) {
+    std::string t(w.data + at, static_cast<size_t>(row));
+    rows.push_back(t.substr(0, t.find('\0')));
+  }
+  if (dims.size() <= 1) return qvahost::make_string(rows.at(0));
+  Val out = Val::temp(qvahost::make_string_array(rows));
+  reshape(out.get(), Dims(dims.begin() + 1, dims.end()));
+  return out.give_temp();
+}
+
+// The integers of a number or an array of them.
+std::vector<QVA_LONG64> integers_of(QVA_VPTR v) {
+  Val l = Val::temp(qvahost::convert_value(v, QVA_TYP_LONG64));
+  View w = view_of(l.get());
+  std::vector<QVA_LONG64> out;
+  for (QVA_MEMINT i = 0; i < w.n; ++i) out.push_back(get_int(QVA_TYP_LONG64, w.data + i * 8));
+  return out;
+}
+
+// STRMID(s, first [, length], /REVERSE_OFFSET): the part of each text from
+// `first` (counted from the end with the keyword), `length` characters or
+// to the end.  An array of positions or lengths gives one part each, of a
+// scalar text or of the text at the same place, in the array's shape.
+QVA_VPTR strmid(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  auto kw = take_keywords("STRMID", argk, {"REVERSE_OFFSET"});
+  bool from_end = keyword_set(kw[0]);
+  std::vector<std::string> texts = texts_of(argv[0]);
+  std::vector<QVA_LONG64> firsts = integers_of(argv[1]);
+  std::vector<QVA_LONG64> counts = argc > 2 ? integers_of(argv[2]) : std::vector<QVA_LONG64>{-1};
+  QVA_VPTR shape = argv[0];
+  size_t n = texts.size();
+  for (int k = 1; k < argc; ++k) {
+    size_t m = k == 1 ? firsts.size() : counts.size();
+    if (is_scalar(argv[k])) continue;
+    if (!is_scalar(shape) && m != n)
+      qvahost::raise_error("Arrays must have as many elements: " + var_name(argv[k]) + ".");
+    if (is_scalar(shape)) shape = argv[k], n = m;
+  }
+  auto at = [](const auto &v, size_t i) { return v.size() == 1 ? v[0] : v[i]; };
+  std::vector<std::string> out;
+  for (size_t i = 0; i < n; ++i) {
+    const std::string &t = at(texts, i);
+    auto len = static_cast<QVA_LONG64>(t.size());
+    QVA_LONG64 b = from_end ? len - 1 - at(firsts, i) : at(firsts, i), count = at(counts, i);
+    if (b < 0) b = 0;
+    if (b >= len || count == 0 || count < -1) out.emplace_back();
+    else out.push_back(t.substr(static_cast<size_t>(b), static_cast<size_t>(count < 0 ? len - b : std::min(count, len - b))));
+  }
+  if (is_scalar(shape)) return qvahost::make_string(out.at(0));
+  Val result = Val::temp(qvahost::make_string_array(out));
+  reshape(result.get(), dims_of(shape));
+  return result.give_temp();
 }
 
 // The FORMAT= keyword's text, or "" when none was given.
@@ -255,13 +312,11 @@ std::vector<Builtin> string_builtins() {
              current_interp().print(l);
            return static_cast<QVA_VPTR>(nullptr);
          }
-         std::string line;
-         for (int i = 0; i < argc; ++i) {
+         for (int i = 0; i < argc; ++i)
            if (argv[i]->type == QVA_TYP_UNDEF)
              qvahost::raise_error("Variable is undefined: " + var_name(argv[i]) + ".");
-           line += format_value(argv[i]);
-         }
-         current_interp().print(line);
+         for (const std::string &line : printed_lines(std::vector<QVA_VPTR>(argv, argv + argc)))
+           current_interp().print(line);
          return static_cast<QVA_VPTR>(nullptr);
        }},
       {"STRING", true, 1, kManyArgs, true,
@@ -272,6 +327,8 @@ std::vector<Builtin> string_builtins() {
            auto lines = format_lines(format, std::vector<QVA_VPTR>(argv, argv + argc));
            return lines.size() == 1 ? qvahost::make_string(lines[0]) : qvahost::make_string_array(lines);
          }
+         if (argc == 1 && argv[0]->type == QVA_TYP_BYTE && !(argv[0]->flags & QVA_V_STRUCT))
+           return text_of_bytes(argv[0]);
          if (argc == 1) {
            QVA_VPTR out = string_of(argv[0]);
            if (!is_scalar(out) && !(argv[0]->flags & QVA_V_STRUCT)) reshape(out, dims_of(argv[0]));
@@ -283,7 +340,7 @@ std::vector<Builtin> string_builtins() {
        }},
       {"STRTRIM", true, 1, 2, false,
        [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *) {
-         int mode = argc > 1 ? static_cast<int>(qvahost::integer_value(argv[1])) : 0;
+         int mode = argc > 1 ? static_cast<int>(scalar_integer(argv[1])) : 0;
          Val s = Val::temp(string_of(argv[0]));
          return map_strings(s.get(), [mode](const std::string &t) { return strtrim(t, mode); });
        }},
@@ -300,9 +357,8 @@ std::vector<Builtin> string_builtins() {
        }},
       {"STRLEN", true, 1, 1, false,
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *) {
-         Val s = Val::temp(string_of(argv[0]));
-         if (!is_scalar(s.get())) qvahost::raise_error("STRLEN takes a scalar.");
-         return qvahost::make_long(static_cast<QVA_LONG>(qvahost::string_value(s.get()).size()));
+         return map_to_numbers(argv[0], QVA_TYP_LONG,
+                               [](const std::string &t) { return static_cast<int64_t>(t.size()); });
        }},
       {"STRSPLIT", true, 1, 2, true, strsplit},
       {"STRJOIN", true, 1, 2, true,
@@ -333,26 +389,27 @@ std::vector<Builtin> string_builtins() {
            return at == std::string::npos ? -1 : static_cast<int64_t>(at);
          });
        }},
-      {"STRMID", true, 2, 3, true,
-       [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-         auto kw = take_keywords("STRMID", argk, {"REVERSE_OFFSET"});
-         QVA_LONG64 first = scalar_integer(argv[1]);
-         QVA_LONG64 count = argc > 2 ? scalar_integer(argv[2]) : -1;
-         bool from_end = keyword_set(kw[0]);
-         return map_strings(argv[0], [=](const std::string &t) {
-           auto len = static_cast<QVA_LONG64>(t.size());
-           QVA_LONG64 b = from_end ? len - 1 - first : first;
-           if (b < 0) b = 0;
-           if (b >= len || count == 0 || count < -1) return std::string();
-           QVA_LONG64 n = count < 0 ? len - b : std::min(count, len - b);
-           return t.substr(static_cast<size_t>(b), static_cast<size_t>(n));
-         });
-       }},
+      {"STRMID", true, 2, 3, true, strmid},
       {"STRCOMPRESS", true, 1, 1, true,
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
          auto kw = take_keywords("STRCOMPRESS", argk, {"REMOVE_ALL"});
          bool all = keyword_set(kw[0]);
          return map_strings(argv[0], [all](const std::string &t) { return compress(t, all); });
+       }},
+      // STRCMP(a, b [, n], /FOLD_CASE): 1 where the texts (their first n
+      // characters) are equal.
+      {"STRCMP", true, 2, 3, true,
+       [](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+         auto kw = take_keywords("STRCMP", argk, {"FOLD_CASE"});
+         bool fold = keyword_set(kw[0]);
+         QVA_LONG64 n = argc > 2 ? scalar_integer(argv[2]) : -1;
+         std::string other = texts_of(argv[1]).at(0);
+         auto cut = [&](std::string t) {
+           if (n >= 0 && t.size() > static_cast<size_t>(n)) t.resize(static_cast<size_t>(n));
+           return fold ? upper(t) : t;
+         };
+         std::string want = cut(other);
+         return map_to_numbers(argv[0], QVA_TYP_BYTE, [&](const std::string &t) -> int64_t { return cut(t) == want; });
        }},
       {"STRMATCH", true, 2, 2, true,
        [](int, QVA_VPTR argv[], QVA_KW_ARGS *argk) {

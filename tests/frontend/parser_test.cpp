@@ -167,6 +167,24 @@ TEST(Parser, StatementsDefinitionsBlocksAndContinuation) {
   EXPECT_EQ(d.body[0]->body[1]->body[0]->line, 8);
 }
 
+TEST(Parser, StepStatementsAndDeclarations) {
+  qva::Program p = qva::parse_program(
+      "i++ & --a[2]\nCOMPILE_OPT idl2, hidden\nFORWARD_FUNCTION f\n", "t.pro");
+  ASSERT_EQ(p.main.size(), 4u);
+  EXPECT_EQ(p.main[0]->kind, Stmt::Assign);
+  EXPECT_EQ(p.main[0]->op, "+=");
+  EXPECT_EQ(Show(*p.main[0]->value), "1");
+  EXPECT_EQ(p.main[1]->op, "-=");
+  EXPECT_EQ(p.main[1]->target->kind, Expr::Subscript);
+  EXPECT_EQ(p.main[2]->kind, Stmt::Block);  // nothing to run
+  EXPECT_TRUE(p.main[2]->body.empty());
+  EXPECT_EQ(p.main[3]->kind, Stmt::Block);
+  EXPECT_THROW(qva::parse_program("x = 5--3\n", "t.pro"), qva::SyntaxError);  // '--' steps, never negates twice
+  EXPECT_THROW(qva::parse_program("x = 5 + (i++)\n", "t.pro"), qva::SyntaxError);
+  EXPECT_THROW(qva::parse_program("3++\n", "t.pro"), qva::SyntaxError);
+  EXPECT_THROW(qva::parse_program("COMPILE_OPT\n", "t.pro"), qva::SyntaxError);
+}
+
 TEST(Parser, SyntaxErrorsGiveTheLineAndWhetherInputWasCut) {
   struct Case {
     std::string src;

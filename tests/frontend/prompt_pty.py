@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Drives the qva prompt in a pseudo-terminal as a person would: a statement,
 an error that returns to the prompt, a line recalled from the history with
-the up arrow, a block over two prompts, Ctrl-C during a running loop and
+the up arrow, a block over two prompts, a line continued with '$', Ctrl-C during a running loop and
 during typing, a definition with a syntax error, and EXIT.  The history
 file holds each line as soon as it is entered.  Usage: prompt_pty.py QVA"""
 import os, pty, select, sys, tempfile, time
@@ -83,6 +83,9 @@ step("end\r", (P, 13))
 step("broken\r", (b"undefined procedure: 'BROKEN'", 1), (P, 14))
 if b"inside the definition\r\n" in seen.replace(b"print, 'inside the definition'\r\n", b""):
     fail("a line of the discarded definition ran at main level")
+# A line continued with '$' waits for the rest before running.
+step("print, 'joined', $\r", (b"...> ", 8))
+step("7\r", (b"joined           7", 1), (P, 15))
 step("exit\r")
 _, status = os.waitpid(pid, 0)
 if not os.WIFEXITED(status) or os.WEXITSTATUS(status) != 0:

@@ -123,7 +123,7 @@ TEST_F(RoutineTest, MessagesCarryTheirArgumentsAndActionZeroReturns) {
   OutputCapture out;
   QVA_Message(QVA_M_GENERIC, QVA_MSG_RET, "plain %d", 1);
   const std::string routine = "SOME_ROUTINE";
-  qvahost::push_routine(&routine);
+  qvahost::push_routine({&routine, 0, nullptr, nullptr, 0});
   QVA_Message(QVA_M_GENERIC, QVA_MSG_INFO, "inside %s", "it");
   qvahost::HostError e = ExpectHostError([] { QVA_Message(QVA_M_GENERIC, 2, "abandoned"); });
   qvahost::pop_routine();
