@@ -28,6 +28,17 @@ QVA_HVPTR heap_of_ptr(QVA_VPTR p, bool object) {
   return hv;
 }
 
+// A pointer whose target the statement would change: a module's own
+// record (a node of its heap trees) is refused, since a changed link makes
+// the module's walks go wrong.
+QVA_HVPTR changeable_heap_of_ptr(QVA_VPTR p) {
+  QVA_HVPTR hv = heap_of_ptr(p, false);
+  if (qvahost::is_module_record(hv))
+    qvahost::raise_error("<PtrHeapVar" + std::to_string(hv->hash_id) +
+                         "> holds a module's own record, which QVA code may read but not change.");
+  return hv;
+}
+
 // The field description of a value stored in a new structure.
 qvahost::FieldSpec spec_of(const std::string &name, QVA_VPTR v) {
   if (v->type == QVA_TYP_UNDEF) qvahost::raise_error("Structure tag " + name + " has no value.");
@@ -447,7 +458,7 @@ QVA_VPTR Interp::addressable(Frame &f, const Expr &e) {
   if (e.kind == Expr::Var) return lookup_or_create(f, e.name);
   if (e.kind == Expr::Deref) {
     Val p = eval(f, *e.kids[0]);
-    return &heap_of_ptr(p.get(), false)->var;
+    return &changeable_heap_of_ptr(p.get())->var;
   }
   return nullptr;
 }
@@ -554,7 +565,10 @@ Val Interp::pass(Frame &f, const Expr &e) {
   // (N_ELEMENTS(*p) is 0; a routine may set it).
   if (e.kind == Expr::Deref) {
     Val p = eval(f, *e.kids[0]);
-    return Val::ref(&heap_of_ptr(p.get(), false)->var);
+    QVA_HVPTR hv = heap_of_ptr(p.get(), false);
+    // A module's record goes as a copy: the routine may not change it.
+    if (qvahost::is_module_record(hv)) return eval(f, e);
+    return Val::ref(&hv->var);
   }
   return eval(f, e);
 }

@@ -199,6 +199,9 @@ std::string struct_name(QVA_SDEF sdef);
 std::vector<std::pair<std::string, QVA_MEMINT>> struct_fields(QVA_SDEF sdef);
 QVA_MEMINT struct_length(QVA_SDEF sdef);
 QVA_SDEF struct_super(QVA_SDEF sdef);
+// Whether a heap variable holds a module's own record (a hidden structure:
+// a node of the module's heap trees), which only the module may change.
+bool is_module_record(QVA_HVPTR hv);
 
 // The methods an object of class `cls` answers: for each name and kind, the
 // definition a call resolves to (the one nearest `cls` up its chain).  The

@@ -295,6 +295,10 @@ QVA_MEMINT struct_length(QVA_SDEF sdef) {
 
 QVA_SDEF struct_super(QVA_SDEF sdef) { return sdef ? sdef->super : nullptr; }
 
+bool is_module_record(QVA_HVPTR hv) {
+  return hv && (hv->var.flags & QVA_V_STRUCT) && hv->var.value.s.sdef && hv->var.value.s.sdef->hidden;
+}
+
 }  // namespace qvahost
 
 // ------------------------------------------------------------ module API

@@ -156,6 +156,12 @@ std::vector<Builtin> object_builtins() {
          std::vector<QVA_HVID> ids;
          for (int i = 0; i < argc; ++i)
            for (QVA_HVID id : ids_of(argv[i], QVA_TYP_PTR)) ids.push_back(id);
+         // A module's own record goes only with the module's say: freeing
+         // one from QVA code would cut a tree the module still walks.
+         for (QVA_HVID id : ids)
+           if (qvahost::is_module_record(id ? QVA_HeapVarHashFind(id) : nullptr))
+             qvahost::raise_error("<PtrHeapVar" + std::to_string(id) +
+                                  "> holds a module's own record, which QVA code may not free.");
          for (QVA_HVID id : ids) {
            QVA_HVPTR hv = id ? QVA_HeapVarHashFind(id) : nullptr;
            if (hv && !(hv->flags & QVA_HV_OBJECT)) QVA_HeapVarDelete(id, 0, QVA_MSG_LONGJMP);
