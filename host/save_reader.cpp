@@ -565,12 +565,12 @@ class MappedFile {
 }  // namespace
 
 std::vector<std::string> restore(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) raise_fmt(M_BAD_ARG, "Unable to open save file: %s.", path.c_str());
   // A regular file is mapped; anything else (a pipe, a directory, an empty
   // file) is read to its end as a stream.
   MappedFile mapped(path);
   if (mapped.data()) return restore_bytes(mapped.data(), mapped.size(), true, true);
+  std::ifstream in(path, std::ios::binary);
+  if (!in) raise_fmt(M_BAD_ARG, "Unable to open save file: %s.", path.c_str());
   std::vector<uint8_t> bytes;
   bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   return restore_from_bytes(bytes.data(), bytes.size());

@@ -110,11 +110,13 @@ const char *stale(uint32_t ref) {
 
 // The text of a descriptor and its length, limited to the text really
 // held, so that a damaged descriptor cannot make a reader overrun.
-[[gnu::always_inline]] inline const char *text_of(const QVA_STRING *d, size_t *len) {
+[[gnu::always_inline]] inline const char *text_of(const QVA_STRING *d, size_t *len,
+                                                 Slot **slot = nullptr) {
   *len = 0;
   if (!d || !d->s) return "";
   Slot *s = lookup(d->s);
   if (!s) return stale(d->s);
+  if (slot) *slot = s;
   *len = d->slen < 0 ? 0 : static_cast<size_t>(d->slen);
   if (*len > s->len) *len = s->len;
   return s->text();
@@ -129,10 +131,10 @@ const char *stale(uint32_t ref) {
 // exercised.
 QVA_STRING copy_of(const QVA_STRING &d) {
   size_t len;
-  const char *text = text_of(&d, &len);
+  Slot *shared = nullptr;
+  const char *text = text_of(&d, &len, &shared);
   QVA_STRING out{};
-  Slot *shared = len ? lookup(d.s) : nullptr;
-  if (shared && len == shared->len && shared->holders < UINT16_MAX) {
+  if (shared && len && len == shared->len && shared->holders < UINT16_MAX) {
     if (allocation_fails()) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
     shared->holders++;
     out.slen = static_cast<QVA_LONG>(len);
