@@ -9,8 +9,7 @@
 // session as it was.
 #include <algorithm>
 #include <array>
-#include <fstream>
-#include <iterator>
+#include <cerrno>
 #include <unordered_set>
 
 #include <fcntl.h>
@@ -569,10 +568,21 @@ std::vector<std::string> restore(const std::string &path) {
   // file) is read to its end as a stream.
   MappedFile mapped(path);
   if (mapped.data()) return restore_bytes(mapped.data(), mapped.size(), true, true);
-  std::ifstream in(path, std::ios::binary);
-  if (!in) raise_fmt(M_BAD_ARG, "Unable to open save file: %s.", path.c_str());
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) raise_fmt(M_BAD_ARG, "Unable to open save file: %s.", path.c_str());
   std::vector<uint8_t> bytes;
-  bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  uint8_t chunk[1 << 16];
+  for (;;) {
+    ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      ::close(fd);
+      raise_fmt(M_BAD_ARG, "Unable to read save file: %s.", path.c_str());
+    }
+    if (n == 0) break;
+    bytes.insert(bytes.end(), chunk, chunk + n);
+  }
+  ::close(fd);
   return restore_from_bytes(bytes.data(), bytes.size());
 }
 

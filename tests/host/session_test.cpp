@@ -396,6 +396,9 @@ TEST_F(SessionTest, SaveFilesAreWrittenInPiecesAndReplacedOnlyWhenComplete) {
   ExpectHostError([&] { qvahost::save_variables(path, {"SMALL", "NO_SUCH_VARIABLE"}); });
   EXPECT_EQ(std::ifstream(path, std::ios::binary | std::ios::ate).tellg(), small_size);
   qvahost::save_variables("/dev/null", {"SMALL"});
+  // Not a file to map: read as a stream; a directory is an error, not a crash.
+  EXPECT_EQ(ExpectHostError([&] { qvahost::restore(dir); }).text,
+            "Unable to read save file: " + dir + ".");
   ASSERT_EQ(::stat("/dev/null", &st), 0);
   EXPECT_TRUE(S_ISCHR(st.st_mode));
   std::remove(link.c_str());
