@@ -116,7 +116,7 @@ void put_real(int type, char *p, double v) {
 namespace {
 
 QVA_ARRAY *array_of(QVA_VPTR v) {
-  if (v->flags & QVA_V_STRUCT) return v->value.s.arr;
+  if (v->flags & QVA_V_STRUCT) return qvahost::struct_array(v);
   if (v->flags & QVA_V_ARR) return v->value.arr;
   return nullptr;
 }

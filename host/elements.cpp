@@ -26,8 +26,8 @@ Elts elts_of(QVA_VPTR v) {
   e.type = v->type;
   if (v->flags & QVA_V_STRUCT) {
     e.sdef = v->value.s.sdef;
-    e.data = v->value.s.arr->data;
-    e.n = v->value.s.arr->n_elts;
+    e.data = struct_data(v);
+    e.n = struct_count(v);
     e.size = e.sdef->length;
     e.array = true;
   } else if (v->flags & QVA_V_ARR) {
@@ -108,7 +108,7 @@ QVA_VPTR new_array(int type, QVA_SDEF sdef, QVA_MEMINT n) {
 }
 
 QVA_UCHAR *array_data(QVA_VPTR v) {
-  return (v->flags & QVA_V_STRUCT) ? v->value.s.arr->data : v->value.arr->data;
+  return (v->flags & QVA_V_STRUCT) ? struct_data(v) : v->value.arr->data;
 }
 
 const TagInfo &tag_of(QVA_VPTR sv, QVA_MEMINT elt, const std::string &tag, QVA_UCHAR **where) {
@@ -120,8 +120,8 @@ const TagInfo &tag_of(QVA_VPTR sv, QVA_MEMINT elt, const std::string &tag, QVA_U
   if (!t)
     raise_fmt(M_NO_TAG, "Tag name %s is undefined for structure %s.", upper_name(tag).c_str(),
               sdef_label(sd).c_str());
-  check_index(sv, elt, sv->value.s.arr->n_elts);
-  *where = sv->value.s.arr->data + static_cast<size_t>(elt) * sd->length + t->offset;
+  check_index(sv, elt, struct_count(sv));
+  *where = struct_data(sv) + static_cast<size_t>(elt) * sd->length + t->offset;
   return *t;
 }
 

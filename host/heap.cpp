@@ -11,11 +11,12 @@
 // soon as every identifier in its range has been issued and deleted, so
 // memory follows the live heap variables, not the identifiers ever issued.
 //
-// A record is the public QVA_HEAP_VAR alone (32 bytes, two to a cache
-// line); its layout and the directory are published in qva.h (with the
-// rules they keep), so that a module looks records up inline.  A small
-// one-dimensional array value (a tree node, most objects) lives in a small
-// block (small_blocks.cpp).
+// A record is the public QVA_HEAP_VAR alone (64 bytes, one cache line);
+// its layout and the directory are published in qva.h (with the rules they
+// keep), so that a module looks records up inline.  One structure element
+// of up to 32 bytes (a tree node, a small object) lives in the record's
+// second half, so that reaching it costs no further load; another small
+// one-dimensional array lives in a small block (small_blocks.cpp).
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -30,8 +31,10 @@ constexpr unsigned kPageBits = QVA_HEAP_PAGE_BITS;  // 256 records (8 KiB) per p
 constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
 constexpr size_t kDirectorySize = size_t{1} << (32 - kPageBits);
 static_assert(sizeof(HeapVar) == sizeof(QVA_HEAP_VAR), "a record is the public part alone");
+static_assert(sizeof(QVA_HEAP_VAR) == 64 && offsetof(QVA_HEAP_VAR, idata) == 32,
+              "a record fills one cache line, its inline data the second half");
 
-struct Page {
+struct alignas(64) Page {
   HeapVar records[kPageSize];  // first: the directory points at records[0]
   uint32_t live = 0;
 };
@@ -105,9 +108,38 @@ void move_into_block(HeapVar *rec, QVA_ARRAY *block) {
   *slot = block;
 }
 
+// Whether src holds one structure element small enough for the record.
+bool inline_source(const QVA_VARIABLE *src) {
+  if (!src || !(src->flags & QVA_V_STRUCT)) return false;
+  if (var_inline(src)) return true;
+  const QVA_ARRAY *a = src->value.s.arr;
+  return a && fits_inline(src->value.s.sdef, a->n_elts, a->n_dim);
+}
+
+// Makes `value` hold src's one element inline in `rec` (moved from a
+// temporary, else copied with its texts).  Raises with nothing made.
+void build_inline(HeapVar *rec, QVA_VPTR src, bool move, QVA_VARIABLE *value) {
+  QVA_SDEF sdef = src->value.s.sdef;
+  std::memset(rec->hv.idata, 0, QVA_HV_INLINE_BYTES);
+  std::memcpy(rec->hv.idata, struct_data(src), sdef->length);
+  if (move) {
+    array_free(src->value.s.arr);  // the texts moved with the bytes
+    src->type = QVA_TYP_UNDEF;
+    src->flags &= QVA_V_TEMP;
+    src->value = QVA_ALLTYPES{};
+  } else if (sdef->has_texts) {
+    sdef_dup_texts(sdef, rec->hv.idata, 1);
+  }
+  value->type = QVA_TYP_STRUCT;
+  value->flags = QVA_V_ARR | QVA_V_STRUCT;
+  value->flags2 = QVA_V2_INLINE;
+  value->value.s.arr = nullptr;
+  value->value.s.sdef = sdef;
+}
+
 void check_object_source(QVA_VPTR src) {
-  bool ok = src && (src->flags & QVA_V_STRUCT) && src->value.s.arr &&
-            src->value.s.arr->n_elts == 1 && src->value.s.sdef &&
+  bool ok = src && (src->flags & QVA_V_STRUCT) && (var_inline(src) || src->value.s.arr) &&
+            struct_count(src) == 1 && src->value.s.sdef &&
             !src->value.s.sdef->name_str.empty();
   if (!ok)
     raise_fmt(M_BAD_ARG, "An object must be made from one element of a named structure: %s.",
@@ -115,6 +147,11 @@ void check_object_source(QVA_VPTR src) {
 }
 
 }  // namespace
+
+bool fits_inline(QVA_SDEF sdef, QVA_MEMINT n_elts, int n_dim) {
+  return sdef && n_elts == 1 && n_dim == 1 && sdef->length > 0 &&
+         sdef->length <= QVA_HV_INLINE_BYTES;
+}
 
 HeapVar *heap_find(QVA_HVID id) {
   QVA_HEAP_VAR *page = g_directory[page_number(id)];
@@ -141,16 +178,21 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
     message(M_NOMEM, action, "Unable to allocate memory: to make heap variable.");
     return nullptr;
   }
-  // A small array goes to a small block.  Made before the value, so that
-  // an array inside a temporary's own record, which cannot stay there, has
+  HeapVar *rec = &page->records[page_index(id)];
+  // One small structure element goes into the record itself.  Otherwise a
+  // small array goes to a small block, made before the value, so that an
+  // array inside a temporary's own record, which cannot stay there, has
   // somewhere to go; when there is none, it goes to a block of its own.
-  QVA_ARRAY *block = small_block_for(src, move);
+  const bool in_record = inline_source(src);
+  QVA_ARRAY *block = in_record ? nullptr : small_block_for(src, move);
   bool in_temp = move && src && array_slot(src) && ((*array_slot(src))->flags & kArrayInTemp);
   // The value next: a failed copy leaves nothing behind (an empty page
   // made above is freed with the next identifiers of its range).
   QVA_VARIABLE value{};
   try {
-    if (src && move)
+    if (in_record)
+      build_inline(rec, src, move, &value);
+    else if (src && move)
       var_move_value(src, &value, block != nullptr || !in_temp);
     else if (src)
       var_copy_value(src, &value);
@@ -160,7 +202,6 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
     return nullptr;
   }
   h.next_id++;
-  HeapVar *rec = &page->records[page_index(id)];
   rec->hv.hash_id = id;
   rec->hv.flags = object ? QVA_HV_OBJECT : 0;
   rec->hv.var = value;

@@ -171,6 +171,28 @@ QVA_ARRAY *array_new(QVA_MEMINT elt_len, int n_dim, const QVA_MEMINT *dims, bool
 void array_free(QVA_ARRAY *a);
 constexpr QVA_LONG kArrayInSmallBlock = 0x1;  // QVA_ARRAY::flags
 constexpr QVA_LONG kArrayInTemp = 0x2;
+constexpr QVA_LONG kArrayInRecord = 0x4;  // a descriptor of a heap record's inline data
+
+// Inline structures: a heap record keeps one structure element of up to
+// QVA_HV_INLINE_BYTES in the record itself (flags2 QVA_V2_INLINE), right
+// after its variable; value.s.arr is null until a path that needs a
+// descriptor asks for one (struct_array), and that descriptor then points
+// at the record's data.  Every read of a structure's data goes through
+// struct_data / struct_count, which need no descriptor.
+inline bool var_inline(const QVA_VARIABLE *v) { return v->flags2 == QVA_V2_INLINE; }
+inline QVA_UCHAR *inline_data(const QVA_VARIABLE *v) {
+  return reinterpret_cast<QVA_HEAP_VAR *>(const_cast<char *>(reinterpret_cast<const char *>(v)) -
+                                          offsetof(QVA_HEAP_VAR, var))
+      ->idata;
+}
+inline QVA_UCHAR *struct_data(const QVA_VARIABLE *v) {
+  return var_inline(v) ? inline_data(v) : v->value.s.arr->data;
+}
+inline QVA_MEMINT struct_count(const QVA_VARIABLE *v) {
+  return var_inline(v) ? 1 : v->value.s.arr->n_elts;
+}
+// Whether a value of this shape is kept inline in a heap record.
+bool fits_inline(QVA_SDEF sdef, QVA_MEMINT n_elts, int n_dim);
 
 // Small blocks (small_blocks.cpp): a one-dimensional array of up to
 // kSmallBlockData bytes in a block of its size class, whose descriptor

@@ -77,6 +77,11 @@ int64_t allocations_since_hook();
 // -------------------------------------------------------------- variables
 
 // Builders of temporaries for callers outside the runtime.
+// The array descriptor of a structure value.  A heap variable keeps one
+// small structure element in its record without one; a descriptor is made
+// for it the first time it is asked for (raises when memory runs out).
+QVA_ARRAY *struct_array(QVA_VPTR v);
+
 QVA_VPTR make_long(QVA_LONG v);
 QVA_VPTR make_long64(QVA_LONG64 v);
 QVA_VPTR make_double(double v);

@@ -317,6 +317,18 @@ void Restorer::read_value(Mode mode, QVA_VPTR out, bool in_heap) {
     read_elts(mode, type, sdef, nullptr, n);
     return;
   }
+  if (in_heap && sdef >= 0 && fits_inline(sdefs_[sdef].live, n, n_dim)) {
+    // One small element: read straight into the record.
+    out->type = QVA_TYP_STRUCT;
+    out->flags |= QVA_V_ARR | QVA_V_STRUCT;
+    out->flags2 = QVA_V2_INLINE;
+    out->value.s.arr = nullptr;
+    out->value.s.sdef = sdefs_[sdef].live;
+    QVA_UCHAR *data = inline_data(out);
+    std::memset(data, 0, QVA_HV_INLINE_BYTES);
+    read_elts(mode, type, sdef, data, n);
+    return;
+  }
   auto elt_len = static_cast<QVA_MEMINT>(sdef >= 0 ? sdefs_[sdef].live->length : type_size(type));
   QVA_ARRAY *a = in_heap && n_dim == 1 ? small_block_new(elt_len, n) : nullptr;
   if (!a) a = array_new(elt_len, n_dim, dims, true, QVA_MSG_RET);

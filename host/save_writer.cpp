@@ -174,12 +174,17 @@ void SaveSet::write_value(Writer &w, const QVA_VARIABLE *v) const {
   w.u8(v->type);
   if (v->type == QVA_TYP_UNDEF) return;
   if (v->flags & QVA_V_STRUCT) {
-    const QVA_ARRAY *a = v->value.s.arr;
     w.u8(savefile::kStructArray);
     w.u32(static_cast<uint32_t>(sdef_index_.at(v->value.s.sdef)));
-    w.u8(static_cast<uint8_t>(a->n_dim));
-    for (int d = 0; d < a->n_dim; ++d) w.i64(a->dim[d]);
-    write_elts(w, QVA_TYP_STRUCT, v->value.s.sdef, a->data, a->n_elts);
+    if (var_inline(v)) {  // one element, one dimension
+      w.u8(1);
+      w.i64(1);
+    } else {
+      const QVA_ARRAY *a = v->value.s.arr;
+      w.u8(static_cast<uint8_t>(a->n_dim));
+      for (int d = 0; d < a->n_dim; ++d) w.i64(a->dim[d]);
+    }
+    write_elts(w, QVA_TYP_STRUCT, v->value.s.sdef, struct_data(v), struct_count(v));
   } else if (v->flags & QVA_V_ARR) {
     const QVA_ARRAY *a = v->value.arr;
     w.u8(savefile::kArray);

@@ -355,5 +355,5 @@ void *QVA_StructGetTagAddress(QVA_VPTR sv, const char *tag, QVA_MEMINT *offset,
   }
   if (offset) *offset = static_cast<QVA_MEMINT>(t->offset);
   if (tag_sdef) *tag_sdef = t->sdef;
-  return sv->value.s.arr->data + t->offset;
+  return struct_data(sv) + t->offset;
 }

@@ -60,8 +60,8 @@ std::string short_value(const QVA_VARIABLE *v) {
   if (v->flags & QVA_V_STRUCT) {
     const std::string &name = v->value.s.sdef->name_str;
     std::string shown = name.empty() ? "anonymous" : name;
-    if (v->value.s.arr->n_elts == 1) return "{" + shown + "}";
-    return format("%s[%" PRId64 "]", shown.c_str(), static_cast<int64_t>(v->value.s.arr->n_elts));
+    if (struct_count(v) == 1) return "{" + shown + "}";
+    return format("%s[%" PRId64 "]", shown.c_str(), static_cast<int64_t>(struct_count(v)));
   }
   if (v->flags & QVA_V_ARR)
     return format("%s[%" PRId64 "]", type_name(v->type), static_cast<int64_t>(v->value.arr->n_elts));

@@ -31,7 +31,7 @@ void refs_in_structs(QVA_SDEF sdef, QVA_UCHAR *data, QVA_MEMINT n, F &f) {
 template <class F>
 void refs_in_value(QVA_VARIABLE *v, F &&f) {
   if (v->flags & QVA_V_STRUCT) {
-    refs_in_structs(v->value.s.sdef, v->value.s.arr->data, v->value.s.arr->n_elts, f);
+    refs_in_structs(v->value.s.sdef, struct_data(v), struct_count(v), f);
   } else if (v->type == QVA_TYP_PTR || v->type == QVA_TYP_OBJREF) {
     if (v->flags & QVA_V_ARR) {
       auto *ids = reinterpret_cast<QVA_HVID *>(v->value.arr->data);

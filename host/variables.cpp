@@ -134,10 +134,16 @@ void build_copy(const QVA_VARIABLE *src, QVA_VARIABLE *out) {
     return;
   }
   if (src->flags & QVA_V_STRUCT) {
-    const QVA_ARRAY *from = src->value.s.arr;
     QVA_SDEF sdef = src->value.s.sdef;
-    QVA_ARRAY *a = array_new(from->elt_len, from->n_dim, from->dim, false, QVA_MSG_LONGJMP);
-    std::memcpy(a->data, from->data, static_cast<size_t>(from->arr_len));
+    QVA_ARRAY *a;
+    if (var_inline(src)) {  // one element in a heap record
+      const QVA_MEMINT one = 1;
+      a = array_new(static_cast<QVA_MEMINT>(sdef->length), 1, &one, false, QVA_MSG_LONGJMP);
+    } else {
+      const QVA_ARRAY *from = src->value.s.arr;
+      a = array_new(from->elt_len, from->n_dim, from->dim, false, QVA_MSG_LONGJMP);
+    }
+    std::memcpy(a->data, struct_data(src), static_cast<size_t>(a->arr_len));
     if (sdef->has_texts) {
       try {
         sdef_dup_texts(sdef, a->data, a->n_elts);
@@ -291,9 +297,11 @@ void array_free(QVA_ARRAY *a) {
 void var_free_value(QVA_VPTR v) {
   if (v->flags & QVA_V_STRUCT) {
     QVA_ARRAY *a = v->value.s.arr;
-    if (a && v->value.s.sdef && v->value.s.sdef->has_texts)
-      sdef_release_texts(v->value.s.sdef, a->data, a->n_elts);
-    if (a) array_free(a);
+    bool in_record = var_inline(v);
+    if ((a || in_record) && v->value.s.sdef && v->value.s.sdef->has_texts)
+      sdef_release_texts(v->value.s.sdef, struct_data(v), struct_count(v));
+    if (a) array_free(a);  // for an inline record, its descriptor alone
+    if (in_record) v->flags2 = 0;
   } else if (v->flags & QVA_V_ARR) {
     QVA_ARRAY *a = v->value.arr;
     if (a && v->type == QVA_TYP_STRING)
@@ -316,6 +324,14 @@ void var_copy_value(const QVA_VARIABLE *src, QVA_VPTR dst) {
 
 void var_move_value(QVA_VPTR src, QVA_VPTR dst, bool keep_embedded) {
   if (src == dst) return;
+  if (var_inline(src)) {
+    // The data belongs to the record: it leaves as a copy.
+    QVA_VARIABLE copy{};
+    build_copy(src, &copy);
+    var_free_value(src);
+    install(dst, copy);
+    return;
+  }
   QVA_VARIABLE moved{};
   moved.type = src->type;
   moved.flags = src->flags & kValueFlags;
@@ -335,6 +351,21 @@ void var_move_value(QVA_VPTR src, QVA_VPTR dst, bool keep_embedded) {
   src->flags &= QVA_V_TEMP;
   src->value = QVA_ALLTYPES{};
   install(dst, moved);
+}
+
+QVA_ARRAY *struct_array(QVA_VPTR v) {
+  if (!var_inline(v) || v->value.s.arr) return v->value.s.arr;
+  auto *a = static_cast<QVA_ARRAY *>(raw_alloc(sizeof(QVA_ARRAY), true));
+  if (!a) raise(M_NOMEM, "Unable to allocate memory: to make array descriptor.");
+  *a = QVA_ARRAY{};
+  a->elt_len = a->arr_len = static_cast<QVA_MEMINT>(v->value.s.sdef->length);
+  a->n_elts = 1;
+  a->data = inline_data(v);
+  a->n_dim = 1;
+  a->dim[0] = 1;
+  a->flags = kArrayInRecord;
+  v->value.s.arr = a;
+  return a;
 }
 
 std::string var_label(const QVA_VARIABLE *v) {
@@ -447,8 +478,8 @@ void QVA_VarGetData(QVA_VPTR v, QVA_MEMINT *n, char **data, int ensure_simple) {
   QVA_MEMINT count = 1;
   char *p = reinterpret_cast<char *>(&v->value);
   if (v->flags & QVA_V_STRUCT) {
-    count = v->value.s.arr->n_elts;
-    p = reinterpret_cast<char *>(v->value.s.arr->data);
+    count = struct_count(v);
+    p = reinterpret_cast<char *>(struct_data(v));
   } else if (v->flags & QVA_V_ARR) {
     count = v->value.arr->n_elts;
     p = reinterpret_cast<char *>(v->value.arr->data);

@@ -119,13 +119,35 @@ typedef QVA_VARIABLE *QVA_VPTR;
 #define QVA_HV_OBJECT 0x01  /* an object (its value is the instance) */
 #define QVA_HV_HELD 0x40    /* held by a module: heap GC never frees it */
 
+/* A heap variable whose value is one structure element of at most
+ * QVA_HV_INLINE_BYTES keeps that element's data in its record (`idata`)
+ * instead of behind an array descriptor; its var.flags2 is then
+ * QVA_V2_INLINE.  A tree node or a small object so costs one record and one
+ * cache line, and reaching its data is no further load.  var.value.s.arr of
+ * such a variable is host business (null until some host path needs a
+ * descriptor): read the data with QVA_HeapVarStructData. */
+#define QVA_HV_INLINE_BYTES 32
+#define QVA_V2_INLINE 0x5C
+
 /* The record of a heap variable or object. */
 typedef struct QVA_HEAP_VAR {
   QVA_HVID hash_id;  /* its heap identifier */
   uint32_t flags;    /* QVA_HV_*; bits not named here are the host's */
   QVA_VARIABLE var;  /* its value; for an object, a one-element structure */
+  QVA_UCHAR idata[QVA_HV_INLINE_BYTES]; /* the element, when var.flags2 is QVA_V2_INLINE */
 } QVA_HEAP_VAR;
 typedef QVA_HEAP_VAR *QVA_HVPTR;
+
+/* The data of the first element of the structure a heap variable holds
+ * (var.flags has QVA_V_STRUCT): in its record, or behind its descriptor.
+ * The address stays valid while the variable holds that value. */
+static inline QVA_UCHAR *QVA_HeapVarStructData(QVA_HVPTR hv) {
+  return hv->var.flags2 == QVA_V2_INLINE ? hv->idata : hv->var.value.s.arr->data;
+}
+/* Whether a heap variable holding a structure holds exactly one element. */
+static inline int QVA_HeapVarStructIsOne(QVA_HVPTR hv) {
+  return hv->var.flags2 == QVA_V2_INLINE || (hv->var.value.s.arr && hv->var.value.s.arr->n_elts == 1);
+}
 
 /*
  * The heap table, published so that a module can look records up inline
@@ -134,8 +156,8 @@ typedef QVA_HEAP_VAR *QVA_HVPTR;
  *    the page QVA_HeapPages[id / QVA_HEAP_PAGE_SIZE].  The directory has
  *    an entry for every 32-bit identifier, so no identifier indexes past
  *    it; an entry is NULL when no record of its range exists.
- *  - A page is an array of QVA_HEAP_PAGE_SIZE records with nothing between
- *    them.
+ *  - A page is an array of QVA_HEAP_PAGE_SIZE records (64 bytes each, so
+ *    one to a cache line) with nothing between them.
  *  - A record is live exactly when its hash_id equals its identifier; a
  *    dead record's hash_id is 0, and identifier 0 is never issued.
  *  - A live record stays where it is until it is deleted.

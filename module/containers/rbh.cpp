@@ -62,7 +62,7 @@ QVA_HVID map_rbh_new(QVA_MAP_RBH_NODE **out) {
   if (!tmp) return 0;
   QVA_HVPTR hv = QVA_HeapVarNew(QVA_TYP_PTR, tmp, 1, QVA_MSG_LONGJMP);
   if (!hv) return 0;
-  *out = reinterpret_cast<QVA_MAP_RBH_NODE *>(hv->var.value.s.arr->data);
+  *out = reinterpret_cast<QVA_MAP_RBH_NODE *>(QVA_HeapVarStructData(hv));
   return hv->hash_id;
 }
 
@@ -142,11 +142,11 @@ QVA_MAP_RBH_NODE *map_rbh_peek(QVA_HVID n) {
   QVA_HVPTR hv = QVA_HeapVarFind(n);
   if (!hv || (hv->flags & QVA_HV_OBJECT)) return nullptr;
   const QVA_VARIABLE &v = hv->var;
-  if (!(v.flags & QVA_V_STRUCT) || !v.value.s.arr || v.value.s.arr->n_elts != 1) return nullptr;
+  if (!(v.flags & QVA_V_STRUCT) || !QVA_HeapVarStructIsOne(hv)) return nullptr;
   // Only the node structure itself: a file may hold other structures of
   // the same size, whose bytes mean something else.
   if (v.value.s.sdef != map_rbh_node_sdef()) return nullptr;
-  return reinterpret_cast<QVA_MAP_RBH_NODE *>(v.value.s.arr->data);
+  return reinterpret_cast<QVA_MAP_RBH_NODE *>(QVA_HeapVarStructData(hv));
 }
 
 QVA_MAP_RBH_NODE *map_rbh_deref_slow(QVA_HVID n) {

@@ -100,15 +100,15 @@ QVA_MAP_RBH_NODE *map_rbh_deref_slow(QVA_HVID n);
 
 // The data of node `n`.  A heap identifier that names no heap variable, or
 // one that does not hold a tree node, is reported as host error -3.  Inline:
-// every step of every tree walk is one.
+// every step of every tree walk is one.  A node's data sits in its heap
+// record (the host keeps one small structure element there), so the whole
+// step reads one cache line; any other form goes the slow way.
 inline QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
   QVA_HVPTR hv = QVA_HeapVarFind(n);
-  if (__builtin_expect(hv && !(hv->flags & QVA_HV_OBJECT) && (hv->var.flags & QVA_V_STRUCT) &&
-                           hv->var.value.s.sdef == map_rbh_node_sdef_seen &&
-                           hv->var.value.s.sdef && hv->var.value.s.arr &&
-                           hv->var.value.s.arr->n_elts == 1,
+  if (__builtin_expect(hv && !(hv->flags & QVA_HV_OBJECT) && hv->var.flags2 == QVA_V2_INLINE &&
+                           hv->var.value.s.sdef == map_rbh_node_sdef_seen,
                        1))
-    return reinterpret_cast<QVA_MAP_RBH_NODE *>(hv->var.value.s.arr->data);
+    return reinterpret_cast<QVA_MAP_RBH_NODE *>(hv->idata);
   return map_rbh_deref_slow(n);
 }
 

@@ -163,7 +163,7 @@ ClassPart fw_classPart(QVA_HVID hvid, const char *structure, const char *class_n
   QVA_MEMINT offset = slot.sdef == sdef && slot.structure == structure
                           ? slot.offset
                           : checkClass(hv, structure, class_name, slot);
-  return ClassPart{hv->var.value.s.arr->data + offset, hvid};
+  return ClassPart{QVA_HeapVarStructData(hv) + offset, hvid};
 }
 
 QVA_HVID fw_newObject(const char *structure) {

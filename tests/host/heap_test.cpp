@@ -28,10 +28,14 @@ QVA_VPTR MakePoint(QVA_LONG x, const char *label) {
   QVA_StrStore(reinterpret_cast<QVA_STRING *>(data + 4), label);
   return v;
 }
-QVA_LONG X(const QVA_VARIABLE &v) { return *reinterpret_cast<QVA_LONG *>(v.value.s.arr->data); }
-QVA_STRING *Label(const QVA_VARIABLE &v) {
-  return reinterpret_cast<QVA_STRING *>(v.value.s.arr->data + 4);
+// The first element's data, wherever the value keeps it.
+char *Data(const QVA_VARIABLE &v) {
+  char *data = nullptr;
+  QVA_VarGetData(const_cast<QVA_VPTR>(&v), nullptr, &data, 0);
+  return data;
 }
+QVA_LONG X(const QVA_VARIABLE &v) { return *reinterpret_cast<QVA_LONG *>(Data(v)); }
+QVA_STRING *Label(const QVA_VARIABLE &v) { return reinterpret_cast<QVA_STRING *>(Data(v) + 4); }
 QVA_HVID NewPtr(QVA_LONG value) {
   Tmp t(QVA_GettmpLong(value));
   return QVA_HeapVarNew(QVA_TYP_PTR, t.get(), 0, QVA_MSG_LONGJMP)->hash_id;
@@ -93,9 +97,9 @@ TEST_F(HeapTest, PointerVariablesCopyOrStealAndObjectsAreOneElementStructures) {
   EXPECT_EQ(qvahost::accounting().heap_vars, baseline_.heap_vars + 3);
 }
 
-// A one-element structure this small is kept in a small block; the value
-// must behave as any other: replaced, copied, read back and freed with its
-// texts, its block given back to the right size class.
+// A one-element structure this small is kept in the heap record itself;
+// the value must behave as any other: replaced, copied, read back and freed
+// with its texts.
 TEST_F(HeapTest, SmallStructureValuesBehaveAsAnyOther) {
   Tmp source(MakePoint(5, "kept"));
   QVA_HVPTR copied = QVA_HeapVarNew(QVA_TYP_PTR, source.get(), 0, 2);
@@ -107,11 +111,13 @@ TEST_F(HeapTest, SmallStructureValuesBehaveAsAnyOther) {
     QVA_HVPTR moved = QVA_HeapVarNew(QVA_TYP_PTR, moved_source.get(), 1, 2);
     HeapGuard moved_guard{moved->hash_id};
     EXPECT_EQ(moved_source->type, QVA_TYP_UNDEF);
-    EXPECT_EQ(moved->var.value.s.arr->elt_len, static_cast<QVA_MEMINT>(Point()->length));
+    EXPECT_EQ(moved->var.flags2, QVA_V2_INLINE);
+    EXPECT_EQ(QVA_HeapVarStructData(moved), moved->idata);
     EXPECT_EQ(X(moved->var), 7);
     Tmp out(QVA_Gettmp());  // read back: a copy of its own
     QVA_VarCopy(&moved->var, out.get());
-    EXPECT_NE(out->value.s.arr, moved->var.value.s.arr);
+    EXPECT_NE(Data(*out), Data(moved->var));
+    EXPECT_NE(out->flags2, QVA_V2_INLINE) << "a temporary's copy has data of its own";
     // Replaced by a scalar and by a structure again: the old value (its
     // text too) is released, and nothing is freed that was not a block.
     Tmp number(QVA_GettmpLong(11));
@@ -125,6 +131,47 @@ TEST_F(HeapTest, SmallStructureValuesBehaveAsAnyOther) {
   int64_t texts = qvahost::accounting().texts;
   ExpectViolations(0, [&] { QVA_HeapVarDelete(copied->hash_id, 0, 0); });
   EXPECT_EQ(qvahost::accounting().texts, texts - 1) << "the record's own text is released";
+}
+
+// The element kept in a record is the value's only copy: a descriptor asked
+// for points at it, making a heap variable from the record copies it, a
+// value moved out leaves the record undefined, and a value of another shape
+// stored over it ends the inline form (the descriptor is freed with it).
+TEST_F(HeapTest, AnElementKeptInItsRecordHasOneCopyAndLeavesItCleanly) {
+  Tmp point(MakePoint(3, "three"));
+  QVA_HVPTR h = QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 1, 2);
+  HeapGuard guard{h->hash_id};
+  QVA_ARRAY *a = qvahost::struct_array(&h->var);
+  EXPECT_EQ(a->data, h->idata);
+  EXPECT_EQ(a->n_elts, 1);
+  EXPECT_EQ(a->n_dim, 1);
+  EXPECT_EQ(a->dim[0], 1);
+  EXPECT_EQ(qvahost::struct_array(&h->var), a) << "made once";
+  *reinterpret_cast<QVA_LONG *>(a->data) = 4;
+  EXPECT_EQ(X(h->var), 4) << "the descriptor reads and writes the record's data";
+  // A heap variable made from the record is a copy (sharing the text).
+  int64_t texts = qvahost::accounting().texts;
+  HeapGuard copy{QVA_HeapVarNew(QVA_TYP_PTR, &h->var, 1, 2)->hash_id};
+  QVA_HVPTR c = QVA_HeapVarHashFind(copy.id);
+  EXPECT_EQ(c->var.flags2, QVA_V2_INLINE);
+  EXPECT_EQ(X(h->var), 4) << "a heap record is never stolen from";
+  EXPECT_EQ(Text(*Label(c->var)), "three");
+  // Moved out: the destination holds a copy, the record nothing.
+  Tmp out(QVA_Gettmp());
+  qvahost::var_move_value(&c->var, out.get());
+  EXPECT_EQ(c->var.type, QVA_TYP_UNDEF);
+  EXPECT_EQ(c->var.flags2, 0);
+  EXPECT_EQ(X(*out), 4);
+  EXPECT_EQ(Text(*Label(*out)), "three");
+  // Another shape stored over it: an ordinary value from then on.
+  QVA_VPTR two = nullptr;
+  QVA_MakeTempStructVector(Point(), 2, &two, 1);
+  Tmp two_guard(two);
+  ExpectViolations(0, [&] { QVA_VarCopy(two, &h->var); });
+  EXPECT_NE(h->var.flags2, QVA_V2_INLINE);
+  EXPECT_EQ(h->var.value.s.arr->n_elts, 2);
+  EXPECT_EQ(Text(*Label(*out)), "three") << "released once, by the record alone";
+  EXPECT_EQ(qvahost::accounting().texts, texts);
 }
 
 TEST_F(HeapTest, ASmallStructureLeavesItsTemporaryWithoutBlocksAndKeepsItsValue) {
@@ -150,7 +197,7 @@ TEST_F(HeapTest, ASmallStructureLeavesItsTemporaryWithoutBlocksAndKeepsItsValue)
   kept.take(MakePoint(9, "nine"));
   for (int i = 0; i < 600; ++i) Tmp other(MakePoint(100 + i, "other"));
   const QVA_VARIABLE &hv = QVA_HeapVarHashFind(guard.id)->var;
-  EXPECT_EQ(hv.value.s.arr->dim[0], 1);
+  EXPECT_EQ(hv.flags2, QVA_V2_INLINE);
   EXPECT_EQ(X(hv), 42);
   EXPECT_EQ(Text(*Label(hv)), "inline");
   EXPECT_EQ(X(*kept.get()), 9);
@@ -165,7 +212,7 @@ TEST_F(HeapTest, ValuesOfEverySizeSurviveNeighbouringRecords) {
   QVA_HVPTR held = QVA_HeapVarNew(QVA_TYP_PTR, point.get(), 1, 2);
   HeapGuard held_guard{held->hash_id};
   held->flags |= QVA_HV_HELD;
-  QVA_UCHAR *held_data = held->var.value.s.arr->data;
+  QVA_UCHAR *held_data = QVA_HeapVarStructData(held);
   const std::vector<QVA_MEMINT> sizes = {1, 4, 5, 11, 12, 13, 63, 64, 65, 100};
   std::vector<QVA_HVID> ids, others;
   for (QVA_MEMINT n : sizes) {
@@ -185,7 +232,7 @@ TEST_F(HeapTest, ValuesOfEverySizeSurviveNeighbouringRecords) {
     ExpectViolations(0, [&] { QVA_HeapVarDelete(ids[k], 0, 0); });
   }
   EXPECT_EQ(QVA_HeapVarHashFind(held_guard.id), held);
-  EXPECT_EQ(held->var.value.s.arr->data, held_data);
+  EXPECT_EQ(QVA_HeapVarStructData(held), held_data);
   EXPECT_EQ(held->flags, QVA_HV_HELD);
   for (QVA_HVID id : others) QVA_HeapVarDelete(id, 0, 0);
 }
