@@ -239,6 +239,8 @@ std::vector<QVA_HVID> heap_all() {
   return ids;
 }
 
+uint64_t heap_next_id() { return heap().next_id; }
+
 // Record pages now in existence (for tests of the table's memory).
 size_t heap_leaf_pages() { return heap().page_count; }
 

@@ -287,6 +287,9 @@ HeapVar *heap_find(QVA_HVID id);  // nullptr when none
 // according to action.
 HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action);
 void heap_delete(QVA_HVID id);  // frees value and record; no CLEANUP
+// The identifier the next heap variable gets (2^32 once all are issued);
+// heap variables made one after another get identifiers in a run.
+uint64_t heap_next_id();
 std::vector<QVA_HVID> heap_all();
 size_t heap_leaf_pages();  // pages of the heap table in existence
 

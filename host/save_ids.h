@@ -32,14 +32,20 @@ class IdBits {
     size_t word = id >> 6;
     return word < bits_.size() && (bits_[word] >> (id & 63) & 1);
   }
+  // f(id) for every identifier in the set, ascending.
+  template <class F>
+  void for_each(F &&f) const {
+    for (size_t word = 0; word < bits_.size(); ++word)
+      for (uint64_t w = bits_[word]; w; w &= w - 1)
+        f(static_cast<QVA_HVID>(word * 64 + static_cast<unsigned>(__builtin_ctzll(w))));
+  }
 
  private:
   std::vector<uint64_t> bits_;
 };
 
 // The saved identifiers of a file's heap variables, each given a rank (its
-// position in ascending order) and, once the restore has made the records,
-// the identifier of its new record.
+// position in ascending order).
 class IdRemap {
  public:
   static constexpr uint32_t kAbsent = UINT32_MAX;
@@ -68,7 +74,6 @@ class IdRemap {
       std::sort(sorted_.begin(), sorted_.end());
       if (std::adjacent_find(sorted_.begin(), sorted_.end()) != sorted_.end()) return false;
     }
-    new_id_.assign(ids.size(), 0);
     return true;
   }
 
@@ -81,16 +86,11 @@ class IdRemap {
   }
   bool contains(QVA_HVID id) const { return rank(id) != kAbsent; }
 
-  void set_new_id(uint32_t rank, QVA_HVID id) { new_id_[rank] = id; }
-  // The new identifier of a saved one that the file holds.
-  QVA_HVID new_id(QVA_HVID saved) const { return new_id_[rank(saved)]; }
-  QVA_HVID new_id_of_rank(uint32_t rank) const { return new_id_[rank]; }
 
  private:
   bool dense_ = true;
   std::vector<uint32_t> rank_of_;  // dense: saved id -> rank, kAbsent when none
   std::vector<QVA_HVID> sorted_;   // sparse: the saved ids, ascending
-  std::vector<QVA_HVID> new_id_;   // rank -> new id
 };
 
 }  // namespace qvahost::savefile

@@ -128,7 +128,12 @@ class Restorer {
   bool in_record_ = false;  // reading the fields of a hidden structure
   savefile::IdRemap ids_;
   std::vector<bool> is_object_;  // by rank in ids_
-  std::vector<HeapVar *> made_heap_;  // by rank: records stay where they are made
+  bool ascending_ = true;        // the file lists its heap variables by identifier
+  // The records made so far: identifiers made_base_ + rank, issued in a run.
+  QVA_HVID made_base_ = 0;
+  uint32_t made_count_ = 0;
+  void build_heap_var(const SavedHeap &h, HeapVar *made);
+  HeapVar *make_record(uint32_t rank);
   std::vector<QVA_VARIABLE> staged_;
   std::vector<std::string> dropped_;
 };
@@ -377,6 +382,7 @@ void Restorer::check(bool verify_checksum) {
       const SavedSdef &sd = sdefs_[again.u32()];
       if (sd.name.empty() || again.u8() != 1 || again.i64() != 1) corrupt("bad object");
     }
+    if (!heap_.empty() && h.id <= heap_.back().id) ascending_ = false;
     heap_.push_back(h);
   }
   uint32_t n_vars = r_.u32();
@@ -419,7 +425,7 @@ QVA_HVID Restorer::remap_reference(QVA_HVID id, int type) {
     if (type == QVA_TYP_OBJREF && !is_object_[rank])
       corrupt(format("an object reference names <PtrHeapVar%u>, which is not an object", id));
   }
-  return ids_.new_id_of_rank(rank);
+  return made_base_ + rank;
 }
 
 // The heap variables are built in file order: the file's pages behind the
@@ -436,6 +442,25 @@ void Restorer::release_read_pages() {
   released_ = reinterpret_cast<const uint8_t *>(upto);
 }
 
+HeapVar *Restorer::make_record(uint32_t rank) {
+  HeapVar *made = heap_new(false, nullptr, false, QVA_MSG_RET);
+  if (!made) throw OutOfMemory{};
+  made_count_++;
+  if (made->hv.hash_id != made_base_ + rank) corrupt("heap identifiers not issued in a run");
+  return made;
+}
+
+void Restorer::build_heap_var(const SavedHeap &h, HeapVar *made) {
+  r_.seek(h.value);
+  read_value(kBuild, &made->hv.var, true);
+  release_read_pages();
+  made->hv.flags |= h.flags & QVA_HV_HELD;
+  if (h.flags & QVA_HV_OBJECT) {
+    made->hv.flags |= QVA_HV_OBJECT;
+    counters().objects++;
+  }
+}
+
 void Restorer::map_fields(SavedSdef &sd) {
   sd.target.clear();
   for (const SavedTag &t : sd.all) sd.target.push_back(sdef_tag(sd.live, t.name.c_str()));
@@ -444,8 +469,8 @@ void Restorer::map_fields(SavedSdef &sd) {
 void Restorer::rollback() {
   for (QVA_VARIABLE &v : staged_) var_free_value(&v);
   staged_.clear();
-  for (HeapVar *made : made_heap_) heap_delete(made->hv.hash_id);
-  made_heap_.clear();
+  for (uint32_t rank = 0; rank < made_count_; ++rank) heap_delete(made_base_ + rank);
+  made_count_ = 0;
 }
 
 std::vector<std::string> Restorer::commit() {
@@ -467,26 +492,19 @@ std::vector<std::string> Restorer::commit() {
       map_fields(sd);
     }
     // New identifiers are handed out in the order of the saved ones (their
-    // ranks), so whatever was ordered by heap identifier (lists kept in
-    // identifier order) is still in order after the remapping.  All records
-    // are made first, since values refer to each other in any order.
-    made_heap_.reserve(heap_.size());
-    for (uint32_t rank = 0; rank < heap_.size(); ++rank) {
-      HeapVar *made = heap_new(false, nullptr, false, QVA_MSG_RET);
-      if (!made) throw OutOfMemory{};
-      made_heap_.push_back(made);
-      ids_.set_new_id(rank, made->hv.hash_id);
-    }
-    for (const SavedHeap &h : heap_) {
-      HeapVar *made = made_heap_[ids_.rank(h.id)];
-      r_.seek(h.value);
-      read_value(kBuild, &made->hv.var, true);
-      release_read_pages();
-      made->hv.flags |= h.flags & QVA_HV_HELD;
-      if (h.flags & QVA_HV_OBJECT) {
-        made->hv.flags |= QVA_HV_OBJECT;
-        counters().objects++;
-      }
+    // ranks), in one run, so whatever was ordered by heap identifier (lists
+    // kept in identifier order) is still in order after the remapping, and
+    // a reference's new identifier is known before its target is made.  A
+    // file that lists its heap variables by identifier (as SAVE writes
+    // them) is built in one pass, each record made and filled while it is
+    // in the cache; otherwise every record is made first.
+    made_base_ = static_cast<QVA_HVID>(heap_next_id());
+    if (ascending_) {
+      for (uint32_t rank = 0; rank < heap_.size(); ++rank)
+        build_heap_var(heap_[rank], make_record(rank));
+    } else {
+      for (uint32_t rank = 0; rank < heap_.size(); ++rank) make_record(rank);
+      for (const SavedHeap &h : heap_) build_heap_var(h, heap_find(made_base_ + ids_.rank(h.id)));
     }
     staged_.resize(vars_.size());
     for (size_t i = 0; i < vars_.size(); ++i) {
@@ -551,7 +569,10 @@ class MappedFile {
     if (fd < 0) return;
     struct stat st {};
     if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
-      void *p = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+      // Every page is read (the checksum first), so they are all mapped in
+      // one call instead of a fault each.
+      void *p = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ,
+                       MAP_PRIVATE | MAP_POPULATE, fd, 0);
       if (p != MAP_FAILED) {
         data_ = static_cast<const uint8_t *>(p);
         size_ = static_cast<size_t>(st.st_size);

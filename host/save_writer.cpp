@@ -31,7 +31,7 @@ class SaveSet {
   }
   void add_heap(HeapVar *h) {
     if (!in_save_.insert(h->hv.hash_id)) return;
-    heap_.push_back(h);
+    heap_count_++;
     pending_.push_back(h);
   }
   // Follows references until every reachable heap variable is in the set.
@@ -62,7 +62,7 @@ class SaveSet {
   }
 
   std::vector<QVA_VPTR> vars_;
-  std::vector<HeapVar *> heap_;
+  uint32_t heap_count_ = 0;
   std::deque<HeapVar *> pending_;
   savefile::IdBits in_save_;
   std::vector<QVA_SDEF> sdefs_;
@@ -202,12 +202,15 @@ void SaveSet::write(Writer &w) const {
   w.u32(savefile::kVersion);
   w.u32(static_cast<uint32_t>(sdefs_.size()));
   for (QVA_SDEF sd : sdefs_) write_sdef(w, sd);
-  w.u32(static_cast<uint32_t>(heap_.size()));
-  for (HeapVar *h : heap_) {
-    w.u32(h->hv.hash_id);
+  // By identifier: RESTORE then makes and fills each record in one pass,
+  // and the records are read in the order they lie in memory.
+  w.u32(heap_count_);
+  in_save_.for_each([&](QVA_HVID id) {
+    const HeapVar *h = heap_find(id);
+    w.u32(id);
     w.u32(h->hv.flags & (QVA_HV_OBJECT | QVA_HV_HELD));
     write_value(w, &h->hv.var);
-  }
+  });
   w.u32(static_cast<uint32_t>(vars_.size()));
   for (QVA_VPTR v : vars_) {
     const std::string &name = ident_name(v->name);
