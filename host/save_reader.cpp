@@ -81,11 +81,6 @@ struct SavedSdef {
   std::vector<const TagInfo *> target;
 };
 
-struct SavedHeap {
-  QVA_HVID id;
-  uint32_t flags;
-  const uint8_t *value;
-};
 
 struct SavedVar {
   std::string name;
@@ -123,7 +118,8 @@ class Restorer {
   bool mapped_;
   const uint8_t *released_;  // the mapping's pages before this are given back
   std::vector<SavedSdef> sdefs_;
-  std::vector<SavedHeap> heap_;
+  const uint8_t *heap_start_ = nullptr;  // the first heap variable's identifier
+  uint32_t n_heap_ = 0;
   std::vector<SavedVar> vars_;
   bool in_record_ = false;  // reading the fields of a hidden structure
   savefile::IdRemap ids_;
@@ -132,7 +128,7 @@ class Restorer {
   // The records made so far: identifiers made_base_ + rank, issued in a run.
   QVA_HVID made_base_ = 0;
   uint32_t made_count_ = 0;
-  void build_heap_var(const SavedHeap &h, HeapVar *made);
+  void build_heap_vars(bool make_each);
   HeapVar *make_record(uint32_t rank);
   std::vector<QVA_VARIABLE> staged_;
   std::vector<std::string> dropped_;
@@ -366,24 +362,30 @@ void Restorer::check(bool verify_checksum) {
 
   uint32_t n_heap = r_.u32();
   if (n_heap > r_.left() / 9) corrupt("too many heap variables");
-  heap_.reserve(n_heap);
+  n_heap_ = n_heap;
+  heap_start_ = r_.pos();
+  // Only the identifiers are kept (and which are objects): the build reads
+  // the values again in file order.
+  std::vector<QVA_HVID> saved_ids;
+  saved_ids.reserve(n_heap);
+  std::vector<bool> object_in_file(n_heap);
   for (uint32_t i = 0; i < n_heap; ++i) {
-    SavedHeap h;
-    h.id = r_.u32();
-    h.flags = r_.u32();
-    if (h.id == 0) corrupt("bad heap identifier");
-    if (h.flags & ~uint32_t{QVA_HV_OBJECT | QVA_HV_HELD}) corrupt("bad heap flags");
-    h.value = r_.pos();
+    QVA_HVID id = r_.u32();
+    uint32_t flags = r_.u32();
+    if (id == 0) corrupt("bad heap identifier");
+    if (flags & ~uint32_t{QVA_HV_OBJECT | QVA_HV_HELD}) corrupt("bad heap flags");
+    const uint8_t *value = r_.pos();
     read_value(kCheck, nullptr);
-    if (h.flags & QVA_HV_OBJECT) {
+    if (flags & QVA_HV_OBJECT) {
       // An object holds one instance of a named structure.
-      Reader again(h.value, static_cast<size_t>(r_.pos() - h.value));
+      Reader again(value, static_cast<size_t>(r_.pos() - value));
       if (again.u8() != QVA_TYP_STRUCT || again.u8() != savefile::kStructArray) corrupt("bad object");
       const SavedSdef &sd = sdefs_[again.u32()];
       if (sd.name.empty() || again.u8() != 1 || again.i64() != 1) corrupt("bad object");
+      object_in_file[i] = true;
     }
-    if (!heap_.empty() && h.id <= heap_.back().id) ascending_ = false;
-    heap_.push_back(h);
+    if (!saved_ids.empty() && id <= saved_ids.back()) ascending_ = false;
+    saved_ids.push_back(id);
   }
   uint32_t n_vars = r_.u32();
   if (n_vars > r_.left() / 5) corrupt("too many variables");
@@ -398,12 +400,13 @@ void Restorer::check(bool verify_checksum) {
     vars_.push_back(std::move(v));
   }
   if (r_.left() != 4) corrupt("unexpected data at the end");
-  std::vector<QVA_HVID> saved_ids;
-  saved_ids.reserve(heap_.size());
-  for (const SavedHeap &h : heap_) saved_ids.push_back(h.id);
   if (!ids_.build(saved_ids)) corrupt("bad heap identifier");
-  is_object_.resize(heap_.size());
-  for (const SavedHeap &h : heap_) is_object_[ids_.rank(h.id)] = (h.flags & QVA_HV_OBJECT) != 0;
+  if (ascending_) {
+    is_object_ = std::move(object_in_file);
+  } else {
+    is_object_.resize(n_heap);
+    for (uint32_t i = 0; i < n_heap; ++i) is_object_[ids_.rank(saved_ids[i])] = object_in_file[i];
+  }
 }
 
 // The new identifier of a reference the file makes, checked as it is
@@ -450,14 +453,22 @@ HeapVar *Restorer::make_record(uint32_t rank) {
   return made;
 }
 
-void Restorer::build_heap_var(const SavedHeap &h, HeapVar *made) {
-  r_.seek(h.value);
-  read_value(kBuild, &made->hv.var, true);
-  release_read_pages();
-  made->hv.flags |= h.flags & QVA_HV_HELD;
-  if (h.flags & QVA_HV_OBJECT) {
-    made->hv.flags |= QVA_HV_OBJECT;
-    counters().objects++;
+// Builds every heap variable's value in file order, making each record
+// first when make_each (the file lists them by identifier, so file order is
+// rank order), else into the records made already.
+void Restorer::build_heap_vars(bool make_each) {
+  r_.seek(heap_start_);
+  for (uint32_t i = 0; i < n_heap_; ++i) {
+    QVA_HVID id = r_.u32();
+    uint32_t flags = r_.u32();
+    HeapVar *made = make_each ? make_record(i) : heap_find(made_base_ + ids_.rank(id));
+    read_value(kBuild, &made->hv.var, true);
+    release_read_pages();
+    made->hv.flags |= flags & QVA_HV_HELD;
+    if (flags & QVA_HV_OBJECT) {
+      made->hv.flags |= QVA_HV_OBJECT;
+      counters().objects++;
+    }
   }
 }
 
@@ -499,13 +510,9 @@ std::vector<std::string> Restorer::commit() {
     // them) is built in one pass, each record made and filled while it is
     // in the cache; otherwise every record is made first.
     made_base_ = static_cast<QVA_HVID>(heap_next_id());
-    if (ascending_) {
-      for (uint32_t rank = 0; rank < heap_.size(); ++rank)
-        build_heap_var(heap_[rank], make_record(rank));
-    } else {
-      for (uint32_t rank = 0; rank < heap_.size(); ++rank) make_record(rank);
-      for (const SavedHeap &h : heap_) build_heap_var(h, heap_find(made_base_ + ids_.rank(h.id)));
-    }
+    if (!ascending_)
+      for (uint32_t rank = 0; rank < n_heap_; ++rank) make_record(rank);
+    build_heap_vars(ascending_);
     staged_.resize(vars_.size());
     for (size_t i = 0; i < vars_.size(); ++i) {
       r_.seek(vars_[i].value);
