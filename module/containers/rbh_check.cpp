@@ -25,17 +25,23 @@ struct Frame {
   Subtree left;
 };
 
-struct Entry {
-  QVA_HVID id;
-  const QVA_MAP_RBH_NODE *node;
-};
+// The node's data, read inline when it sits in its heap record.
+const QVA_MAP_RBH_NODE *node_at(QVA_HVID id) {
+  QVA_HVPTR hv = QVA_HeapVarFind(id);
+  if (hv && !(hv->flags & QVA_HV_OBJECT) && hv->var.flags2 == QVA_V2_INLINE &&
+      hv->var.value.s.sdef == map_rbh_node_sdef_seen)
+    return reinterpret_cast<const QVA_MAP_RBH_NODE *>(hv->idata);
+  return map_rbh_peek(id);
+}
 
 class TreeCheck {
  public:
-  explicit TreeCheck(QVA_HVID head) : head_(head) {}
+  TreeCheck(QVA_HVID head, const QVA_MAP_RBH_NODE *h, const map_rbh_shape &shape)
+      : head_(head), h_(h), shape_(shape) {}
 
-  // Walks the tree below the root in post-order; the entries in tree order
-  // are left in entries().
+  // Walks the tree below the root in post-order, which meets the entries
+  // in tree order: each is checked against the FLINK/BLINK list and the
+  // shape's entry test as it is met, and its key kept for the order check.
   const char *walk(QVA_HVID root) {
     if (const char *fault = enter(root, head_, true, 0)) return fault;
     while (!stack_.empty()) {
@@ -53,16 +59,19 @@ class TreeCheck {
         if (const char *fault = finish(up, done_)) return fault;
       }
     }
+    // The list closes at the head both ways.
+    if (h_->BLINK != prev_id_) return "the head's first or last entry is wrong";
+    if (prev_node_->FLINK != head_) return "the entry list differs from the tree order";
     return nullptr;
   }
 
-  const std::vector<Entry> &entries() const { return entries_; }
+  const std::vector<QVA_HVID> &keys() const { return keys_; }
 
  private:
   // Takes node `id`, reached from `parent`: an entry is finished at once,
   // an internal node is stacked.
   const char *enter(QVA_HVID id, QVA_HVID parent, bool is_root, QVA_UCHAR side) {
-    const QVA_MAP_RBH_NODE *n = map_rbh_peek(id);
+    const QVA_MAP_RBH_NODE *n = node_at(id);
     if (!n) return "a link names no tree node";
     if (!status_bytes_valid(n)) return "a status byte is neither 0 nor 1";
     if (n->STATUS4) return "a head inside the tree";
@@ -73,9 +82,8 @@ class TreeCheck {
     if (!is_root && n->STATUS2 != side) return "a left flag is wrong";
     if (!n->STATUS1) {
       if (n->STATUS0) return "an entry is red";
-      entries_.push_back({id, n});
       done_ = {1, id, id, false};
-      return nullptr;
+      return entry(id, n);
     }
     if (n->FLINK == n->BLINK) return "an internal node has one node as both children";
     stack_.push_back({id, n, 0, {}});
@@ -94,26 +102,32 @@ class TreeCheck {
     return nullptr;
   }
 
+  // The next entry in tree order: the list must link it to the one before
+  // (the head for the first).
+  const char *entry(QVA_HVID id, const QVA_MAP_RBH_NODE *n) {
+    if (!prev_node_) {
+      if (h_->FLINK != id) return "the head's first or last entry is wrong";
+      if (n->BLINK != head_) return "the entry list differs from the tree order";
+    } else if (prev_node_->FLINK != id || n->BLINK != prev_id_) {
+      return "the entry list differs from the tree order";
+    }
+    prev_id_ = id;
+    prev_node_ = n;
+    if (shape_.entry_fault)
+      if (const char *fault = shape_.entry_fault(shape_.ctx, n->KEY, n->VAL)) return fault;
+    if (shape_.cmp) keys_.push_back(n->KEY);
+    return nullptr;
+  }
+
   QVA_HVID head_;
+  const QVA_MAP_RBH_NODE *h_;
+  const map_rbh_shape &shape_;
   std::vector<Frame> stack_;
-  std::vector<Entry> entries_;
+  std::vector<QVA_HVID> keys_;  // the entries' keys in tree order, when compared
+  QVA_HVID prev_id_ = 0;        // the entry met last
+  const QVA_MAP_RBH_NODE *prev_node_ = nullptr;
   Subtree done_{};  // the subtree finished last
 };
-
-// The FLINK/BLINK list must be the entries in tree order, closed by the
-// head both ways.
-const char *check_list(QVA_HVID head, const QVA_MAP_RBH_NODE *h, const std::vector<Entry> &entries) {
-  const size_t k = entries.size();
-  if (h->FLINK != entries.front().id || h->BLINK != entries.back().id)
-    return "the head's first or last entry is wrong";
-  for (size_t i = 0; i < k; ++i) {
-    const QVA_HVID next = i + 1 < k ? entries[i + 1].id : head;
-    const QVA_HVID prev = i > 0 ? entries[i - 1].id : head;
-    if (entries[i].node->FLINK != next || entries[i].node->BLINK != prev)
-      return "the entry list differs from the tree order";
-  }
-  return nullptr;
-}
 
 }  // namespace
 
@@ -126,16 +140,10 @@ const char *map_rbh_check(QVA_HVID head, const map_rbh_shape &shape) {
   if (h->PARENT == head)
     return h->FLINK == head && h->BLINK == head ? nullptr : "an empty tree's head links elsewhere";
 
-  TreeCheck tree(head);
+  TreeCheck tree(head, h, shape);
   if (const char *fault = tree.walk(h->PARENT)) return fault;
-  const std::vector<Entry> &entries = tree.entries();
-  if (const char *fault = check_list(head, h, entries)) return fault;
-  if (shape.entry_fault)
-    for (const Entry &e : entries)
-      if (const char *fault = shape.entry_fault(shape.ctx, e.node->KEY, e.node->VAL)) return fault;
-  if (shape.cmp)
-    for (size_t i = 1; i < entries.size(); ++i)
-      if (shape.cmp(entries[i - 1].node->KEY, entries[i].node->KEY) >= 0)
-        return "the keys are out of order";
+  const std::vector<QVA_HVID> &keys = tree.keys();
+  for (size_t i = 1; i < keys.size(); ++i)
+    if (shape.cmp(keys[i - 1], keys[i]) >= 0) return "the keys are out of order";
   return nullptr;
 }
