@@ -107,14 +107,17 @@ struct rb_tree {
     if (head(nn)) {
       //  [l]    ->     (i)          append: the last entry l splits into
       //               /   \         a red internal node i over l and the
-      //             [l]   [e]       new entry e; an lmax ending at l moves to e
+      //             [l]   [e]       new entry e.  The last entry is in no
+      //                             node's left subtree, before or after,
+      //                             so no lmax names l or must name e: the
+      //                             climb to find an owner would end at
+      //                             the head every time.
       Id l = P::blink(nn);
       Node *l_node = P::at(l);
       map_list_insert(e, e_node, n, nn);
       P::set(l_node, MAP_RB_ROOT, false);
       P::set(l_node, MAP_RB_HEAD, false);
       mk_new_int(i, i_node, l, l_node, e, e_node, P::parent(l_node), left(l_node));
-      if (Node *q = lmax_owner(e)) P::lmax(q) = e;
     } else {
       //  [n]    ->     (i)          before an entry: n splits into a red
       //               /   \         internal node i over the new entry e
