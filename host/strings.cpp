@@ -44,22 +44,23 @@ struct alignas(32) Slot {
 };
 static_assert(sizeof(Slot) == 32, "a text slot is half a cache line");
 
+// The slot pages are listed in a fixed directory (one pointer per 4096
+// slots, for every slot number a reference can hold), so that finding a
+// slot is two loads, as every string comparison does twice.  Constant-
+// initialised and never destroyed: no initialisation check, and pages
+// live as long as the process.
+constexpr size_t kDirectoryPages = (size_t{kMaxSlots} >> kPageBits) + 1;
+
 struct TextTable {
-  std::vector<std::unique_ptr<Slot[]>> pages;
-  uint32_t used = 0;       // slots handed out at least once
-  uint32_t free_head = 0;  // oldest freed slot + 1; 0 = none
-  uint32_t free_tail = 0;  // newest freed slot + 1
+  Slot *pages[kDirectoryPages];
+  uint32_t page_count;  // pages made
+  uint32_t used;        // slots handed out at least once
+  uint32_t free_head;   // oldest freed slot + 1; 0 = none
+  uint32_t free_tail;   // newest freed slot + 1
 };
+constinit TextTable g_table{};
 
-// Built on first use and never destroyed (it lives as long as the
-// process); reading it is a plain load, with no initialisation check, as
-// every string comparison does twice.
-TextTable *g_table = nullptr;
-
-inline TextTable &table() {
-  if (__builtin_expect(!g_table, 0)) g_table = new TextTable;
-  return *g_table;
-}
+inline TextTable &table() { return g_table; }
 
 inline Slot &slot_at(TextTable &t, uint32_t index) {
   return t.pages[index >> kPageBits][index & (kPageSize - 1)];
@@ -85,10 +86,10 @@ uint32_t take_slot(TextTable &t) {
     return index;
   }
   if (t.used == kMaxSlots) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
-  if ((t.used >> kPageBits) == t.pages.size()) {
+  if ((t.used >> kPageBits) == t.page_count) {
     Slot *page = new (std::nothrow) Slot[kPageSize]();  // zeroed: free, generation 0
     if (!page) raise(M_NOMEM, "Unable to allocate memory: to make a string.");
-    t.pages.emplace_back(page);
+    t.pages[t.page_count++] = page;
   }
   return t.used++;
 }
