@@ -7,9 +7,10 @@
 // and records made one after another (the nodes of a growing tree, say) sit
 // next to each other.  The directory is a zero-initialised array of 2^24
 // page pointers: the system gives it memory only where it is written, a
-// page of it per 131,072 identifiers issued.  A record page goes away as
-// soon as every identifier in its range has been issued and deleted, so
-// memory follows the live heap variables, not the identifiers ever issued.
+// page of it per 131,072 identifiers issued.  A record page leaves the
+// table as soon as every identifier in its range has been issued and
+// deleted, and the next page made reuses its memory, so memory follows the
+// live heap variables, not the identifiers ever issued.
 //
 // A record is the public QVA_HEAP_VAR alone (64 bytes, one cache line);
 // its layout and the directory are published in qva.h (with the rules they
@@ -30,7 +31,7 @@
 namespace qvahost {
 namespace {
 
-constexpr unsigned kPageBits = QVA_HEAP_PAGE_BITS;  // 256 records (8 KiB) per page
+constexpr unsigned kPageBits = QVA_HEAP_PAGE_BITS;  // 256 records (16 KiB) per page
 constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
 constexpr size_t kDirectorySize = size_t{1} << (32 - kPageBits);
 static_assert(sizeof(HeapVar) == sizeof(QVA_HEAP_VAR), "a record is the public part alone");
@@ -63,7 +64,8 @@ uint32_t page_index(uint32_t id) { return id & (kPageSize - 1); }
 // Record pages come from 2 MiB chunks mapped with their memory already
 // there (as huge pages where the system has them), instead of one page
 // fault per 4 KiB as a heap of many records grows or is restored.  A freed
-// page is kept for the next one; chunks live as long as the process.
+// page is kept for the next one; chunks live as long as the process (the
+// memory of a heap that shrank stays with it, ready for the next growth).
 constexpr size_t kChunkBytes = size_t{2} << 20;
 
 struct FreePage {
