@@ -92,7 +92,10 @@ void emit(const std::string &line) {
   }
 }
 
-void push_routine(const RunningCall &call) { routine_stack().push_back(call); }
+void push_routine(const std::string *name, int argc, QVA_VPTR *argv, QVA_KW_ARGS *argk,
+                  int first_arg) {
+  routine_stack().push_back(RunningCall{name, argc, argv, argk, first_arg});
+}
 
 void pop_routine() {
   if (routine_stack().empty()) {

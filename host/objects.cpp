@@ -109,32 +109,27 @@ uint64_t method_cache_generation() { return g_method_generation; }
 
 Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
   if (!cls || !method) return nullptr;
-  // A dispatch calls the same method of objects of one class over and
-  // over: the last resolution answers without hashing.
-  static struct {
-    QVA_SDEF cls = nullptr;
-    QVA_IDENT method = 0;
-    bool is_function = false;
-    uint64_t generation = ~uint64_t{0};
-    Routine *routine = nullptr;
-  } last;
-  if (last.cls == cls && last.method == method && last.is_function == is_function &&
-      last.generation == g_method_generation)
-    return last.routine;
+  // A dispatch calls the same method of objects of a few classes over and
+  // over: each class answers for its last two resolutions without hashing.
+  auto &memo = cls->method_memo;
+  for (const auto &m : memo)
+    if (m.method == method && m.is_function == is_function && m.generation == g_method_generation)
+      return m.routine;
   MethodKey key{cls, method, is_function};
   auto &cache = method_cache();
-  if (auto it = cache.find(key); it != cache.end()) {
-    last = {cls, method, is_function, g_method_generation, it->second};
-    return it->second;
-  }
   Routine *found = nullptr;
-  const std::string &method_name = ident_name(method);
-  for (QVA_SDEF c = cls; c && !found; c = c->super) {
-    if (c->name_str.empty()) continue;
-    found = routine_find_name(c->name_str + "::" + method_name, is_function);
+  if (auto it = cache.find(key); it != cache.end()) {
+    found = it->second;
+  } else {
+    const std::string &method_name = ident_name(method);
+    for (QVA_SDEF c = cls; c && !found; c = c->super) {
+      if (c->name_str.empty()) continue;
+      found = routine_find_name(c->name_str + "::" + method_name, is_function);
+    }
+    cache.emplace(key, found);
   }
-  cache.emplace(key, found);
-  last = {cls, method, is_function, g_method_generation, found};
+  memo[1] = memo[0];
+  memo[0] = {method, is_function, g_method_generation, found};
   return found;
 }
 
