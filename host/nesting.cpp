@@ -65,11 +65,19 @@ void check_nesting() {
   check_stack();
 }
 
+namespace {
+
+// A thread's first check measures its stack; out of line, so that the
+// check every call makes stays small enough to be inlined.
+[[gnu::noinline, gnu::cold]] void measure_stack() {
+  t_stack = this_thread_stack();
+  t_stack_measured = true;
+}
+
+}  // namespace
+
 void check_stack() {
-  if (__builtin_expect(!t_stack_measured, 0)) {
-    t_stack = this_thread_stack();
-    t_stack_measured = true;
-  }
+  if (__builtin_expect(!t_stack_measured, 0)) measure_stack();
   const StackBounds &b = t_stack;
   auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   if (b.low && here - b.low < b.reserve)

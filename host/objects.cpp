@@ -159,7 +159,10 @@ QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA
     all = many.data();
   }
   all[0] = &self_var;
-  for (int i = 0; i < argc; ++i) all[i + 1] = argv[i];
+  if (argc == 1)
+    all[1] = argv[0];  // a dispatch's argument: no call to copy one pointer
+  else
+    for (int i = 0; i < argc; ++i) all[i + 1] = argv[i];
   return routine_invoke(r, argc + 1, all, argk, true);
 }
 
