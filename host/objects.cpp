@@ -107,14 +107,12 @@ void method_cache_clear() {
 
 uint64_t method_cache_generation() { return g_method_generation; }
 
-Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
-  if (!cls || !method) return nullptr;
-  // A dispatch calls the same method of objects of a few classes over and
-  // over: each class answers for its last two resolutions without hashing.
-  auto &memo = cls->method_memo;
-  for (const auto &m : memo)
-    if (m.method == method && m.is_function == is_function && m.generation == g_method_generation)
-      return m.routine;
+namespace {
+
+// method_find past the class's memo: the resolution cache, else a walk up
+// the class chain; the memo then holds the answer.
+[[gnu::noinline]] Routine *method_find_unremembered(QVA_SDEF cls, QVA_IDENT method,
+                                                   bool is_function) {
   MethodKey key{cls, method, is_function};
   auto &cache = method_cache();
   Routine *found = nullptr;
@@ -128,9 +126,22 @@ Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
     }
     cache.emplace(key, found);
   }
+  auto &memo = cls->method_memo;
   memo[1] = memo[0];
   memo[0] = {method, is_function, g_method_generation, found};
   return found;
+}
+
+}  // namespace
+
+Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
+  if (!cls || !method) return nullptr;
+  // A dispatch calls the same method of objects of a few classes over and
+  // over: each class answers for its last two resolutions without hashing.
+  for (const auto &m : cls->method_memo)
+    if (m.method == method && m.is_function == is_function && m.generation == g_method_generation)
+      return m.routine;
+  return method_find_unremembered(cls, method, is_function);
 }
 
 QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
