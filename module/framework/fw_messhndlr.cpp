@@ -57,7 +57,7 @@ namespace {
 
 // The handler the walk goes on to from `handler`, or none at the top; a
 // chain that loops ends the routine with an error (see HandlerChainGuard).
-bool climb(ClassPart &handler, HandlerChainGuard &guard) {
+inline bool climb(ClassPart &handler, HandlerChainGuard &guard) {
   // An explicit link, while no top-level handler has retired, is the
   // parent as it stands; anything else is hasahandler_handler's to read.
   QVA_HVID parent = hasahandler_data(HasAHandler_from_MessageHandler(handler))->myhandler;
@@ -179,13 +179,23 @@ void messagehandler_forgetRetired(void) { retired_top_levels = {}; }
 
 // ------------------------------------------------------------- dispatch
 
-QVA_HVID messagehandler_behaviorList(ClassPart handler, QVA_HVID ident) {
+namespace {
+
+// messagehandler_behaviorList, inline in the dispatch walk, which asks it
+// at every handler it climbs past.
+inline QVA_HVID listAt(ClassPart handler, QVA_HVID ident) {
   QVA_HVID map = messagehandler_map(handler);
   // Most handlers a message climbs past scope nothing: an empty map
   // answers from its head, without a search.
   if (!map || map_rbh_deref(map)->FLINK == map) return 0;
   QVA_HVID entry = maphFind(map, ident, messageIdentCompare);
   return entry ? maphData(entry) : 0;
+}
+
+}  // namespace
+
+QVA_HVID messagehandler_behaviorList(ClassPart handler, QVA_HVID ident) {
+  return listAt(handler, ident);
 }
 
 QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count) {
@@ -209,7 +219,7 @@ QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count) {
 void messagehandler_sendMessage(ClassPart handler, QVA_HVID ident, QVA_VPTR arg) {
   HandlerChainGuard guard;
   do {
-    if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
+    if (QVA_HVID list = listAt(handler, ident)) {
       messagehandler_execBehaviors(list, arg);
       return;
     }
