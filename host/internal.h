@@ -124,14 +124,24 @@ struct RunningCall {
   QVA_KW_ARGS *argk;
   int first_arg;
 };
-// The fields come one by one: every routine call pushes, and a record
-// built on the caller's stack would be read back before its stores land.
-void push_routine(const std::string *name, int argc, QVA_VPTR *argv, QVA_KW_ARGS *argk,
-                  int first_arg);
+// The stack itself (messages.cpp).  Every routine call pushes and pops, so
+// both are inline, and the fields come one by one: a record built on the
+// caller's stack would be read back before its stores land.
+extern std::vector<RunningCall> g_routine_stack;
+inline void push_routine(const std::string *name, int argc, QVA_VPTR *argv, QVA_KW_ARGS *argk,
+                         int first_arg) {
+  g_routine_stack.push_back(RunningCall{name, argc, argv, argk, first_arg});
+}
 inline void push_routine(const RunningCall &call) {
   push_routine(call.name, call.argc, call.argv, call.argk, call.first_arg);
 }
-void pop_routine();
+// Reports a pop with no routine running (a contract violation).
+void pop_routine_unbalanced();
+inline void pop_routine() {
+  if (g_routine_stack.empty()) [[unlikely]]
+    return pop_routine_unbalanced();
+  g_routine_stack.pop_back();
+}
 const std::string &current_routine();  // "" at top level
 size_t routine_depth();                // routines running
 // How an error names an unnamed value given to the routine now running:
