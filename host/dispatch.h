@@ -84,7 +84,10 @@ class CallBoundary {
 // arguments.
 class RoutineFrame {
  public:
-  explicit RoutineFrame(const RunningCall &call) { push_routine(call); }
+  RoutineFrame(const std::string *name, int argc, QVA_VPTR *argv, QVA_KW_ARGS *argk,
+               int first_arg) {
+    push_routine(name, argc, argv, argk, first_arg);
+  }
   ~RoutineFrame() { pop_routine(); }
   RoutineFrame(const RoutineFrame &) = delete;
   RoutineFrame &operator=(const RoutineFrame &) = delete;

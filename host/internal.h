@@ -29,6 +29,10 @@
 #include "qva_host.h"
 
 namespace qvahost {
+struct Routine;
+}  // namespace qvahost
+
+namespace qvahost {
 
 // ------------------------------------------------------------- accounting
 // Live counters, updated by the file that owns each resource.
@@ -120,8 +124,24 @@ struct RunningCall {
   QVA_KW_ARGS *argk;
   int first_arg;
 };
-void push_routine(const RunningCall &call);
-void pop_routine();
+// The stack itself (messages.cpp).  Every routine call pushes and pops, so
+// both are inline, and the fields come one by one: a record built on the
+// caller's stack would be read back before its stores land.
+extern std::vector<RunningCall> g_routine_stack;
+inline void push_routine(const std::string *name, int argc, QVA_VPTR *argv, QVA_KW_ARGS *argk,
+                         int first_arg) {
+  g_routine_stack.push_back(RunningCall{name, argc, argv, argk, first_arg});
+}
+inline void push_routine(const RunningCall &call) {
+  push_routine(call.name, call.argc, call.argv, call.argk, call.first_arg);
+}
+// Reports a pop with no routine running (a contract violation).
+void pop_routine_unbalanced();
+inline void pop_routine() {
+  if (g_routine_stack.empty()) [[unlikely]]
+    return pop_routine_unbalanced();
+  g_routine_stack.pop_back();
+}
 const std::string &current_routine();  // "" at top level
 size_t routine_depth();                // routines running
 // How an error names an unnamed value given to the routine now running:
@@ -251,6 +271,19 @@ struct QVA_STRUCTDEF {
   // the same literal every time).
   const char *cache_name = nullptr;
   size_t cache_index = 0;
+  // The methods last resolved from objects of this class (objects.cpp), so
+  // that a module calling EXECUTE on a list of behaviours of a few classes
+  // finds each class's routine without hashing.  An entry holds while the
+  // routine generation it was found under does: adding or replacing any
+  // routine (a method recompiled, an override defined in a subclass) makes
+  // every entry out of date.
+  struct MethodMemo {
+    QVA_IDENT method = 0;
+    bool is_function = false;
+    uint64_t generation = ~uint64_t{0};
+    qvahost::Routine *routine = nullptr;
+  };
+  MethodMemo method_memo[2];
 };
 
 namespace qvahost {

@@ -11,15 +11,16 @@
 #include "internal.h"
 
 namespace qvahost {
+
+// Constant-initialised: no first-use check on the path of every call.
+constinit std::vector<RunningCall> g_routine_stack;
+
 namespace {
 
 std::function<void(const std::string &)> &output_sink() {
   static std::function<void(const std::string &)> sink;
   return sink;
 }
-
-// Constant-initialised: no first-use check on the path of every call.
-constinit std::vector<RunningCall> g_routine_stack;
 
 inline std::vector<RunningCall> &routine_stack() { return g_routine_stack; }
 
@@ -92,15 +93,7 @@ void emit(const std::string &line) {
   }
 }
 
-void push_routine(const RunningCall &call) { routine_stack().push_back(call); }
-
-void pop_routine() {
-  if (routine_stack().empty()) {
-    contract_violation("pop_routine with no routine running");
-    return;
-  }
-  routine_stack().pop_back();
-}
+void pop_routine_unbalanced() { contract_violation("pop_routine with no routine running"); }
 
 size_t routine_depth() { return routine_stack().size(); }
 

@@ -65,15 +65,28 @@ void check_nesting() {
   check_stack();
 }
 
+namespace {
+
+// A thread's first check measures its stack, and a check that fails
+// raises, out of line, so that the check every call makes stays small
+// enough to be inlined.
+[[gnu::noinline, gnu::cold]] void measure_stack() {
+  t_stack = this_thread_stack();
+  t_stack_measured = true;
+}
+
+[[noreturn, gnu::noinline, gnu::cold]] void stack_nearly_full() {
+  raise(M_NESTING, "Routine calls nested too deeply (the stack is nearly full).");
+}
+
+}  // namespace
+
 void check_stack() {
-  if (__builtin_expect(!t_stack_measured, 0)) {
-    t_stack = this_thread_stack();
-    t_stack_measured = true;
-  }
+  if (__builtin_expect(!t_stack_measured, 0)) measure_stack();
   const StackBounds &b = t_stack;
   auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
-  if (b.low && here - b.low < b.reserve)
-    raise(M_NESTING, "Routine calls nested too deeply (the stack is nearly full).");
+  if (b.low && here - b.low < b.reserve) [[unlikely]]
+    stack_nearly_full();
 }
 
 }  // namespace qvahost

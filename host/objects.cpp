@@ -107,35 +107,41 @@ void method_cache_clear() {
 
 uint64_t method_cache_generation() { return g_method_generation; }
 
-Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
-  if (!cls || !method) return nullptr;
-  // A dispatch calls the same method of objects of one class over and
-  // over: the last resolution answers without hashing.
-  static struct {
-    QVA_SDEF cls = nullptr;
-    QVA_IDENT method = 0;
-    bool is_function = false;
-    uint64_t generation = ~uint64_t{0};
-    Routine *routine = nullptr;
-  } last;
-  if (last.cls == cls && last.method == method && last.is_function == is_function &&
-      last.generation == g_method_generation)
-    return last.routine;
+namespace {
+
+// method_find past the class's memo: the resolution cache, else a walk up
+// the class chain; the memo then holds the answer.
+[[gnu::noinline]] Routine *method_find_unremembered(QVA_SDEF cls, QVA_IDENT method,
+                                                   bool is_function) {
   MethodKey key{cls, method, is_function};
   auto &cache = method_cache();
-  if (auto it = cache.find(key); it != cache.end()) {
-    last = {cls, method, is_function, g_method_generation, it->second};
-    return it->second;
-  }
   Routine *found = nullptr;
-  const std::string &method_name = ident_name(method);
-  for (QVA_SDEF c = cls; c && !found; c = c->super) {
-    if (c->name_str.empty()) continue;
-    found = routine_find_name(c->name_str + "::" + method_name, is_function);
+  if (auto it = cache.find(key); it != cache.end()) {
+    found = it->second;
+  } else {
+    const std::string &method_name = ident_name(method);
+    for (QVA_SDEF c = cls; c && !found; c = c->super) {
+      if (c->name_str.empty()) continue;
+      found = routine_find_name(c->name_str + "::" + method_name, is_function);
+    }
+    cache.emplace(key, found);
   }
-  cache.emplace(key, found);
-  last = {cls, method, is_function, g_method_generation, found};
+  auto &memo = cls->method_memo;
+  memo[1] = memo[0];
+  memo[0] = {method, is_function, g_method_generation, found};
   return found;
+}
+
+}  // namespace
+
+Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
+  if (!cls || !method) return nullptr;
+  // A dispatch calls the same method of objects of a few classes over and
+  // over: each class answers for its last two resolutions without hashing.
+  for (const auto &m : cls->method_memo)
+    if (m.method == method && m.is_function == is_function && m.generation == g_method_generation)
+      return m.routine;
+  return method_find_unremembered(cls, method, is_function);
 }
 
 QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
@@ -164,7 +170,10 @@ QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA
     all = many.data();
   }
   all[0] = &self_var;
-  for (int i = 0; i < argc; ++i) all[i + 1] = argv[i];
+  if (argc == 1)
+    all[1] = argv[0];  // a dispatch's argument: no call to copy one pointer
+  else
+    for (int i = 0; i < argc; ++i) all[i + 1] = argv[i];
   return routine_invoke(r, argc + 1, all, argk, true);
 }
 

@@ -189,7 +189,7 @@ Routine *routine_find(QVA_IDENT name, bool is_function) {
 
 QVA_VPTR routine_invoke(Routine &r, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk,
                         bool self_checked) {
-  RoutineFrame frame({&r.name_str, argc, argv, argk, r.class_len ? 1 : 0});
+  RoutineFrame frame(&r.name_str, argc, argv, argk, r.class_len ? 1 : 0);
   check_nesting();
   if (argc < r.arg_min || argc > r.arg_max)
     raise(M_WRONG_ARG_COUNT, "Incorrect number of arguments.");

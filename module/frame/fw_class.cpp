@@ -112,57 +112,28 @@ void *fw_locateData(QVA_HVID hvid, const char *first_field, const char *class_na
 
 namespace {
 
-// What a class check established about one class: that it is (or inherits)
-// `structure`, and where the framework data starts in its instances.  Class
-// definitions live as long as the process, so the answer stays true; no
-// instance address is kept.
-struct ClassCheck {
-  QVA_SDEF sdef = nullptr;
-  const char *structure = nullptr;
-  QVA_MEMINT offset = 0;
-};
-
-ClassCheck &checkSlot(QVA_SDEF sdef, const char *structure) {
-  static ClassCheck slots[64];
-  auto mix = reinterpret_cast<uintptr_t>(sdef) ^ (reinterpret_cast<uintptr_t>(structure) >> 3);
-  return slots[(mix ^ (mix >> 7)) & 63];
-}
-
-}  // namespace
-
-namespace {
-
 [[noreturn, gnu::cold]] void notOfClass(const char *class_name) {
   QVA_Message(QVA_M_NOT_OF_CLASS, QVA_MSG_LONGJMP, "object", class_name);
   std::abort();  // action 2 never returns
 }
 
-// The class check proper, for a class not met at this slot before; kept out
-// of line so that the usual, remembered case stays a short leaf.
-[[gnu::noinline]] QVA_MEMINT checkClass(QVA_HVPTR hv, const char *structure, const char *class_name,
-                                        ClassCheck &slot) {
-  QVA_SDEF sdef = hv->var.value.s.sdef;
-  if (!QVA_ObjContainsClassByStr(sdef, structure, 0, 0, QVA_MSG_LONGJMP)) notOfClass(class_name);
-  QVA_MEMINT offset = 0;
-  if (!QVA_StructGetTagAddress(&hv->var, FW_SAVEABLE_TOP_FIELD, &offset, nullptr, QVA_MSG_RET))
-    notOfClass(class_name);
-  slot = ClassCheck{sdef, structure, offset};
-  return offset;
-}
-
 }  // namespace
 
-ClassPart fw_classPart(QVA_HVID hvid, const char *structure, const char *class_name) {
-  // A live object is looked up inline; anything else goes to the host,
-  // which reports it.
+ClassPart fw_classPartChecked(QVA_HVID hvid, FwClass &cls) {
+  // Anything but a live object goes to the host, which reports it.
   QVA_HVPTR hv = QVA_HeapVarFind(hvid);
   if (!hv || !(hv->flags & QVA_HV_OBJECT)) hv = QVA_ObjValidate(hvid, QVA_MSG_LONGJMP);
-  if (!(hv->var.flags & QVA_V_STRUCT)) notOfClass(class_name);
+  if (!(hv->var.flags & QVA_V_STRUCT)) notOfClass(cls.class_name);
   QVA_SDEF sdef = hv->var.value.s.sdef;
-  ClassCheck &slot = checkSlot(sdef, structure);
-  QVA_MEMINT offset = slot.sdef == sdef && slot.structure == structure
-                          ? slot.offset
-                          : checkClass(hv, structure, class_name, slot);
+  if (!QVA_ObjContainsClassByStr(sdef, cls.structure, 0, 0, QVA_MSG_LONGJMP))
+    notOfClass(cls.class_name);
+  QVA_MEMINT offset = 0;
+  if (!QVA_StructGetTagAddress(&hv->var, FW_SAVEABLE_TOP_FIELD, &offset, nullptr, QVA_MSG_RET))
+    notOfClass(cls.class_name);
+  unsigned way = cls.next;
+  cls.next = (way + 1) % FwClass::kRemembered;
+  cls.passed[way] = sdef;
+  cls.offset[way] = offset;
   return ClassPart{QVA_HeapVarStructData(hv) + offset, hvid};
 }
 

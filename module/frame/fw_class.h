@@ -390,10 +390,41 @@ QVA_HVID fw_objrefOf(QVA_VPTR v);
 void *fw_locateData(QVA_HVID hvid, const char *first_field, const char *class_name);
 // As fw_locateData for an object's heap variable already found.
 void *fw_dataOfHeapVar(QVA_HVPTR hv, const char *first_field, const char *class_name);
+// A framework class as its locating operation checks objects against it:
+// its structure, the name a refusal gives, and the classes (structure
+// definitions) whose objects passed, each with where the framework data
+// starts in their instances.  Definitions never change or go away, so a
+// class that passed once passes for every object of it; an object never
+// changes class.  A few classes share one locating operation (a behaviour
+// kind's subclasses), so a handful of them are remembered, the oldest
+// making way; no instance address is kept.
+struct FwClass {
+  static constexpr int kRemembered = 8;
+  const char *structure;
+  const char *class_name;
+  QVA_SDEF passed[kRemembered];
+  QVA_MEMINT offset[kRemembered];
+  unsigned next;
+};
+
+// fw_classPart's full check, for an object of a class not remembered yet
+// (and for every object that is no live framework object, which it refuses).
+ClassPart fw_classPartChecked(QVA_HVID hvid, FwClass &cls);
+
 // The class part of framework object `hvid`, which must be of class
-// `structure` or inherit it; another object is refused naming `class_name`,
-// so that no class's fixed positions are applied to a smaller object.
-ClassPart fw_classPart(QVA_HVID hvid, const char *structure, const char *class_name);
+// `cls.structure` or inherit it; another object is refused naming
+// `cls.class_name`, so that no class's fixed positions are applied to a
+// smaller object.  Inline: every step of a dispatch locates an object.
+inline ClassPart fw_classPart(QVA_HVID hvid, FwClass &cls) {
+  QVA_HVPTR hv = QVA_HeapVarFind(hvid);
+  if (__builtin_expect(hv && (hv->flags & QVA_HV_OBJECT) && (hv->var.flags & QVA_V_STRUCT), 1)) {
+    QVA_SDEF sdef = hv->var.value.s.sdef;
+    for (int i = 0; i < FwClass::kRemembered; ++i)
+      if (cls.passed[i] == sdef && sdef)
+        return ClassPart{QVA_HeapVarStructData(hv) + cls.offset[i], hvid};
+  }
+  return fw_classPartChecked(hvid, cls);
+}
 
 // Makes an object of the class whose structure is `structure`, with zeroed
 // data and without running any INIT; its heap identifier.

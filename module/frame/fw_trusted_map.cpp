@@ -20,8 +20,8 @@ std::string claim_fault(std::vector<QVA_HVID> &heads) {
 
 }  // namespace
 
-QVA_HVID fw_trustedMap(QVA_HVID owner, QVA_HVID *field, fw_map_check_fn check,
-                       const char *class_name, const char *field_name) {
+QVA_HVID fw_trustedMapChecked(QVA_HVID owner, QVA_HVID *field, fw_map_check_fn check,
+                              const char *class_name, const char *field_name) {
   const QVA_HVID map = *field;
   if (!map) return 0;
   const QVA_HVID claimed_by = maphTrustedOwner(map);

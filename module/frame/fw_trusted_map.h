@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "containers/maph_trust.h"
+
 // Checks the map at `map` and what hangs below it; "" when it may be used,
 // else the fault.  Puts the head of every tree it accepts (the map's own
 // first) into `heads`, so that all are claimed together.
@@ -25,5 +27,13 @@ typedef std::string (*fw_map_check_fn)(QVA_HVID map, std::vector<QVA_HVID> &head
 // a fresh empty map (0 if none can be made), the old nodes are left to heap
 // collection, and an error names the object (`class_name`, `field_name`)
 // and the fault.
-QVA_HVID fw_trustedMap(QVA_HVID owner, QVA_HVID *field, fw_map_check_fn check,
-                       const char *class_name, const char *field_name);
+QVA_HVID fw_trustedMapChecked(QVA_HVID owner, QVA_HVID *field, fw_map_check_fn check,
+                              const char *class_name, const char *field_name);
+// Inline, as a dispatch reads the map of every handler it climbs past: a
+// map its owner already claimed costs one look-up.
+inline QVA_HVID fw_trustedMap(QVA_HVID owner, QVA_HVID *field, fw_map_check_fn check,
+                              const char *class_name, const char *field_name) {
+  const QVA_HVID map = *field;
+  if (!map || maphTrustedOwner(map) == owner) return map;
+  return fw_trustedMapChecked(owner, field, check, class_name, field_name);
+}

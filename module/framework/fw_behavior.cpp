@@ -26,9 +26,9 @@ QVA_SDEF QVAfwBehaviorStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart Behavior_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWBEHAVIOR", "QVAfwBehavior");
-}
+static FwClass behaviorClass{"QVAFWBEHAVIOR", "QVAfwBehavior", {}, {}, 0};
+
+ClassPart Behavior_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, behaviorClass); }
 
 ClassPart Behavior_from_vptr(QVA_VPTR v) { return Behavior_from_hvid(fw_objrefOf(v)); }
 
@@ -118,7 +118,11 @@ void behavior_reregister(ClassPart behavior) {
 int behavior_call_execute(ClassPart behavior, QVA_VPTR arg) {
   QVA_VPTR args[2] = {arg, nullptr};
   int count = arg ? 1 : 0;
-  QVA_HVPTR object = QVA_ObjValidate(behavior.hvid, QVA_MSG_LONGJMP);
+  // A live object is looked up inline; anything else goes to the host,
+  // which reports it.
+  QVA_HVPTR object = QVA_HeapVarFind(behavior.hvid);
+  if (!object || !(object->flags & QVA_HV_OBJECT))
+    object = QVA_ObjValidate(behavior.hvid, QVA_MSG_LONGJMP);
   // Method names are interned for the life of the process.
   static const QVA_IDENT execute = QVA_IdentHash("EXECUTE", 0, 0, QVA_MSG_LONGJMP, 0);
   return QVA_ObjCallMethod(QVA_MSG_LONGJMP, execute, object, 0, count, args, nullptr, nullptr, 0);

@@ -23,9 +23,9 @@ QVA_SDEF QVAfwDelayArgBehavStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart DelayArgBehav_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWDELAYARGBEHAV", "QVAfwDelayArgBehav");
-}
+static FwClass delayArgBehavClass{"QVAFWDELAYARGBEHAV", "QVAfwDelayArgBehav", {}, {}, 0};
+
+ClassPart DelayArgBehav_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, delayArgBehavClass); }
 
 ClassPart DelayArgBehav_from_vptr(QVA_VPTR v) { return DelayArgBehav_from_hvid(fw_objrefOf(v)); }
 

@@ -29,9 +29,9 @@ QVA_SDEF QVAfwDelayBehavStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart DelayBehav_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWDELAYBEHAV", "QVAfwDelayBehav");
-}
+static FwClass delayBehavClass{"QVAFWDELAYBEHAV", "QVAfwDelayBehav", {}, {}, 0};
+
+ClassPart DelayBehav_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, delayBehavClass); }
 
 ClassPart DelayBehav_from_vptr(QVA_VPTR v) { return DelayBehav_from_hvid(fw_objrefOf(v)); }
 

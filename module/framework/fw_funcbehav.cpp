@@ -26,9 +26,9 @@ QVA_SDEF QVAfwFuncBehavStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart FuncBehav_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWFUNCBEHAV", "QVAfwFuncBehav");
-}
+static FwClass funcBehavClass{"QVAFWFUNCBEHAV", "QVAfwFuncBehav", {}, {}, 0};
+
+ClassPart FuncBehav_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, funcBehavClass); }
 
 ClassPart FuncBehav_from_vptr(QVA_VPTR v) { return FuncBehav_from_hvid(fw_objrefOf(v)); }
 

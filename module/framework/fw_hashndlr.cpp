@@ -4,6 +4,8 @@
 // message handler.
 #include "framework/fw_hashndlr.h"
 
+#include <cstdlib>
+
 #include "framework/fw_messhndlr.h"
 #include "framework/fw_saveable.h"
 
@@ -26,9 +28,9 @@ QVA_SDEF QVAfwHasAHandlerStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart HasAHandler_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWHASAHANDLER", "QVAfwHasAHandler");
-}
+static FwClass hasAHandlerClass{"QVAFWHASAHANDLER", "QVAfwHasAHandler", {}, {}, 0};
+
+ClassPart HasAHandler_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, hasAHandlerClass); }
 
 ClassPart HasAHandler_from_vptr(QVA_VPTR v) { return HasAHandler_from_hvid(fw_objrefOf(v)); }
 
@@ -64,15 +66,10 @@ int hasahandler_init(ClassPart part, FwKeywordFields *kw) {
   return 1;
 }
 
-void handlerChain_visit(HandlerChainGuard *guard, QVA_HVID handler) {
-  if (handler == guard->saved)
-    QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP,
-                "The handler chain loops: handler <ObjHeapVar%u> is its own ancestor.", handler);
-  if (++guard->steps == guard->span) {
-    guard->saved = handler;
-    guard->span *= 2;
-    guard->steps = 0;
-  }
+void handlerChain_loops(QVA_HVID handler) {
+  QVA_Message(QVA_M_GENERIC, QVA_MSG_LONGJMP,
+              "The handler chain loops: handler <ObjHeapVar%u> is its own ancestor.", handler);
+  std::abort();  // action 2 never returns
 }
 
 namespace {

@@ -37,7 +37,17 @@ struct HandlerChainGuard {
   uint32_t steps = 0;  // steps since it was saved
   uint32_t span = 1;   // steps before the next handler is saved
 };
-void handlerChain_visit(HandlerChainGuard *guard, QVA_HVID handler);
+// Ends the routine with the error of a chain that loops at `handler`.
+[[noreturn]] void handlerChain_loops(QVA_HVID handler);
+// Inline: a dispatch visits every handler it climbs past.
+inline void handlerChain_visit(HandlerChainGuard *guard, QVA_HVID handler) {
+  if (__builtin_expect(handler == guard->saved, 0)) handlerChain_loops(handler);
+  if (++guard->steps == guard->span) {
+    guard->saved = handler;
+    guard->span *= 2;
+    guard->steps = 0;
+  }
+}
 
 // Registered routines.
 QVA_VPTR QVA_fwHasAHandler_Init(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk);

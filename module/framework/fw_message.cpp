@@ -25,9 +25,9 @@ QVA_SDEF QVAfwMessageStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart Message_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWMESSAGE", "QVAfwMessage");
-}
+static FwClass messageClass{"QVAFWMESSAGE", "QVAfwMessage", {}, {}, 0};
+
+ClassPart Message_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, messageClass); }
 
 ClassPart Message_from_vptr(QVA_VPTR v) { return Message_from_hvid(fw_objrefOf(v)); }
 

@@ -39,20 +39,30 @@ QVA_SDEF QVAfwMessageHandlerStartup(void) {
 
 // ------------------------------------------------------------ locating
 
+static FwClass messageHandlerClass{"QVAFWMESSAGEHANDLER", "QVAfwMessageHandler", {}, {}, 0};
+
 ClassPart MessageHandler_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWMESSAGEHANDLER", "QVAfwMessageHandler");
+  return fw_classPart(hvid, messageHandlerClass);
 }
 
 ClassPart MessageHandler_from_vptr(QVA_VPTR v) { return MessageHandler_from_hvid(fw_objrefOf(v)); }
 
 ClassPart HasAHandler_from_MessageHandler(ClassPart part) { return part; }
 
+// The top-level handler and those the module retired: process memory only.
+static QVA_HVID _top_level_handler_ = 0;
+static std::unordered_set<QVA_HVID> retired_top_levels;
+
 namespace {
 
 // The handler the walk goes on to from `handler`, or none at the top; a
 // chain that loops ends the routine with an error (see HandlerChainGuard).
-bool climb(ClassPart &handler, HandlerChainGuard &guard) {
-  QVA_HVID parent = hasahandler_handler(HasAHandler_from_MessageHandler(handler));
+inline bool climb(ClassPart &handler, HandlerChainGuard &guard) {
+  // An explicit link, while no top-level handler has retired, is the
+  // parent as it stands; anything else is hasahandler_handler's to read.
+  QVA_HVID parent = hasahandler_data(HasAHandler_from_MessageHandler(handler))->myhandler;
+  if (!parent || !retired_top_levels.empty())
+    parent = hasahandler_handler(HasAHandler_from_MessageHandler(handler));
   if (!parent) return false;
   handlerChain_visit(&guard, parent);
   handler = MessageHandler_from_hvid(parent);
@@ -90,10 +100,6 @@ void reregisterAll(QVA_HVID list) {
 }  // namespace
 
 // ---------------------------------------------------- top-level handler
-
-static QVA_HVID _top_level_handler_ = 0;
-// Process memory only, like the top-level handler itself.
-static std::unordered_set<QVA_HVID> retired_top_levels;
 
 int messagehandler_init(ClassPart handler, FwKeywordFields *kw) {
   if (!hasahandler_init(HasAHandler_from_MessageHandler(handler), kw)) return 0;
@@ -173,11 +179,23 @@ void messagehandler_forgetRetired(void) { retired_top_levels = {}; }
 
 // ------------------------------------------------------------- dispatch
 
-QVA_HVID messagehandler_behaviorList(ClassPart handler, QVA_HVID ident) {
+namespace {
+
+// messagehandler_behaviorList, inline in the dispatch walk, which asks it
+// at every handler it climbs past.
+inline QVA_HVID listAt(ClassPart handler, QVA_HVID ident) {
   QVA_HVID map = messagehandler_map(handler);
-  if (!map) return 0;
+  // Most handlers a message climbs past scope nothing: an empty map
+  // answers from its head, without a search.
+  if (!map || map_rbh_deref(map)->FLINK == map) return 0;
   QVA_HVID entry = maphFind(map, ident, messageIdentCompare);
   return entry ? maphData(entry) : 0;
+}
+
+}  // namespace
+
+QVA_HVID messagehandler_behaviorList(ClassPart handler, QVA_HVID ident) {
+  return listAt(handler, ident);
 }
 
 QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count) {
@@ -201,7 +219,7 @@ QVA_HVID *messagehandler_getBehaviors(QVA_HVID list, int *count) {
 void messagehandler_sendMessage(ClassPart handler, QVA_HVID ident, QVA_VPTR arg) {
   HandlerChainGuard guard;
   do {
-    if (QVA_HVID list = messagehandler_behaviorList(handler, ident)) {
+    if (QVA_HVID list = listAt(handler, ident)) {
       messagehandler_execBehaviors(list, arg);
       return;
     }

@@ -27,9 +27,9 @@ QVA_SDEF QVAfwObjBehavStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart ObjBehav_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWOBJBEHAV", "QVAfwObjBehav");
-}
+static FwClass objBehavClass{"QVAFWOBJBEHAV", "QVAfwObjBehav", {}, {}, 0};
+
+ClassPart ObjBehav_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, objBehavClass); }
 
 ClassPart ObjBehav_from_vptr(QVA_VPTR v) { return ObjBehav_from_hvid(fw_objrefOf(v)); }
 

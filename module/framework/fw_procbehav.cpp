@@ -27,9 +27,9 @@ QVA_SDEF QVAfwProcBehavStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart ProcBehav_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWPROCBEHAV", "QVAfwProcBehav");
-}
+static FwClass procBehavClass{"QVAFWPROCBEHAV", "QVAfwProcBehav", {}, {}, 0};
+
+ClassPart ProcBehav_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, procBehavClass); }
 
 ClassPart ProcBehav_from_vptr(QVA_VPTR v) { return ProcBehav_from_hvid(fw_objrefOf(v)); }
 

@@ -22,7 +22,9 @@ QVA_SDEF QVAfwQueryStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart Query_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, "QVAFWQUERY", "QVAfwQuery"); }
+static FwClass queryClass{"QVAFWQUERY", "QVAfwQuery", {}, {}, 0};
+
+ClassPart Query_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, queryClass); }
 
 ClassPart Query_from_vptr(QVA_VPTR v) { return Query_from_hvid(fw_objrefOf(v)); }
 

@@ -24,9 +24,9 @@ QVA_SDEF QVAfwQueryBehavStartup(void) {
 
 // ------------------------------------------------------------ locating
 
-ClassPart QueryBehav_from_hvid(QVA_HVID hvid) {
-  return fw_classPart(hvid, "QVAFWQUERYBEHAV", "QVAfwQueryBehav");
-}
+static FwClass queryBehavClass{"QVAFWQUERYBEHAV", "QVAfwQueryBehav", {}, {}, 0};
+
+ClassPart QueryBehav_from_hvid(QVA_HVID hvid) { return fw_classPart(hvid, queryBehavClass); }
 
 ClassPart QueryBehav_from_vptr(QVA_VPTR v) { return QueryBehav_from_hvid(fw_objrefOf(v)); }
 

@@ -276,6 +276,39 @@ TEST_F(ObjectTest, MethodsResolveThroughTheClassChain) {
   EXPECT_EQ(speak(puppy.get(), "LATER"), "later");
 }
 
+// Methods a module calls, as a dispatch calls EXECUTE: objects of several
+// classes in turn, more methods than a class remembers, and routines
+// replaced or overridden after they were found.
+TEST_F(ObjectTest, MethodCallsFromAModuleFollowRoutinesDefinedAfterThem) {
+  hosttest::ensure_class("OT_CAT", "OT_ANIMAL", {});
+  qvahost::define_routine("OT_ANIMAL::NAME", true, 1, 1, false, Says("animal"));
+  qvahost::define_routine("OT_DOG::KIND", true, 1, 1, false, Says("canine"));
+  Object dog(obj_new("OT_DOG")), cat(obj_new("OT_CAT")), animal(obj_new("OT_ANIMAL"));
+  auto call = [](QVA_VPTR obj, const char *method) {
+    QVA_VPTR result = nullptr;
+    QVA_HVPTR self = QVA_ObjValidate(obj->value.hvid, QVA_MSG_LONGJMP);
+    int done = QVA_ObjCallMethod(QVA_MSG_RET, QVA_IdentHash(method, 0, 0, QVA_MSG_LONGJMP, 0), self,
+                                 0, 0, nullptr, nullptr, &result, 0);
+    return done ? qvahost::string_value(Tmp(result).get()) : "none";
+  };
+  auto all = [&] {
+    std::string out;
+    for (QVA_VPTR obj : {dog.get(), cat.get(), animal.get()})
+      for (const char *method : {"SPEAK", "NAME", "KIND"}) out += call(obj, method) + " ";
+    return out;
+  };
+  const std::string first = "woof animal canine ... animal none ... animal none ";
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(all(), first);
+  // Each time, the method just called is the one replaced.
+  EXPECT_EQ(call(cat.get(), "SPEAK"), "...");
+  qvahost::define_routine("OT_ANIMAL::SPEAK", true, 1, 1, false, Says("hmm"));
+  EXPECT_EQ(call(cat.get(), "SPEAK"), "hmm") << "replaced";
+  qvahost::define_routine("OT_CAT::SPEAK", true, 1, 1, false, Says("meow"));
+  EXPECT_EQ(call(cat.get(), "SPEAK"), "meow") << "overridden";
+  qvahost::define_routine("OT_CAT::KIND", true, 1, 1, false, Says("feline"));
+  EXPECT_EQ(all(), "woof animal canine meow animal feline hmm animal none ");
+}
+
 TEST_F(ObjectTest, MethodRoutinesRunOnlyOnObjectsOfTheirClass) {
   Object dog(obj_new("OT_DOG")), animal(obj_new("OT_ANIMAL"));
   EXPECT_EQ(qvahost::string_value(Tmp(call_function("OT_ANIMAL::SPEAK", {dog.get()})).get()), "...")

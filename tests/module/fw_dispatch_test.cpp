@@ -358,5 +358,44 @@ TEST_F(NetworkTest, ALinkThatWouldCloseACycleIsRefusedAndLeftAsItWas) {
   EXPECT_EQ(Behaviors(outside, "M"), Ids{NewBehavior("M", {.handler = c})});
 }
 
+// Behaviours of more classes than a locator remembers, in one list, with
+// EXECUTE overridden in one subclass and then replaced between dispatches:
+// every dispatch runs, for each behaviour, the EXECUTE its class has then.
+TEST_F(NetworkTest, EachBehaviourRunsTheExecuteItsClassHasAtTheTime) {
+  constexpr int kClasses = 10;
+  Ids made;
+  for (int i = 0; i < kClasses; ++i) {
+    const std::string cls = "DISPATCHTEST_KIND" + std::to_string(i);
+    qvatest::DefineStructOnce(cls, "FWTEST_RECORDER", {});
+    made.push_back(NewBehavior("K", {.handler = a_, .scope = i == 0, .cls = cls}));
+  }
+  auto dispatch = [&] {
+    g_log.clear();
+    SendText(b_, "K");
+    EXPECT_EQ(Selves(), made);
+    Texts routines;
+    for (const Exec &e : g_log) routines.push_back(e.routine);
+    return routines;
+  };
+  auto override_execute = [](const std::string &label) {
+    qvahost::define_routine("DISPATCHTEST_KIND3::EXECUTE", false, 1, 2, false,
+                            [=](int n, QVA_VPTR v[], auto) {
+                              return Record(label, v[0]->value.hvid, n - 1, n > 1 ? v[1] : nullptr);
+                            });
+  };
+  Texts expected(kClasses, "FWTEST_RECORDER::EXECUTE");
+  EXPECT_EQ(dispatch(), expected);
+  EXPECT_EQ(dispatch(), expected) << "the same again, now remembered";
+  override_execute("overridden");
+  expected[3] = "overridden";
+  EXPECT_EQ(dispatch(), expected);
+  override_execute("recompiled");
+  expected[3] = "recompiled";
+  EXPECT_EQ(dispatch(), expected);
+  // A foreign object still fails where a behaviour's class part is taken.
+  const QVA_HVID foreign = New("QVAFWMESSAGEHANDLER");
+  EXPECT_EQ(ExpectHostError([&] { Behavior_from_hvid(foreign); }).code, QVA_M_NOT_OF_CLASS);
+}
+
 }  // namespace
 }  // namespace fwtest
