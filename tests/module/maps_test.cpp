@@ -5,6 +5,7 @@
 #include <random>
 #include <vector>
 
+#include "containers/maph_trust.h"
 #include "test_support.h"
 #include "tree_check.h"
 
@@ -240,6 +241,30 @@ TYPED_TEST(MapTest, AllocationFailuresLeakNothing) {
   }
   EXPECT_GE(failures, 10) << "the head and two nodes per entry after the first";
   M::free(m);
+}
+
+// Claims are kept per map identifier in pages of a directory: maps in the
+// same page and far apart keep their own owners, a freed map's claim goes,
+// and a session reset forgets every claim, so a later claim starts clean.
+TEST(MapClaims, EachMapKeepsItsOwnerUntilFreedOrReset) {
+  const QVA_HVID near_a = 5, near_b = 6, far = 5 + 7 * 4096, last = UINT32_MAX;
+  maphTrust(near_a, 100);
+  maphTrust(far, 200);
+  maphTrust(last, 300);
+  EXPECT_EQ(maphTrustedOwner(near_a), 100u);
+  EXPECT_EQ(maphTrustedOwner(near_b), 0u);
+  EXPECT_EQ(maphTrustedOwner(far), 200u);
+  EXPECT_EQ(maphTrustedOwner(far + 4096), 0u) << "a page never made";
+  EXPECT_EQ(maphTrustedOwner(last), 300u);
+  maphDistrust(near_a);
+  maphDistrust(far + 4096);  // no page: nothing to forget
+  EXPECT_EQ(maphTrustedOwner(near_a), 0u);
+  maphForgetTrust();
+  EXPECT_EQ(maphTrustedOwner(far), 0u);
+  EXPECT_EQ(maphTrustedOwner(last), 0u);
+  maphTrust(far, 400);
+  EXPECT_EQ(maphTrustedOwner(far), 400u);
+  maphForgetTrust();
 }
 
 }  // namespace
