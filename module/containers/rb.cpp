@@ -19,14 +19,10 @@ struct map_rb_policy {
   static Node *at(Id n) { return n; }
   // A child that is an internal node is compared against its lmax entry
   // next: as soon as the child's record is in, its lmax entry is fetched
-  // too, so that the search waits for one record per level, not two.  The
-  // choice is made without a branch, which would take a prediction slot
-  // per level and mispredict near the leaves.
+  // too, so that the search waits for one record per level, not two.
   static void prefetch(Id n) {
     __builtin_prefetch(n);
-    auto internal = -static_cast<uintptr_t>((n->status & MAP_RB_INTERNAL) != 0);
-    auto lmax = reinterpret_cast<uintptr_t>(n->lmax), self = reinterpret_cast<uintptr_t>(n);
-    __builtin_prefetch(reinterpret_cast<void *>((lmax & internal) | (self & ~internal)));
+    if (n->status & MAP_RB_INTERNAL) __builtin_prefetch(n->lmax);
   }
   static Id &flink(Node *n) { return n->flink; }
   static Id &blink(Node *n) { return n->blink; }
