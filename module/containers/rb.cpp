@@ -17,7 +17,13 @@ struct map_rb_policy {
   static constexpr Id none = nullptr;
 
   static Node *at(Id n) { return n; }
-  static void prefetch(Id n) { __builtin_prefetch(n); }
+  // A child that is an internal node is compared against its lmax entry
+  // next: as soon as the child's record is in, its lmax entry is fetched
+  // too, so that the search waits for one record per level, not two.
+  static void prefetch(Id n) {
+    __builtin_prefetch(n);
+    if (n->status & MAP_RB_INTERNAL) __builtin_prefetch(n->lmax);
+  }
   static Id &flink(Node *n) { return n->flink; }
   static Id &blink(Node *n) { return n->blink; }
   static Id &parent(Node *n) { return n->parent; }

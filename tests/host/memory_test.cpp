@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <new>
+#include <set>
 #include <vector>
 
 #include "host_fixture.h"
@@ -76,6 +77,38 @@ TEST_F(MemoryTest, MisusedFreesAreViolationsNotCorruption) {
   qvahost::raw_free(record);
   QVA_MemFreeQuiet(block);
   QVA_MemFreeQuiet(nullptr);  // harmless, like free(NULL)
+}
+
+// Blocks freed in any order are handed out again side by side: a structure
+// built after a larger one was freed lies in a few pages, not scattered
+// over all the memory the larger one held.
+TEST_F(MemoryTest, BlocksFreedInAnyOrderComeBackSideBySide) {
+  constexpr size_t kSize = 400;
+  std::vector<void *> blocks(5000);
+  for (void *&p : blocks) p = QVA_MemAllocQuiet(kSize);
+  uint32_t seed = 99;
+  for (size_t i = blocks.size(); i > 1; --i) {
+    seed = seed * 1103515245u + 12345u;
+    std::swap(blocks[i - 1], blocks[(seed >> 8) % i]);
+  }
+  for (void *p : blocks) QVA_MemFreeQuiet(p);
+  std::vector<char *> again(300);
+  for (char *&p : again) p = static_cast<char *>(QVA_MemAllocQuiet(kSize));
+  // 300 blocks fill two 64 KiB windows; scattered, they touch dozens.
+  std::set<uintptr_t> windows;
+  for (char *p : again) windows.insert(reinterpret_cast<uintptr_t>(p) >> 16);
+  EXPECT_LE(windows.size(), 4u) << "300 blocks spread over the memory of 5000";
+  for (char *p : again) QVA_MemFreeQuiet(p);
+}
+
+TEST_F(MemoryTest, AFreeAfterItsPageEmptiedIsStillADoubleFree) {
+  std::vector<void *> blocks(500);
+  for (void *&p : blocks) p = QVA_MemAllocQuiet(200);
+  for (void *p : blocks) QVA_MemFreeQuiet(p);
+  for (size_t i : {size_t{0}, size_t{1}, blocks.size() - 1}) {
+    std::string err = ExpectViolations(1, [&] { QVA_MemFreeQuiet(blocks[i]); });
+    EXPECT_NE(err.find("was freed already"), std::string::npos) << err;
+  }
 }
 
 TEST_F(MemoryTest, TheHookFailsExactlyTheNthAllocationWithTheLabel) {
