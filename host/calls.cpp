@@ -117,13 +117,14 @@ QVA_VPTR call_routine(Routine &r, std::vector<QVA_VPTR> &args, const Keywords &k
                         kw.empty() ? nullptr : &block);
 }
 
-QVA_VPTR call_method(QVA_VPTR obj, const std::string &method, std::vector<QVA_VPTR> &args,
+QVA_VPTR call_method(QVA_VPTR obj, const std::string &method, const std::vector<QVA_VPTR> &args,
                      const Keywords &kw, bool is_function) {
   check_arguments(args, kw);
   ResolvedMethod m = resolve_method(obj, method, is_function);
   QVA_KW_ARGS block{kw};
-  return method_invoke(*m.routine, m.self, static_cast<int>(args.size()), args.data(),
-                       kw.empty() ? nullptr : &block);
+  // The array of argument pointers is the caller's; the host never writes it.
+  return method_invoke(*m.routine, m.self, static_cast<int>(args.size()),
+                       const_cast<QVA_VPTR *>(args.data()), kw.empty() ? nullptr : &block);
 }
 
 }  // namespace
@@ -157,12 +158,12 @@ void call_procedure(const std::string &name, std::vector<QVA_VPTR> args, const K
 }
 
 QVA_VPTR call_method_function(QVA_VPTR obj, const std::string &method,
-                              std::vector<QVA_VPTR> args, const Keywords &kw) {
+                              const std::vector<QVA_VPTR> &args, const Keywords &kw) {
   return at_boundary([&] { return call_method(obj, method, args, kw, true); });
 }
 
-void call_method_procedure(QVA_VPTR obj, const std::string &method, std::vector<QVA_VPTR> args,
-                           const Keywords &kw) {
+void call_method_procedure(QVA_VPTR obj, const std::string &method,
+                           const std::vector<QVA_VPTR> &args, const Keywords &kw) {
   at_boundary([&] { call_method(obj, method, args, kw, false); });
 }
 

@@ -135,10 +135,12 @@ QVA_VPTR call_function(const std::string &name, std::vector<QVA_VPTR> args = {},
 void call_procedure(const std::string &name, std::vector<QVA_VPTR> args = {},
                     const Keywords &kw = {});
 // A method call obj->METHOD, resolved through the object's class chain.
+// The arguments are taken as they are, not copied (a call per message
+// sent should not allocate).
 QVA_VPTR call_method_function(QVA_VPTR obj, const std::string &method,
-                              std::vector<QVA_VPTR> args = {}, const Keywords &kw = {});
+                              const std::vector<QVA_VPTR> &args = {}, const Keywords &kw = {});
 void call_method_procedure(QVA_VPTR obj, const std::string &method,
-                           std::vector<QVA_VPTR> args = {}, const Keywords &kw = {});
+                           const std::vector<QVA_VPTR> &args = {}, const Keywords &kw = {});
 
 // OBJ_NEW(cls, args..., keywords): an object reference temporary, the null
 // reference when the class's INIT gave 0.
