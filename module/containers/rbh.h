@@ -103,12 +103,19 @@ QVA_MAP_RBH_NODE *map_rbh_deref_slow(QVA_HVID n);
 // every step of every tree walk is one.  A node's data sits in its heap
 // record (the host keeps one small structure element there), so the whole
 // step reads one cache line; any other form goes the slow way.
-inline QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
+// The fast path alone: the node's data when it sits in its record, else
+// null (the node may still be one in another form: ask map_rbh_peek).
+inline QVA_MAP_RBH_NODE *map_rbh_node_in_record(QVA_HVID n) {
   QVA_HVPTR hv = QVA_HeapVarFind(n);
-  if (__builtin_expect(hv && !(hv->flags & QVA_HV_OBJECT) && hv->var.flags2 == QVA_V2_INLINE &&
-                           hv->var.value.s.sdef == map_rbh_node_sdef_seen,
-                       1))
+  if (hv && !(hv->flags & QVA_HV_OBJECT) && hv->var.flags2 == QVA_V2_INLINE &&
+      hv->var.value.s.sdef == map_rbh_node_sdef_seen)
     return reinterpret_cast<QVA_MAP_RBH_NODE *>(hv->idata);
+  return nullptr;
+}
+
+inline QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
+  if (QVA_MAP_RBH_NODE *node = map_rbh_node_in_record(n); __builtin_expect(node != nullptr, 1))
+    return node;
   return map_rbh_deref_slow(n);
 }
 

@@ -27,10 +27,7 @@ struct Frame {
 
 // The node's data, read inline when it sits in its heap record.
 const QVA_MAP_RBH_NODE *node_at(QVA_HVID id) {
-  QVA_HVPTR hv = QVA_HeapVarFind(id);
-  if (hv && !(hv->flags & QVA_HV_OBJECT) && hv->var.flags2 == QVA_V2_INLINE &&
-      hv->var.value.s.sdef == map_rbh_node_sdef_seen)
-    return reinterpret_cast<const QVA_MAP_RBH_NODE *>(hv->idata);
+  if (const QVA_MAP_RBH_NODE *node = map_rbh_node_in_record(id)) return node;
   return map_rbh_peek(id);
 }
 

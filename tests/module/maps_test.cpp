@@ -246,7 +246,9 @@ TYPED_TEST(MapTest, AllocationFailuresLeakNothing) {
 // Claims are kept per map identifier in pages of a directory: maps in the
 // same page and far apart keep their own owners, a freed map's claim goes,
 // and a session reset forgets every claim, so a later claim starts clean.
-TEST(MapClaims, EachMapKeepsItsOwnerUntilFreedOrReset) {
+class MapClaimsTest : public qvatest::HostTest {};
+
+TEST_F(MapClaimsTest, EachMapKeepsItsOwnerUntilFreedOrReset) {
   const QVA_HVID near_a = 5, near_b = 6, far = 5 + 7 * 4096, last = UINT32_MAX;
   maphTrust(near_a, 100);
   maphTrust(far, 200);
