@@ -26,6 +26,7 @@
 #include <sys/mman.h>
 
 #include "asan.h"
+#include "dispatch.h"
 #include "internal.h"
 
 namespace qvahost {
@@ -226,8 +227,12 @@ HeapVar *heap_find(QVA_HVID id) {
   return rec->hash_id == id && id != 0 ? reinterpret_cast<HeapVar *>(rec) : nullptr;
 }
 
-HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
-  Heap &h = heap();
+namespace {
+
+// The record for the next identifier, its page made when missing; null
+// after reporting when the allocation fails or identifiers run out.  The
+// identifier is issued by record_commit.
+HeapVar *record_claim(Heap &h, int action, Page **page_out) {
   if (allocation_fails()) {
     message(M_NOMEM, action, "Unable to allocate memory: to make heap variable.");
     return nullptr;
@@ -237,14 +242,32 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
     return nullptr;
   }
   auto id = static_cast<QVA_HVID>(h.next_id);
-  Page *page;
   try {
-    page = &page_for(h, id);
+    *page_out = &page_for(h, id);
   } catch (const std::bad_alloc &) {
     message(M_NOMEM, action, "Unable to allocate memory: to make heap variable.");
     return nullptr;
   }
-  HeapVar *rec = &page->records[page_index(id)];
+  return &(*page_out)->records[page_index(id)];
+}
+
+// Makes the claimed record live with `value`.
+void record_commit(Heap &h, Page *page, HeapVar *rec, bool object, const QVA_VARIABLE &value) {
+  rec->hv.hash_id = static_cast<QVA_HVID>(h.next_id++);
+  rec->hv.flags = object ? QVA_HV_OBJECT : 0;
+  rec->hv.var = value;
+  page->live++;
+  counters().heap_vars++;
+  if (object) counters().objects++;
+}
+
+}  // namespace
+
+HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
+  Heap &h = heap();
+  Page *page;
+  HeapVar *rec = record_claim(h, action, &page);
+  if (!rec) return nullptr;
   // One small structure element goes into the record itself.  Otherwise a
   // small array goes to a small block, made before the value, so that an
   // array inside a temporary's own record, which cannot stay there, has
@@ -267,14 +290,37 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
     message(e.code, action, e.text);
     return nullptr;
   }
-  h.next_id++;
-  rec->hv.hash_id = id;
-  rec->hv.flags = object ? QVA_HV_OBJECT : 0;
-  rec->hv.var = value;
+  record_commit(h, page, rec, object, value);
   if (block) move_into_block(rec, block);
-  page->live++;
-  counters().heap_vars++;
-  if (object) counters().objects++;
+  return rec;
+}
+
+HeapVar *heap_new_zeroed(bool object, QVA_SDEF sdef, int action) {
+  if (!fits_inline(sdef, 1, 1)) {
+    // A larger element goes behind a descriptor, as any moved value does.
+    QVA_VPTR tmp = nullptr;
+    try {
+      QVA_MakeTempStructVector(sdef, 1, &tmp, 1);
+    } catch (const HostError &e) {
+      message(e.code, action, e.text);
+      return nullptr;
+    }
+    TempGuard guard(tmp);
+    return heap_new(object, tmp, true, action);
+  }
+  Heap &h = heap();
+  Page *page;
+  HeapVar *rec = record_claim(h, action, &page);
+  if (!rec) return nullptr;
+  // Zero bytes are a valid element of any structure: null pointers, empty
+  // texts, zero numbers.
+  std::memset(rec->hv.idata, 0, QVA_HV_INLINE_BYTES);
+  QVA_VARIABLE value{};
+  value.type = QVA_TYP_STRUCT;
+  value.flags = QVA_V_ARR | QVA_V_STRUCT;
+  value.flags2 = QVA_V2_INLINE;
+  value.value.s.sdef = sdef;
+  record_commit(h, page, rec, object, value);
   return rec;
 }
 
@@ -345,6 +391,25 @@ QVA_HVPTR QVA_HeapVarNew(int type, QVA_VPTR src, int steal, int action) {
   }
   bool move = steal && src && (src->flags & QVA_V_TEMP);
   HeapVar *h = heap_new(object, src, move, action);
+  return h ? &h->hv : nullptr;
+}
+
+QVA_HVPTR QVA_HeapVarNewStruct(int type, QVA_SDEF sdef, int action) {
+  if (type != QVA_TYP_PTR && type != QVA_TYP_OBJREF) {
+    message(M_BAD_ARG, action,
+            format("Heap variables are pointers or objects, not type code %d.", type));
+    return nullptr;
+  }
+  if (!sdef) {
+    message(M_STRUCT_UNKNOWN, action, "Structure type not defined: <none>.");
+    return nullptr;
+  }
+  bool object = type == QVA_TYP_OBJREF;
+  if (object && sdef->name_str.empty()) {
+    message(M_BAD_ARG, action, "An object must be made from one element of a named structure.");
+    return nullptr;
+  }
+  HeapVar *h = heap_new_zeroed(object, sdef, action);
   return h ? &h->hv : nullptr;
 }
 

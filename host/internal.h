@@ -319,6 +319,9 @@ HeapVar *heap_find(QVA_HVID id);  // nullptr when none
 // copied; src may be nullptr (undefined value).  Raises or returns nullptr
 // according to action.
 HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action);
+// A new record holding one zeroed element of sdef: in the record when it
+// fits, else behind a descriptor.  One allocation for the failure sweeps.
+HeapVar *heap_new_zeroed(bool object, QVA_SDEF sdef, int action);
 void heap_delete(QVA_HVID id);  // frees value and record; no CLEANUP
 // The identifier the next heap variable gets (2^32 once all are issued);
 // heap variables made one after another get identifiers in a run.

@@ -271,13 +271,8 @@ QVA_VPTR QVA_ObjNew(int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
     if (has_keywords(argk)) raise(M_KW_NOT_ALLOWED, "Keyword parameters not allowed in call.");
   }
 
-  // One zeroed instance, moved into a new object heap variable.
-  QVA_VPTR instance = nullptr;
-  QVA_MakeTempStructVector(sdef, 1, &instance, 1);
-  TempGuard instance_guard(instance);
-  HeapVar *h = heap_new(true, instance, true, QVA_MSG_LONGJMP);
-  QVA_HVID id = h->hv.hash_id;
-  instance_guard.reset(nullptr);
+  // One zeroed instance in a new object heap variable.
+  QVA_HVID id = heap_new_zeroed(true, sdef, QVA_MSG_LONGJMP)->hv.hash_id;
 
   if (init) {
     bool keep = false;

@@ -277,6 +277,11 @@ void *QVA_StructGetTagAddress(QVA_VPTR sv, const char *tag, QVA_MEMINT *offset, 
  * value is moved (the source stays a temporary, now undefined); otherwise it
  * is copied.  NULL on failure with action QVA_MSG_RET. */
 QVA_HVPTR QVA_HeapVarNew(int type, QVA_VPTR src, int steal, int action);
+/* A new heap variable of type QVA_TYP_PTR or QVA_TYP_OBJREF (sdef then
+ * named) holding one zero-filled element of sdef: what QVA_HeapVarNew of a
+ * zeroed temporary makes, without the temporary.  The way to make a node or
+ * an object.  NULL on failure with action QVA_MSG_RET. */
+QVA_HVPTR QVA_HeapVarNewStruct(int type, QVA_SDEF sdef, int action);
 /* Constant time; NULL when hvid names no heap variable. */
 QVA_HVPTR QVA_HeapVarHashFind(QVA_HVID hvid);
 /* Deletes a heap variable or object; never runs CLEANUP. */

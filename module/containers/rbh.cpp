@@ -25,21 +25,6 @@ QVA_STRUCT_TAG_DEF map_rbh_node_tags[] = {
     {nullptr, nullptr, 0, 0},
 };
 
-// Releases a temporary that is still marked temporary, also when a host
-// error unwinds past it.
-class temp_guard {
- public:
-  explicit temp_guard(QVA_VPTR v) : v_(v) {}
-  ~temp_guard() {
-    if (v_ && (v_->flags & QVA_V_TEMP)) QVA_Deltmp(v_);
-  }
-  temp_guard(const temp_guard &) = delete;
-  temp_guard &operator=(const temp_guard &) = delete;
-
- private:
-  QVA_VPTR v_;
-};
-
 // The node structure's definition.  The host hands back the one definition
 // of that name after the first, and definitions live as long as the
 // process, so it is asked for once.
@@ -50,17 +35,12 @@ QVA_SDEF map_rbh_node_sdef() {
   return map_rbh_node_sdef_seen;
 }
 
-// One zeroed node: a temporary of the node structure, and a heap pointer
-// variable that takes the temporary's value.  *out receives the node's
-// data.
+// One zeroed node in a new heap pointer variable.  *out receives the
+// node's data.
 QVA_HVID map_rbh_new(QVA_MAP_RBH_NODE **out) {
   QVA_SDEF sdef = map_rbh_node_sdef();
   if (!sdef) return 0;
-  QVA_VPTR tmp = nullptr;
-  QVA_MakeTempStructVector(sdef, 1, &tmp, 1);
-  temp_guard guard(tmp);
-  if (!tmp) return 0;
-  QVA_HVPTR hv = QVA_HeapVarNew(QVA_TYP_PTR, tmp, 1, QVA_MSG_LONGJMP);
+  QVA_HVPTR hv = QVA_HeapVarNewStruct(QVA_TYP_PTR, sdef, QVA_MSG_LONGJMP);
   if (!hv) return 0;
   *out = reinterpret_cast<QVA_MAP_RBH_NODE *>(QVA_HeapVarStructData(hv));
   return hv->hash_id;

@@ -139,16 +139,7 @@ ClassPart fw_classPartChecked(QVA_HVID hvid, FwClass &cls) {
 
 QVA_HVID fw_newObject(const char *structure) {
   QVA_SDEF sdef = QVA_ObjRuntimeDefine(QVA_IdentHash(structure, 0, 0, QVA_MSG_LONGJMP, 0));
-  QVA_VPTR tmp = nullptr;
-  QVA_MakeTempStructVector(sdef, 1, &tmp, 1);
-  QVA_HVPTR hv = QVA_HeapVarNew(QVA_TYP_OBJREF, tmp, 1, QVA_MSG_LONGJMP);
-  // The temporary gave its data to the object; it is released as a plain
-  // object reference.
-  tmp->type = QVA_TYP_OBJREF;
-  tmp->flags = QVA_V_TEMP;
-  tmp->value.hvid = hv->hash_id;
-  QVA_Deltmp(tmp);
-  return hv->hash_id;
+  return QVA_HeapVarNewStruct(QVA_TYP_OBJREF, sdef, QVA_MSG_LONGJMP)->hash_id;
 }
 
 namespace {

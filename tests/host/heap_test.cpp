@@ -97,6 +97,52 @@ TEST_F(HeapTest, PointerVariablesCopyOrStealAndObjectsAreOneElementStructures) {
   EXPECT_EQ(qvahost::accounting().heap_vars, baseline_.heap_vars + 3);
 }
 
+// A zeroed element made straight in a record is a value like any moved
+// in: read, replaced, and freed with the texts stored into it later; a
+// larger one goes behind a descriptor; bad requests and a failed record
+// make nothing.
+TEST_F(HeapTest, ZeroedStructuresAreMadeInPlaceOrBehindADescriptor) {
+  QVA_HVPTR point = QVA_HeapVarNewStruct(QVA_TYP_PTR, Point(), QVA_MSG_LONGJMP);
+  HeapGuard point_guard{point->hash_id};
+  EXPECT_EQ(point->flags, 0u);
+  EXPECT_EQ(point->var.flags2, QVA_V2_INLINE);
+  EXPECT_EQ(X(point->var), 0);
+  EXPECT_EQ(Label(point->var)->slen, 0);
+  QVA_StrStore(Label(point->var), "stored later");
+  int64_t texts = qvahost::accounting().texts;
+
+  std::vector<qvahost::FieldSpec> wide;
+  for (int i = 0; i < 6; ++i) wide.push_back(hosttest::field("F" + std::to_string(i), QVA_TYP_DOUBLE));
+  QVA_SDEF big = hosttest::ensure_class("HT_WIDE", "", wide);
+  QVA_HVPTR obj = QVA_HeapVarNewStruct(QVA_TYP_OBJREF, big, QVA_MSG_LONGJMP);
+  HeapGuard obj_guard{obj->hash_id};
+  EXPECT_EQ(obj->flags, QVA_HV_OBJECT);
+  EXPECT_NE(obj->var.flags2, QVA_V2_INLINE);
+  ASSERT_TRUE(QVA_HeapVarStructIsOne(obj));
+  const double *f = reinterpret_cast<const double *>(QVA_HeapVarStructData(obj));
+  EXPECT_TRUE(std::all_of(f, f + 6, [](double d) { return d == 0; }));
+  EXPECT_EQ(qvahost::accounting().objects, baseline_.objects + 1);
+
+  qvatest::OutputCapture out;
+  int64_t vars = qvahost::accounting().heap_vars;
+  EXPECT_EQ(QVA_HeapVarNewStruct(QVA_TYP_LONG, Point(), QVA_MSG_RET), nullptr);
+  EXPECT_EQ(QVA_HeapVarNewStruct(QVA_TYP_PTR, nullptr, QVA_MSG_RET), nullptr);
+  static QVA_STRUCT_TAG_DEF one_tag[] = {{"A", nullptr, QVA_TYP_LONG, 0}, {nullptr, nullptr, 0, 0}};
+  QVA_SDEF anonymous = QVA_MakeStructInternal(nullptr, 0, one_tag, QVA_MSG_LONGJMP);
+  EXPECT_EQ(QVA_HeapVarNewStruct(QVA_TYP_OBJREF, anonymous, QVA_MSG_RET), nullptr);
+  ExpectHostError([&] { QVA_HeapVarNewStruct(QVA_TYP_PTR, nullptr, QVA_MSG_LONGJMP); });
+  for (QVA_SDEF sdef : {Point(), big}) {
+    qvahost::fail_allocation_after(1);
+    EXPECT_EQ(QVA_HeapVarNewStruct(QVA_TYP_PTR, sdef, QVA_MSG_RET), nullptr);
+    qvahost::fail_allocation_after(0);
+  }
+  EXPECT_EQ(out.lines().size(), 5u);
+  EXPECT_EQ(qvahost::accounting().heap_vars, vars);
+  EXPECT_EQ(qvahost::accounting().texts, texts);
+  ExpectViolations(0, [&] { QVA_HeapVarDelete(point->hash_id, 0, 0); });
+  EXPECT_EQ(qvahost::accounting().texts, texts - 1) << "the text stored later is released";
+}
+
 // A one-element structure this small is kept in the heap record itself;
 // the value must behave as any other: replaced, copied, read back and freed
 // with its texts.
