@@ -251,11 +251,11 @@ HeapVar *record_claim(Heap &h, int action, Page **page_out) {
   return &(*page_out)->records[page_index(id)];
 }
 
-// Makes the claimed record live with `value`.
+// Makes the claimed record live with `value` (which may be its own).
 void record_commit(Heap &h, Page *page, HeapVar *rec, bool object, const QVA_VARIABLE &value) {
   rec->hv.hash_id = static_cast<QVA_HVID>(h.next_id++);
   rec->hv.flags = object ? QVA_HV_OBJECT : 0;
-  rec->hv.var = value;
+  if (&value != &rec->hv.var) rec->hv.var = value;
   page->live++;
   counters().heap_vars++;
   if (object) counters().objects++;
@@ -275,9 +275,11 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
   const bool in_record = inline_source(src);
   QVA_ARRAY *block = in_record ? nullptr : small_block_for(src, move);
   bool in_temp = move && src && array_slot(src) && ((*array_slot(src))->flags & kArrayInTemp);
-  // The value next: a failed copy leaves nothing behind (an empty page
-  // made above is freed with the next identifiers of its range).
-  QVA_VARIABLE value{};
+  // The value next, built in the record (which is dead until committed, so
+  // a failed copy leaves nothing behind; an empty page made above is freed
+  // with the next identifiers of its range).
+  QVA_VARIABLE &value = rec->hv.var;
+  value = QVA_VARIABLE{};
   try {
     if (in_record)
       build_inline(rec, src, move, &value);
@@ -313,12 +315,17 @@ HeapVar *heap_new_zeroed(bool object, QVA_SDEF sdef, int action) {
   HeapVar *rec = record_claim(h, action, &page);
   if (!rec) return nullptr;
   // Zero bytes are a valid element of any structure: null pointers, empty
-  // texts, zero numbers.
+  // texts, zero numbers.  The value is written field by field into the
+  // record: built in a local first, its byte-sized fields would reach the
+  // record through a wider load that cannot be forwarded from those stores.
   std::memset(rec->hv.idata, 0, QVA_HV_INLINE_BYTES);
-  QVA_VARIABLE value{};
+  QVA_VARIABLE &value = rec->hv.var;
   value.type = QVA_TYP_STRUCT;
   value.flags = QVA_V_ARR | QVA_V_STRUCT;
   value.flags2 = QVA_V2_INLINE;
+  value.reserved = 0;
+  value.name = 0;
+  value.value.s.arr = nullptr;
   value.value.s.sdef = sdef;
   record_commit(h, page, rec, object, value);
   return rec;
