@@ -16,33 +16,24 @@
 namespace qvahost {
 namespace {
 
-constexpr unsigned kIndexBits = 24;
+constexpr unsigned kIndexBits = QVA_TEXT_INDEX_BITS;
 constexpr uint32_t kIndexMask = (uint32_t{1} << kIndexBits) - 1;
 constexpr uint32_t kMaxSlots = kIndexMask;  // slot numbers 0 .. kMaxSlots - 1
-constexpr unsigned kPageBits = 12;
+constexpr unsigned kPageBits = QVA_TEXT_PAGE_BITS;
 constexpr uint32_t kPageSize = uint32_t{1} << kPageBits;
 constexpr QVA_INT kOwnsText = 1;  // stype of a descriptor holding a text
 
-// Half a cache line.  A short text (most keys and names) is kept in the
-// slot itself, so that reading it (a key compared on every level of a tree
-// walk, say) touches the slot only and costs no block of its own; a longer
-// one gets a block, whose address takes the slot's text bytes.  A free slot
-// keeps the next free slot's number there instead.
-constexpr size_t kSlotTextBytes = 24;
-struct alignas(32) Slot {
-  union {
-    char small[kSlotTextBytes];  // len < kSlotTextBytes: the text and its NUL
-    char *block;                 // otherwise: a block of its own
-    uint32_t next_free;          // free: slot number + 1 of the next; 0 = none
-  };
-  uint32_t len;
-  uint8_t gen;
-  bool live;
-  uint16_t holders;  // descriptors sharing the text: copies share, not copy
-
-  const char *text() const { return len < kSlotTextBytes ? small : block; }
-};
-static_assert(sizeof(Slot) == 32, "a text slot is half a cache line");
+// Half a cache line (its layout is published as QVA_TEXT_SLOT, so that a
+// module can read texts inline).  A short text (most keys and names) is
+// kept in the slot itself, so that reading it (a key compared on every
+// level of a tree walk, say) touches the slot only and costs no block of
+// its own; a longer one gets a block, whose address takes the slot's text
+// bytes.  A free slot keeps the next free slot's number (+ 1, 0 = none)
+// there instead.
+constexpr size_t kSlotTextBytes = QVA_TEXT_SMALL_BYTES;
+using Slot = QVA_TEXT_SLOT;
+inline const char *slot_text(const Slot &s) { return s.len < kSlotTextBytes ? s.u.small : s.u.block; }
+static_assert(sizeof(Slot) == 32 && kSlotTextBytes == 24, "a text slot is half a cache line");
 
 // The slot pages are listed in a fixed directory (one pointer per 4096
 // slots, for every slot number a reference can hold), so that finding a
@@ -81,7 +72,7 @@ uint32_t take_slot(TextTable &t) {
   if (t.free_head) {
     uint32_t index = t.free_head - 1;
     Slot &s = slot_at(t, index);
-    t.free_head = s.next_free;
+    t.free_head = s.u.next_free;
     if (!t.free_head) t.free_tail = 0;
     return index;
   }
@@ -96,9 +87,9 @@ uint32_t take_slot(TextTable &t) {
 
 void put_slot(TextTable &t, uint32_t index) {
   Slot &s = slot_at(t, index);
-  s.next_free = 0;
+  s.u.next_free = 0;
   if (t.free_tail)
-    slot_at(t, t.free_tail - 1).next_free = index + 1;
+    slot_at(t, t.free_tail - 1).u.next_free = index + 1;
   else
     t.free_head = index + 1;
   t.free_tail = index + 1;
@@ -120,7 +111,7 @@ const char *stale(uint32_t ref) {
   if (slot) *slot = s;
   *len = d->slen < 0 ? 0 : static_cast<size_t>(d->slen);
   if (*len > s->len) *len = s->len;
-  return s->text();
+  return slot_text(*s);
 }
 
 // A descriptor owning a copy of d's text.  Texts never change once made,
@@ -187,8 +178,8 @@ uint32_t text_new(const char *s, size_t len) {
     throw;
   }
   Slot &slot = slot_at(t, index);
-  if (!in_slot) slot.block = block;
-  char *text = in_slot ? slot.small : block;
+  if (!in_slot) slot.u.block = block;
+  char *text = in_slot ? slot.u.small : block;
   if (s)
     std::memcpy(text, s, len);
   else
@@ -196,7 +187,7 @@ uint32_t text_new(const char *s, size_t len) {
   text[len] = '\0';
   slot.holders = 1;
   slot.len = static_cast<uint32_t>(len);
-  slot.live = true;
+  slot.live = 1;
   counters().texts++;
   return (uint32_t{slot.gen} << kIndexBits) | (index + 1);
 }
@@ -209,9 +200,9 @@ void text_release(uint32_t ref) {
     return;
   }
   if (--s->holders > 0) return;
-  if (s->len >= kSlotTextBytes) raw_free(s->block);
+  if (s->len >= kSlotTextBytes) raw_free(s->u.block);
   s->len = 0;
-  s->live = false;
+  s->live = 0;
   s->gen++;
   put_slot(table(), (ref & kIndexMask) - 1);
   counters().texts--;
@@ -220,7 +211,7 @@ void text_release(uint32_t ref) {
 const char *text_get(uint32_t ref) {
   if (ref == 0) return "";
   Slot *s = lookup(ref);
-  return s ? s->text() : stale(ref);
+  return s ? slot_text(*s) : stale(ref);
 }
 
 void string_set(QVA_STRING *out, const char *s, size_t len) {
@@ -232,6 +223,9 @@ void string_set(QVA_STRING *out, const char *s, size_t len) {
 }
 
 }  // namespace qvahost
+
+// Published as a pointer, not as the array itself (see QVA_HeapPages).
+QVA_TEXT_SLOT *const *const QVA_TextPages = qvahost::g_table.pages;
 
 using namespace qvahost;
 

@@ -218,7 +218,61 @@ void QVA_MemFreeMSG_INFO(void *p, const char *label);
 /* ------------------------------------------------------------- strings */
 
 const char *QVA_STRING_STR(const QVA_STRING *s);
+/* Byte-wise comparison (unsigned bytes, then length): -1, 0 or 1. */
 int QVA_StrCmp(const QVA_STRING *a, const QVA_STRING *b);
+
+/*
+ * The text table, published so that a module can read a text inline
+ * (QVA_StrText) where it reads many, as a key compared on every level of a
+ * tree walk.  Its rules:
+ *  - A text reference r (QVA_STRING.s) names slot (r & QVA_TEXT_INDEX_MASK)
+ *    - 1 of generation r >> QVA_TEXT_INDEX_BITS; r == 0 names no text (the
+ *    empty string).
+ *  - Slot n is QVA_TextPages[n >> QVA_TEXT_PAGE_BITS][n % QVA_TEXT_PAGE_SIZE].
+ *    The directory has an entry for every slot number a reference can hold,
+ *    NULL where no page has been made; a made page's unused slots are zero.
+ *  - A slot holds the text r names exactly when `live` is 1 and `gen`
+ *    equals r's generation; the text does not change while it does.
+ *  - The text has `len` bytes and a NUL after them: in `small` when len <
+ *    QVA_TEXT_SMALL_BYTES, else at `block`.
+ * The table is the host's: modules read it and never write to it.
+ */
+#define QVA_TEXT_INDEX_BITS 24
+#define QVA_TEXT_INDEX_MASK ((1u << QVA_TEXT_INDEX_BITS) - 1)
+#define QVA_TEXT_PAGE_BITS 12
+#define QVA_TEXT_PAGE_SIZE (1u << QVA_TEXT_PAGE_BITS)
+#define QVA_TEXT_SMALL_BYTES 24
+typedef struct QVA_TEXT_SLOT {
+  union {
+    char small[QVA_TEXT_SMALL_BYTES]; /* len < QVA_TEXT_SMALL_BYTES: the text */
+    char *block;                      /* otherwise: where the text is */
+    uint32_t next_free;               /* host business while not live */
+  } u;
+  uint32_t len;
+  uint8_t gen;
+  uint8_t live;
+  uint16_t holders; /* host business */
+} QVA_TEXT_SLOT;
+extern QVA_TEXT_SLOT *const *const QVA_TextPages;
+
+/* The text of s and its length (never more than the text held), as
+ * QVA_STRING_STR reads it; NULL when s's reference names no live text (a
+ * released or foreign one), which the host functions report: pass such a
+ * descriptor to them instead. */
+static inline const char *QVA_StrText(const QVA_STRING *s, size_t *len) {
+  uint32_t r = s->s;
+  *len = 0;
+  if (r == 0) return "";
+  uint32_t n = (r & QVA_TEXT_INDEX_MASK) - 1;
+  if (n == 0xFFFFFFFFu) return NULL;
+  const QVA_TEXT_SLOT *page = QVA_TextPages[n >> QVA_TEXT_PAGE_BITS];
+  if (!page) return NULL;
+  const QVA_TEXT_SLOT *slot = page + (n & (QVA_TEXT_PAGE_SIZE - 1));
+  if (!slot->live || slot->gen != (uint8_t)(r >> QVA_TEXT_INDEX_BITS)) return NULL;
+  size_t held = s->slen < 0 ? 0 : (size_t)s->slen;
+  *len = held < slot->len ? held : slot->len;
+  return slot->len < QVA_TEXT_SMALL_BYTES ? slot->u.small : slot->u.block;
+}
 void QVA_StrDup(QVA_STRING *s, QVA_MEMINT n);
 void QVA_StrDelete(QVA_STRING *s, QVA_MEMINT n);
 /* Overwrites the descriptor with an owned copy of `text`. */

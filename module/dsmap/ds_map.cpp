@@ -4,6 +4,8 @@
 // alone: its data block begins at QVADSMAP_VERSION.
 #include "dsmap/ds_map.h"
 
+#include <cstring>
+
 #include "containers/maph.h"
 #include "containers/rbh_check.h"
 #include "frame/fw_trusted_map.h"
@@ -55,19 +57,31 @@ QVA_HVID dsMap_makeHeapVar(QVA_VPTR v) { return QVA_HeapVarNew(QVA_TYP_PTR, v, 0
 void dsMap_deleteHeapVar(QVA_HVID h) { QVA_HeapVarDelete(h, 0, 0); }
 
 // A search for the key in heap variable `probe`, compared as dsMap_compare
-// does; the probe's variable is looked up at the first comparison only.
+// does.  The probe's variable and text are looked up at the first
+// comparison only, and texts are read inline; a text the table does not
+// hold goes to the host's comparison, which reports it.
 struct ProbeCompare {
   QVA_HVID probe;
   QVA_VPTR var = nullptr;
+  const char *text = nullptr;  // null: not read inline
+  size_t len = 0;
 };
 
 int dsMap_compareProbe(void *ctx, QVA_HVID stored) {
   auto *pc = static_cast<ProbeCompare *>(ctx);
-  if (!pc->var) pc->var = dsMap_makeVar(pc->probe);
+  if (!pc->var) {
+    pc->var = dsMap_makeVar(pc->probe);
+    if (pc->var->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(pc->var, QVA_MSG_LONGJMP);
+    pc->text = QVA_StrText(&pc->var->value.str, &pc->len);
+  }
   QVA_VPTR vb = dsMap_makeVar(stored);
-  if (pc->var->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(pc->var, QVA_MSG_LONGJMP);
   if (vb->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(vb, QVA_MSG_LONGJMP);
-  return QVA_StrCmp(&pc->var->value.str, &vb->value.str);
+  size_t len;
+  const char *text = QVA_StrText(&vb->value.str, &len);
+  if (!text || !pc->text) return QVA_StrCmp(&pc->var->value.str, &vb->value.str);
+  int c = std::memcmp(pc->text, text, pc->len < len ? pc->len : len);
+  if (c) return c < 0 ? -1 : 1;
+  return pc->len < len ? -1 : pc->len > len ? 1 : 0;
 }
 
 // The entry with the probe's key (*found = 1), or the insertion point.

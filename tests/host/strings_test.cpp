@@ -94,11 +94,11 @@ TEST_F(StringsTest, CompareIsBytewiseWithTheEmptyStringFirst) {
   }
 }
 
-// Texts up to 45 bytes live in their table slot, longer ones in a block of
+// Texts up to 23 bytes live in their table slot, longer ones in a block of
 // their own: both must read, order, copy, reuse a slot and fail alike.
 TEST_F(StringsTest, ShortAndLongTextsBehaveAlikeAcrossTheSlotSize) {
   std::vector<std::string> texts;  // each sorts before the previous one
-  for (size_t len = 40; len <= 52; ++len) texts.push_back(std::string(len - 1, 'k') + "z");
+  for (size_t len = 18; len <= 30; ++len) texts.push_back(std::string(len - 1, 'k') + "z");
   std::vector<QVA_STRING> stored, copies;
   for (const std::string &t : texts) stored.push_back(Stored(t.c_str()));
   copies = stored;
@@ -122,6 +122,35 @@ TEST_F(StringsTest, ShortAndLongTextsBehaveAlikeAcrossTheSlotSize) {
     QVA_StrDelete(&s, 1);
   }
   EXPECT_EQ(qvahost::accounting().texts, baseline_.texts);
+}
+
+// The published table read inline gives what the host gives, for texts in
+// their slot and in blocks, and nothing for a reference it does not hold.
+TEST_F(StringsTest, TextsReadInlineAgreeWithTheHost) {
+  size_t len = 99;
+  QVA_STRING empty{};
+  EXPECT_STREQ(QVA_StrText(&empty, &len), "");
+  EXPECT_EQ(len, 0u);
+  for (size_t n : {size_t{1}, size_t{22}, size_t{23}, size_t{24}, size_t{25}, size_t{300}}) {
+    std::string t(n, 'q');
+    t[n / 2] = '\x90';
+    QVA_STRING s = Stored(t.c_str());
+    const char *text = QVA_StrText(&s, &len);
+    ASSERT_NE(text, nullptr) << n;
+    EXPECT_EQ(std::string(text, len), t);
+    EXPECT_EQ(text, QVA_STRING_STR(&s)) << "the host's own bytes, not a copy";
+    QVA_STRING longer = s;  // a descriptor claiming more than the text held
+    longer.slen += 10;
+    QVA_StrText(&longer, &len);
+    EXPECT_EQ(len, n);
+    QVA_STRING stale = s;
+    QVA_StrDelete(&s, 1);
+    EXPECT_EQ(QVA_StrText(&stale, &len), nullptr) << n;
+    stale.s = 1u << QVA_TEXT_INDEX_BITS;  // a generation with no slot number
+    EXPECT_EQ(QVA_StrText(&stale, &len), nullptr);
+    stale.s = QVA_TEXT_INDEX_MASK;  // a slot number no page holds
+    EXPECT_EQ(QVA_StrText(&stale, &len), nullptr);
+  }
 }
 
 TEST_F(StringsTest, AStaleTextReferenceIsDetectedWhileTextsComeAndGo) {

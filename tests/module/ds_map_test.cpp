@@ -85,7 +85,9 @@ TEST_F(DsMapTest, KeysInStringOrderReplaceAndMissingKeys) {
   EXPECT_TRUE(Keys(count.get()).empty());
   EXPECT_TRUE(count->type == QVA_TYP_LONG && !(count->flags & QVA_V_ARR) && count->value.l == 0);
 
-  std::vector<std::string> keys = {"pear", "Apple", "apple", "", "b", "a b", "zz", "z", "10", "9"};
+  std::vector<std::string> keys = {"pear", "Apple", "apple", "", "b", "a b", "zz", "z", "10", "9",
+                                   "\x80", "\xff a", std::string(23, 'k'), std::string(24, 'k'),
+                                   std::string(30, 'k'), std::string(30, 'k') + "\x01"};
   std::shuffle(keys.begin(), keys.end(), std::mt19937(7));
   for (size_t i = 0; i < keys.size(); ++i) Insert(keys[i], qvahost::make_long(QVA_LONG(i)));
   std::vector<std::string> sorted = keys;
