@@ -132,9 +132,8 @@ namespace {
   return found;
 }
 
-}  // namespace
-
-Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
+// method_find, inline where a dispatch resolves a method per behaviour.
+inline Routine *method_lookup(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
   if (!cls || !method) return nullptr;
   // A dispatch calls the same method of objects of a few classes over and
   // over: each class answers for its last two resolutions without hashing.
@@ -142,6 +141,12 @@ Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
     if (m.method == method && m.is_function == is_function && m.generation == g_method_generation)
       return m.routine;
   return method_find_unremembered(cls, method, is_function);
+}
+
+}  // namespace
+
+Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
+  return method_lookup(cls, method, is_function);
 }
 
 namespace {
@@ -347,7 +352,7 @@ void QVA_ObjCallProcMethod(QVA_IDENT method, QVA_HVID self, int argc, QVA_VPTR a
   if (!hv || !(hv->flags & QVA_HV_OBJECT))
     raise_fmt(M_INVALID_OBJ, "Invalid object reference: <ObjHeapVar%u>.", self);
   QVA_SDEF cls = hv->var.flags & QVA_V_STRUCT ? hv->var.value.s.sdef : nullptr;
-  Routine *r = method_find(cls, method, false);
+  Routine *r = method_lookup(cls, method, false);
   if (!r)
     raise_fmt(M_UNDEF_METHOD, "Attempt to call undefined method: '%s'.",
               method_label(cls, method).c_str());
