@@ -154,12 +154,16 @@ std::string checkBehaviorMap(QVA_HVID map, std::vector<QVA_HVID> &heads) {
   return c.list_fault ? std::string(fault) + ": " + c.list_fault : fault;
 }
 
-}  // namespace
-
-QVA_HVID messagehandler_map(ClassPart handler) {
+// messagehandler_map, inline in the dispatch walk, which reads the map of
+// every handler it climbs past.
+inline QVA_HVID trustedBehaviorMap(ClassPart handler) {
   return fw_trustedMap(handler.hvid, &messagehandler_data(handler)->behaviors, checkBehaviorMap,
                        "QVAfwMessageHandler", "BEHAVIORS");
 }
+
+}  // namespace
+
+QVA_HVID messagehandler_map(ClassPart handler) { return trustedBehaviorMap(handler); }
 
 void messagehandler_setMap(ClassPart handler, QVA_HVID map) {
   messagehandler_data(handler)->behaviors = map;
@@ -202,7 +206,7 @@ namespace {
 // messagehandler_behaviorList, inline in the dispatch walk, which asks it
 // at every handler it climbs past.
 inline QVA_HVID listAt(ClassPart handler, QVA_HVID ident) {
-  QVA_HVID map = messagehandler_map(handler);
+  QVA_HVID map = trustedBehaviorMap(handler);
   // Most handlers a message climbs past scope nothing: an empty map
   // answers from its head, without a search.
   if (!map || map_rbh_deref(map)->FLINK == map) return 0;
