@@ -111,20 +111,24 @@ ResolvedMethod resolve_method(QVA_VPTR obj, const std::string &method, bool is_f
   return {r, self};
 }
 
+// A call without keywords hands on none, without a copy of the empty list.
 QVA_VPTR call_routine(Routine &r, std::vector<QVA_VPTR> &args, const Keywords &kw) {
+  const int argc = static_cast<int>(args.size());
+  if (kw.empty()) return routine_invoke(r, argc, args.data(), nullptr);
   QVA_KW_ARGS block{kw};
-  return routine_invoke(r, static_cast<int>(args.size()), args.data(),
-                        kw.empty() ? nullptr : &block);
+  return routine_invoke(r, argc, args.data(), &block);
 }
 
 QVA_VPTR call_method(QVA_VPTR obj, const std::string &method, const std::vector<QVA_VPTR> &args,
                      const Keywords &kw, bool is_function) {
   check_arguments(args, kw);
   ResolvedMethod m = resolve_method(obj, method, is_function);
-  QVA_KW_ARGS block{kw};
   // The array of argument pointers is the caller's; the host never writes it.
-  return method_invoke(*m.routine, m.self, static_cast<int>(args.size()),
-                       const_cast<QVA_VPTR *>(args.data()), kw.empty() ? nullptr : &block);
+  auto *argv = const_cast<QVA_VPTR *>(args.data());
+  const int argc = static_cast<int>(args.size());
+  if (kw.empty()) return method_invoke(*m.routine, m.self, argc, argv, nullptr);
+  QVA_KW_ARGS block{kw};
+  return method_invoke(*m.routine, m.self, argc, argv, &block);
 }
 
 }  // namespace

@@ -132,9 +132,8 @@ namespace {
   return found;
 }
 
-}  // namespace
-
-Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
+// method_find, inline where a dispatch resolves a method per behaviour.
+inline Routine *method_lookup(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
   if (!cls || !method) return nullptr;
   // A dispatch calls the same method of objects of a few classes over and
   // over: each class answers for its last two resolutions without hashing.
@@ -144,10 +143,20 @@ Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
   return method_find_unremembered(cls, method, is_function);
 }
 
-QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
-  // The object reference the method receives as argument 0: a variable of
-  // this call, like a temporary to the method, freed when the call ends
-  // (also of whatever the method stored in it).
+}  // namespace
+
+Routine *method_find(QVA_SDEF cls, QVA_IDENT method, bool is_function) {
+  return method_lookup(cls, method, is_function);
+}
+
+namespace {
+
+// Runs `call(n, all)` with the argument list of a method call on `self`:
+// the object reference first, then argv.  The reference is a variable of
+// this call, like a temporary to the method, freed when the call ends (also
+// of whatever the method stored in it).
+template <class Call>
+inline QVA_VPTR with_self_first(QVA_HVID self, int argc, QVA_VPTR argv[], Call call) {
   QVA_VARIABLE self_var{};
   self_var.type = QVA_TYP_OBJREF;
   self_var.flags = QVA_V_TEMP;
@@ -174,7 +183,15 @@ QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA
     all[1] = argv[0];  // a dispatch's argument: no call to copy one pointer
   else
     for (int i = 0; i < argc; ++i) all[i + 1] = argv[i];
-  return routine_invoke(r, argc + 1, all, argk, true);
+  return call(argc + 1, all);
+}
+
+}  // namespace
+
+QVA_VPTR method_invoke(Routine &r, QVA_HVID self, int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+  return with_self_first(self, argc, argv, [&](int n, QVA_VPTR *all) {
+    return routine_invoke(r, n, all, argk, true);
+  });
 }
 
 void object_destroy(QVA_HVID id, QVA_KW_ARGS *argk) {
@@ -322,4 +339,21 @@ int QVA_ObjCallMethod(int action, QVA_IDENT method, QVA_HVPTR self, int, int arg
   QVA_VPTR value = method_invoke(*r, self->hash_id, argc, argv, argk);
   if (result) *result = value;
   return 1;
+}
+
+void QVA_ObjCallProcMethod(QVA_IDENT method, QVA_HVID self, int argc, QVA_VPTR argv[]) {
+  // The published inline look-up: a dispatch makes this call per behaviour.
+  QVA_HVPTR hv = QVA_HeapVarFind(self);
+  if (!hv || !(hv->flags & QVA_HV_OBJECT))
+    raise_fmt(M_INVALID_OBJ, "Invalid object reference: <ObjHeapVar%u>.", self);
+  QVA_SDEF cls = hv->var.flags & QVA_V_STRUCT ? hv->var.value.s.sdef : nullptr;
+  Routine *r = method_lookup(cls, method, false);
+  if (!r)
+    raise_fmt(M_UNDEF_METHOD, "Attempt to call undefined method: '%s'.",
+              method_label(cls, method).c_str());
+  // No keywords, and self is a live object whose class chain gave `r`:
+  // what routine_invoke still checks is the arguments' count and presence.
+  with_self_first(self, argc, argv, [&](int n, QVA_VPTR *all) {
+    return routine_invoke(*r, n, all, nullptr, true);
+  });
 }

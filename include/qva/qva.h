@@ -387,6 +387,19 @@ typedef struct QVA_CALL_RECORD {
  * result is released by the host.  Returns 1. */
 int QVA_InterpCallFromSysproc(QVA_CALL_RECORD *rec);
 
+/* --------------------------------------- method calls, fused for dispatch */
+
+/* Calls the procedure method `method` of object `self` with the argc
+ * variables of argv (none NULL) as its positional arguments and no
+ * keywords: the call, errors and their texts that
+ *   QVA_ObjCallMethod(QVA_MSG_LONGJMP, method,
+ *                     QVA_ObjValidate(self, QVA_MSG_LONGJMP),
+ *                     0, argc, argv, NULL, NULL, 0)
+ * makes, in one call into the host, for callers that make many (a message
+ * dispatch).  An invalid object or a class without the method ends the
+ * calling routine, as any error of the method does. */
+void QVA_ObjCallProcMethod(QVA_IDENT method, QVA_HVID self, int argc, QVA_VPTR argv[]);
+
 /* ------------------------------------------------------------- keywords */
 
 typedef struct QVA_KW_PAR {

@@ -116,16 +116,12 @@ void behavior_reregister(ClassPart behavior) {
 }
 
 int behavior_call_execute(ClassPart behavior, QVA_VPTR arg) {
-  QVA_VPTR args[2] = {arg, nullptr};
-  int count = arg ? 1 : 0;
-  // A live object is looked up inline; anything else goes to the host,
-  // which reports it.
-  QVA_HVPTR object = QVA_HeapVarFind(behavior.hvid);
-  if (!object || !(object->flags & QVA_HV_OBJECT))
-    object = QVA_ObjValidate(behavior.hvid, QVA_MSG_LONGJMP);
   // Method names are interned for the life of the process.
   static const QVA_IDENT execute = QVA_IdentHash("EXECUTE", 0, 0, QVA_MSG_LONGJMP, 0);
-  return QVA_ObjCallMethod(QVA_MSG_LONGJMP, execute, object, 0, count, args, nullptr, nullptr, 0);
+  // Validating the object, resolving EXECUTE in its class and calling it
+  // (QVA_ObjValidate, then QVA_ObjCallMethod) in one host call.
+  QVA_ObjCallProcMethod(execute, behavior.hvid, arg ? 1 : 0, &arg);
+  return 1;
 }
 
 int behavior_compare(QVA_HVID a, QVA_HVID b) {

@@ -70,26 +70,44 @@ inline bool climb(ClassPart &handler, HandlerChainGuard &guard) {
 }
 
 // A copy of a behaviour list, freed also when a behaviour's error unwinds
-// through the loop that runs over it.
+// through the loop that runs over it.  Most lists are short: up to kInline
+// behaviours are copied into the snapshot itself, and only a longer list
+// takes a block from the host allocator (as messagehandler_getBehaviors
+// does), so that a dispatch to a few behaviours allocates nothing.
 class BehaviorSnapshot {
  public:
-  explicit BehaviorSnapshot(QVA_HVID list) : ids_(messagehandler_getBehaviors(list, &count_)) {}
-  ~BehaviorSnapshot() { QVA_MemFreeQuiet(ids_); }
+  static constexpr int kInline = 16;
+
+  explicit BehaviorSnapshot(QVA_HVID list) {
+    for (QVA_HVID e = list ? maphBegin(list) : list; e != list; ++count_) {
+      if (count_ == kInline) {  // a long list: copied whole into a block
+        ids_ = messagehandler_getBehaviors(list, &count_);
+        return;
+      }
+      const QVA_MAP_RBH_NODE *node = map_rbh_deref(e);
+      inline_[count_] = node->KEY;
+      e = node->FLINK;
+    }
+  }
+  ~BehaviorSnapshot() {
+    if (ids_ != inline_) QVA_MemFreeQuiet(ids_);
+  }
   BehaviorSnapshot(const BehaviorSnapshot &) = delete;
   BehaviorSnapshot &operator=(const BehaviorSnapshot &) = delete;
   const QVA_HVID *begin() const { return ids_; }
-  const QVA_HVID *end() const { return ids_ + (count_ > 0 ? count_ : 0); }
+  const QVA_HVID *end() const { return ids_ + count_; }
   int size() const { return count_; }
-  // Hands the block back under a label the allocator reports against.
+  // Hands a block back under a label the allocator reports against.
   void freeLabelled(const char *label) {
-    QVA_MemFreeMSG_RET(ids_, label);
-    ids_ = nullptr;
+    if (ids_ != inline_) QVA_MemFreeMSG_RET(ids_, label);
+    ids_ = inline_;
     count_ = 0;
   }
 
  private:
   int count_ = 0;
-  QVA_HVID *ids_;
+  QVA_HVID *ids_ = inline_;
+  QVA_HVID inline_[kInline];
 };
 
 void reregisterAll(QVA_HVID list) {
@@ -136,12 +154,16 @@ std::string checkBehaviorMap(QVA_HVID map, std::vector<QVA_HVID> &heads) {
   return c.list_fault ? std::string(fault) + ": " + c.list_fault : fault;
 }
 
-}  // namespace
-
-QVA_HVID messagehandler_map(ClassPart handler) {
+// messagehandler_map, inline in the dispatch walk, which reads the map of
+// every handler it climbs past.
+inline QVA_HVID trustedBehaviorMap(ClassPart handler) {
   return fw_trustedMap(handler.hvid, &messagehandler_data(handler)->behaviors, checkBehaviorMap,
                        "QVAfwMessageHandler", "BEHAVIORS");
 }
+
+}  // namespace
+
+QVA_HVID messagehandler_map(ClassPart handler) { return trustedBehaviorMap(handler); }
 
 void messagehandler_setMap(ClassPart handler, QVA_HVID map) {
   messagehandler_data(handler)->behaviors = map;
@@ -184,7 +206,7 @@ namespace {
 // messagehandler_behaviorList, inline in the dispatch walk, which asks it
 // at every handler it climbs past.
 inline QVA_HVID listAt(ClassPart handler, QVA_HVID ident) {
-  QVA_HVID map = messagehandler_map(handler);
+  QVA_HVID map = trustedBehaviorMap(handler);
   // Most handlers a message climbs past scope nothing: an empty map
   // answers from its head, without a search.
   if (!map || map_rbh_deref(map)->FLINK == map) return 0;

@@ -425,4 +425,89 @@ TEST_F(ObjectTest, ErrorFromANestedMethodReachesTheOuterCaller) {
   EXPECT_EQ(qvahost::integer_value(outside.get()), 1) << "a temporary made before survives";
 }
 
+// OT_VIA(obj, method [, arg]): calls a procedure method of obj as a module
+// does, in one fused host call when g_fused, else validating the object and
+// calling QVA_ObjCallMethod.
+bool g_fused = false;
+void ot_via(int argc, QVA_VPTR argv[]) {
+  const char *name = QVA_STRING_STR(&argv[1]->value.str);
+  QVA_IDENT method = QVA_IdentHash(name, 0, 0, QVA_MSG_LONGJMP, 0);
+  QVA_VPTR args[] = {argc > 2 ? argv[2] : nullptr, nullptr};
+  const int n = argc > 2 ? 1 : 0;
+  if (g_fused) {
+    QVA_ObjCallProcMethod(method, argv[0]->value.hvid, n, args);
+  } else {
+    QVA_HVPTR self = QVA_ObjValidate(argv[0]->value.hvid, QVA_MSG_LONGJMP);
+    QVA_ObjCallMethod(QVA_MSG_LONGJMP, method, self, 0, n, args, nullptr, nullptr, 0);
+  }
+}
+
+// The fused call of a procedure method is the validated QVA_ObjCallMethod
+// in every outcome: what runs and with which arguments, a method recompiled
+// in between, one taking keywords, and each error (its code, text and the
+// routine it names), with nothing left behind.
+TEST_F(ObjectTest, AFusedProcedureMethodCallDoesWhatValidateAndCallMethodDo) {
+  static QVA_SYSFUN_DEF pros[] = {{QVA_RTN(ot_via), "OT_VIA", 2, 3, 0, 0}};
+  ASSERT_EQ(QVA_SysRtnAdd(pros, 0, 1), 1);
+  static std::string ran;
+  auto recorder = [](const char *label) {
+    return Does([label](int argc, QVA_VPTR argv[], QVA_KW_ARGS *argk) {
+      ran = std::string(label) + " self=" + std::to_string(argv[0]->value.hvid) +
+            " argc=" + std::to_string(argc) + " kw=" + std::to_string(qvahost::keywords_of(argk).size());
+      if (argc > 1) ran += " arg=" + std::to_string(Long(argv[1]));
+    });
+  };
+  qvahost::define_routine("OT_ANIMAL::BARK", false, 1, 2, false, recorder("bark"));
+  qvahost::define_routine("OT_ANIMAL::KEYED", false, 1, 2, true, recorder("keyed"));
+  qvahost::define_routine("OT_ANIMAL::ALONE", false, 1, 1, false, recorder("alone"));
+  Object dog(obj_new("OT_DOG"));
+  Tmp gone(obj_new("OT_ANIMAL")), five(qvahost::make_long(5));
+  hosttest::obj_destroy({gone.get()});
+  auto outcome = [&](QVA_VPTR obj, const char *method, bool with_arg) {
+    ran.clear();
+    Tmp name(qvahost::make_string(method));
+    std::vector<QVA_VPTR> args{obj, name.get()};
+    if (with_arg) args.push_back(five.get());
+    const qvahost::Accounting before = qvahost::accounting();
+    std::string out;
+    try {
+      call_procedure("OT_VIA", args);
+      out = ran;
+    } catch (const qvahost::HostError &e) {
+      out = std::to_string(e.code) + " " + e.report();
+    }
+    EXPECT_EQ(qvahost::accounting(), before) << method;
+    return out;
+  };
+  struct Case {
+    QVA_VPTR obj;
+    const char *method;
+    bool with_arg;
+    std::string expected;  // what both calls give
+  };
+  const std::string dog_id = std::to_string(Id(dog));
+  const Case cases[] = {
+      {dog.get(), "BARK", true, "bark self=" + dog_id + " argc=2 kw=0 arg=5"},
+      {dog.get(), "bark", false, "bark self=" + dog_id + " argc=1 kw=0"},
+      {dog.get(), "KEYED", true, "keyed self=" + dog_id + " argc=2 kw=0 arg=5"},
+      {dog.get(), "ALONE", true, "-101 % OT_ANIMAL::ALONE: Incorrect number of arguments."},
+      {dog.get(), "FAIL", true, "-3 % OT_DOG::FAIL: worker failed: 7"},
+      {dog.get(), "SPEAK", false,
+       "-107 % OT_VIA: Attempt to call undefined method: 'OT_DOG::SPEAK'."},
+      {gone.get(), "BARK", false,
+       "-108 % OT_VIA: Invalid object reference: <ObjHeapVar" + std::to_string(gone->value.hvid) + ">."},
+  };
+  for (const Case &c : cases)
+    for (bool fused : {false, true}) {
+      g_fused = fused;
+      EXPECT_EQ(outcome(c.obj, c.method, c.with_arg), c.expected)
+          << c.method << (fused ? " fused" : " general");
+    }
+  // Recompiled between two calls: the new body runs.
+  g_fused = true;
+  outcome(dog.get(), "BARK", false);
+  qvahost::define_routine("OT_DOG::BARK", false, 1, 2, false, recorder("recompiled"));
+  EXPECT_EQ(outcome(dog.get(), "BARK", true), "recompiled self=" + dog_id + " argc=2 kw=0 arg=5");
+}
+
 }  // namespace

@@ -279,6 +279,54 @@ TEST_F(NetworkTest, TheListIsSnapshotBeforeTheBehavioursRun) {
   EXPECT_EQ(Selves(), (Ids{first, second, first, added})) << "a newcomer waits for the next";
 }
 
+// A list longer than a snapshot holds in itself is copied into a block from
+// the host allocator: when that fails, the send ends before any behaviour
+// runs and leaves nothing behind.  Once copied, the long list runs as a
+// short one does: in order, and unchanged by what its behaviours register.
+TEST_F(NetworkTest, ALongListIsCopiedThroughTheHostAllocatorWhoseFailureRunsNone) {
+  constexpr int kMany = 20;
+  Ids made;
+  for (int i = 0; i < kMany; ++i)
+    made.push_back(NewBehavior("M", {.handler = a_, .scope = i == 0}));
+  const QVA_HVID msg = NewMessage("M", b_);
+  ReleaseTemps();
+  const qvahost::Accounting before = qvahost::accounting();
+  int failures = 0;
+  for (int n = 1;; ++n) {
+    g_log.clear();
+    qvahost::fail_allocation_after(n);
+    bool failed = false;
+    try {
+      Send(msg);
+    } catch (const qvahost::HostError &e) {
+      failed = true;
+      EXPECT_NE(e.text.find("Unable to allocate memory"), std::string::npos) << e.report();
+    }
+    qvahost::fail_allocation_after(0);
+    if (!failed) break;
+    ++failures;
+    EXPECT_TRUE(g_log.empty()) << "failed at allocation " << n;
+    ReleaseTemps();  // the message's reference the call was given
+    EXPECT_EQ(qvahost::accounting(), before);
+  }
+  EXPECT_GE(failures, 1) << "the copy of a long list is an allocation";
+  EXPECT_EQ(Selves(), made);
+  QVA_HVID added = 0;
+  g_hook = [&](QVA_HVID self, QVA_VPTR) {
+    if (self != made.front() || added) return;
+    added = NewBehavior("M", {.handler = a_});
+    Proc(made[kMany / 2], "UNREGISTER");
+  };
+  g_log.clear();
+  Send(msg);
+  EXPECT_EQ(Selves(), made) << "a newcomer waits; one unregistered still runs this time";
+  g_log.clear();
+  Send(msg);
+  made.erase(made.begin() + kMany / 2);
+  made.push_back(added);
+  EXPECT_EQ(Selves(), made);
+}
+
 TEST_F(NetworkTest, AnErrorOrADestroyedBehaviourEndsTheDispatchReleasingTheCopy) {
   const QVA_HVID first = NewBehavior("M", {.handler = a_, .scope = true});
   const QVA_HVID victim = NewBehavior("M", {.handler = a_});
