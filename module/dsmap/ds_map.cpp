@@ -4,10 +4,9 @@
 // alone: its data block begins at QVADSMAP_VERSION.
 #include "dsmap/ds_map.h"
 
-#include <cstring>
-
 #include "containers/maph.h"
 #include "containers/rbh_check.h"
+#include "frame/fw_text.h"
 #include "frame/fw_trusted_map.h"
 #include "frame/qva_cobalt.h"
 
@@ -50,7 +49,7 @@ int dsMap_compare(QVA_HVID a, QVA_HVID b) {
   QVA_VPTR vb = dsMap_makeVar(b);
   if (va->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(va, QVA_MSG_LONGJMP);
   if (vb->type != QVA_TYP_STRING) QVA_MessageVE_REQSTR(vb, QVA_MSG_LONGJMP);
-  return QVA_StrCmp(&va->value.str, &vb->value.str);
+  return fw_strCompare(&va->value.str, &vb->value.str);
 }
 
 QVA_HVID dsMap_makeHeapVar(QVA_VPTR v) { return QVA_HeapVarNew(QVA_TYP_PTR, v, 0, QVA_MSG_LONGJMP)->hash_id; }
@@ -79,9 +78,7 @@ int dsMap_compareProbe(void *ctx, QVA_HVID stored) {
   size_t len;
   const char *text = QVA_StrText(&vb->value.str, &len);
   if (!text || !pc->text) return QVA_StrCmp(&pc->var->value.str, &vb->value.str);
-  int c = std::memcmp(pc->text, text, pc->len < len ? pc->len : len);
-  if (c) return c < 0 ? -1 : 1;
-  return pc->len < len ? -1 : pc->len > len ? 1 : 0;
+  return fw_compareBytes(pc->text, pc->len, text, len);
 }
 
 // The entry with the probe's key (*found = 1), or the insertion point.

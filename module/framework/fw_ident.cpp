@@ -5,6 +5,7 @@
 
 #include "containers/map.h"
 #include "frame/fw_class.h"
+#include "frame/fw_text.h"
 
 namespace {
 
@@ -19,7 +20,7 @@ MAP_RB_NODE *_fw_IdentList_ = nullptr;
 MAP_RB_NODE *_fw_IdentGarbageList_ = nullptr;
 
 int fwIdentCompare(const void *a, const void *b) {
-  return QVA_StrCmp(static_cast<const QVA_STRING *>(a), static_cast<const QVA_STRING *>(b));
+  return fw_strCompare(static_cast<const QVA_STRING *>(a), static_cast<const QVA_STRING *>(b));
 }
 
 // Keys of the garbage list are heap identifiers stored in the key word.

@@ -3,6 +3,7 @@
 // A named event sent to a message handler.
 #include "framework/fw_message.h"
 
+#include "frame/fw_text.h"
 #include "frame/qva_cobalt.h"
 #include "framework/fw_hashndlr.h"
 #include "framework/fw_ident.h"
@@ -104,7 +105,7 @@ int messageIdentCompare(QVA_HVID searched, QVA_HVID stored) {
   QVA_HVPTR b = stored == searched ? a : QVA_HeapVarFind(stored);
   if (!a || !b || a->var.type != QVA_TYP_STRING || b->var.type != QVA_TYP_STRING)
     QVA_MessageFromBlock(qva_cobalt_msg_block, QVA_M_COBALT_FWMSG_IDCORRUPT, QVA_MSG_LONGJMP);
-  return a == b ? 0 : QVA_StrCmp(&a->var.value.str, &b->var.value.str);
+  return a == b ? 0 : fw_strCompare(&a->var.value.str, &b->var.value.str);
 }
 
 // ------------------------------------------------- registered routines
