@@ -18,11 +18,14 @@ struct map_rb_policy {
 
   static Node *at(Id n) { return n; }
   // A child that is an internal node is compared against its lmax entry
-  // next: as soon as the child's record is in, its lmax entry is fetched
-  // too, so that the search waits for one record per level, not two.
+  // next: as soon as the child's record is in, its lmax entry's key is
+  // fetched too, so that the search waits for one record per level, not
+  // two.  A 48-byte record may straddle two cache lines: both are fetched,
+  // and of the entry the line that holds the key.
   static void prefetch(Id n) {
     __builtin_prefetch(n);
-    if (n->status & MAP_RB_INTERNAL) __builtin_prefetch(n->lmax);
+    __builtin_prefetch(&n->val);
+    if (n->status & MAP_RB_INTERNAL) __builtin_prefetch(&n->lmax->key);
   }
   static Id &flink(Node *n) { return n->flink; }
   static Id &blink(Node *n) { return n->blink; }
