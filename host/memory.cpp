@@ -1,25 +1,30 @@
 // The host allocator, the failing-allocation hook and the live counters.
 //
 // Small blocks (up to kMaxPooled bytes) come from size classes.  Each class
-// carves 64 KiB pages of its own, cut from 1 MiB slabs, and every page keeps
-// its own free list and count of live blocks.  A class allocates from one
-// current page until it is full, then from another page with room; a page
-// whose last block is freed starts carving again from its beginning.  So a
-// structure built after a large one was freed gets blocks that lie side by
-// side in a few pages, not scattered over all the memory the large one had.
+// of each allocator interface (QVA_MemAlloc*, the host's raw records)
+// carves 64 KiB pages of its own, cut from 1 MiB slabs, and every page
+// keeps its own free list and count of live blocks.  A class allocates
+// from one current page until it is full, then from another page with
+// room; a page whose last block is freed starts carving again from its
+// beginning.  So a structure built after a large one was freed gets blocks
+// that lie side by side in a few pages, not scattered over all the memory
+// the large one had.
 //
-// Every small block has a 16-byte header with a magic word saying whether
-// it is live or free and which allocator API made it.  Slab memory is never
-// handed back and a page never changes class, so wherever a block once was,
-// a header can always be read: freeing twice, or freeing a pointer the host
-// never handed out, is a contract violation instead of heap corruption.
-// Whether an address lies in a slab is answered by a radix map of slab
-// numbers, without touching the address itself.  Larger blocks go to malloc
-// and are tracked in a table.
+// Blocks carry no header: they lie back to back, and what a free must know
+// is kept per page.  The page's record at its start says the class and the
+// interface of all its blocks, and a bitmap there has one bit per 16 bytes
+// of the page, set where a live block starts.  A free finds the page by
+// aligning the address down and checks the bit, so freeing twice, freeing
+// through the other interface or freeing a pointer the host never handed
+// out is a contract violation instead of heap corruption.  Slab memory is
+// never handed back and a page never changes class.  Whether an address
+// lies in a slab is answered by a radix map of slab numbers, without
+// touching the address itself.  Larger blocks go to malloc and are tracked
+// in a table.
 //
-// Under AddressSanitizer, headers and free blocks are poisoned, so a module
-// that overruns a pooled block is still caught.
-#include <array>
+// Under AddressSanitizer every block is preceded by a 16-byte poisoned
+// gap and free blocks are poisoned, so a module that overruns a pooled
+// block is still caught.
 #include <cinttypes>
 #include <cstddef>
 #include <cstdio>
@@ -30,43 +35,27 @@
 #include "asan.h"
 #include "internal.h"
 
-
 namespace qvahost {
 namespace {
 
 constexpr size_t kAlign = 16;
-constexpr size_t kHeader = 16;
 constexpr size_t kMaxPooled = 1024;
 constexpr size_t kClasses = kMaxPooled / kAlign;
 constexpr unsigned kSlabBits = 20;
 constexpr size_t kSlabSize = size_t{1} << kSlabBits;
 constexpr unsigned kPageBits = 16;
 constexpr size_t kPageSize = size_t{1} << kPageBits;
-// A page starts with its Page record; its blocks follow from kPageHeader
-// on, so that 64-byte blocks (48-byte payloads) fill whole cache lines.
-constexpr size_t kPageHeader = 64;
+#if defined(QVA_ASAN)
+constexpr size_t kGap = 16;  // poisoned bytes before each block
+#else
+constexpr size_t kGap = 0;
+#endif
 constexpr size_t kMaxBlock = size_t{1} << 40;  // larger requests are refused outright
 static_assert(alignof(std::max_align_t) >= kAlign, "malloc must align to 16");
 
 // Which API a block belongs to; freeing through the other one is a misuse.
-enum class Kind : uint32_t { Qva = 0x51A7B10C, Raw = 0x51A7B10D, Free = 0xF4EEB10C };
-
-struct Header {
-  Kind magic;
-  uint32_t size_class;  // payload is (size_class + 1) * 16 bytes
-  Header *next_free;    // only while free
-};
-static_assert(sizeof(Header) == kHeader);
-
-// Header accessors read poisoned memory on purpose.
-QVA_NO_ASAN Kind header_kind(const Header *h) { return h->magic; }
-QVA_NO_ASAN uint32_t header_class(const Header *h) { return h->size_class; }
-QVA_NO_ASAN Header *header_next(const Header *h) { return h->next_free; }
-QVA_NO_ASAN void header_set(Header *h, Kind k, uint32_t cls, Header *next) {
-  h->magic = k;
-  h->size_class = cls;
-  h->next_free = next;
-}
+enum class Kind : uint32_t { Qva = 0, Raw = 1 };
+constexpr size_t kKinds = 2;
 
 // Radix map of slab numbers (address >> kSlabBits) over a 48-bit address
 // space: 2^14 lazily made leaves of 2^14 bits each.
@@ -103,18 +92,23 @@ class SlabMap {
   uint64_t *root_[size_t{1} << kRootBits] = {};
 };
 
-// The record at the start of every page.  Blocks are carved at a fixed
-// stride from kPageHeader on; `bump` is where carving goes on, `high` how
-// far it ever went (blocks below it have headers, live or free).
+// The record at the start of every page; its blocks follow it.  Blocks are
+// carved at a fixed stride, `bump` is where carving goes on, `high` how far
+// it ever went (blocks below it were handed out once, live or free).
+// `live` has bit i set when a live block starts at byte 16 * i of the page.
+// A free block holds the next one of the page's free list in its first word.
 struct Page {
-  Header *free;  // freed blocks of this page
+  void *free;  // freed blocks of this page
   char *bump, *end, *high;
-  Page *prev, *next;  // the class's list of pages with room
+  Page *prev, *next;  // the pages with room of the same class and kind
   uint32_t cls;
+  Kind kind;
   uint32_t used;  // live blocks
-  bool listed;    // on the class's list
+  bool listed;    // on its class's list
+  alignas(64) uint64_t live[kPageSize / kAlign / 64];
 };
-static_assert(sizeof(Page) <= kPageHeader);
+constexpr size_t kBlocksStart = sizeof(Page);
+static_assert(kBlocksStart % 64 == 0, "blocks start on a cache line");
 
 // The pooled blocks.  Trivially destructible, so that blocks can still be
 // freed while static objects are destroyed at exit.
@@ -122,8 +116,8 @@ struct Pools {
   SlabMap slabs;
   char *pages = nullptr;  // the pages of the current slab not yet given out
   char *pages_end = nullptr;
-  Page *current[kClasses] = {};  // where each class allocates
-  Page *room[kClasses] = {};     // other pages of the class with free blocks
+  Page *current[kKinds][kClasses] = {};  // where each class allocates
+  Page *room[kKinds][kClasses] = {};     // other pages of the class with free blocks
 };
 constinit Pools g_pools;
 
@@ -137,26 +131,25 @@ Counters g_counters;
 int64_t g_fail_countdown = 0;  // 0: hook off
 int64_t g_since_hook = 0;
 
-constexpr size_t block_stride(uint32_t cls) { return kHeader + (cls + 1) * kAlign; }
-char *page_blocks(Page *pg) { return reinterpret_cast<char *>(pg) + kPageHeader; }
+constexpr size_t block_size(uint32_t cls) { return (cls + 1) * kAlign; }
+constexpr size_t block_stride(uint32_t cls) { return kGap + block_size(cls); }
+char *page_blocks(Page *pg) { return reinterpret_cast<char *>(pg) + kBlocksStart + kGap; }
+static_assert(sizeof(Page::live) * 8 == kPageSize / kAlign, "one live bit per 16 bytes");
 
-// Whether an offset within a page's blocks starts a block of class `cls`,
-// without a division: offsets are below 2^16 and strides below 2^11, so
-// multiplying by ceil(2^32 / stride) and keeping the high half divides
-// exactly.
-constexpr uint64_t stride_reciprocal(uint32_t cls) {
-  return ((uint64_t{1} << 32) + block_stride(cls) - 1) / block_stride(cls);
+// The live bit of the block starting at `p`, as a word of the bitmap and a
+// mask in it.
+struct LiveBit {
+  uint64_t *word;
+  uint64_t mask;
+};
+LiveBit live_bit(Page *pg, const void *p) {
+  size_t granule = (reinterpret_cast<uintptr_t>(p) & (kPageSize - 1)) / kAlign;
+  return {&pg->live[granule / 64], uint64_t{1} << (granule % 64)};
 }
-bool on_block_boundary(size_t offset, uint32_t cls) {
-  static constexpr auto reciprocals = [] {
-    std::array<uint64_t, kClasses> r{};
-    for (uint32_t c = 0; c < kClasses; ++c) r[c] = stride_reciprocal(c);
-    return r;
-  }();
-  size_t index = (offset * reciprocals[cls]) >> 32;
-  return index * block_stride(cls) == offset;
-}
-static_assert(kPageSize <= (size_t{1} << 16) && block_stride(kClasses - 1) < (size_t{1} << 11));
+
+// A free block's link to the next; free blocks are poisoned.
+QVA_NO_ASAN void *next_free(const void *block) { return *static_cast<void *const *>(block); }
+QVA_NO_ASAN void set_next_free(void *block, void *next) { *static_cast<void **>(block) = next; }
 
 bool new_slab(Pools &a) {
   void *slab = std::aligned_alloc(kSlabSize, kSlabSize);
@@ -171,60 +164,66 @@ bool new_slab(Pools &a) {
   return true;
 }
 
-Page *new_page(Pools &a, uint32_t cls) {
+Page *new_page(Pools &a, Kind kind, uint32_t cls) {
   if (a.pages == a.pages_end && !new_slab(a)) return nullptr;
   char *base = a.pages;
   a.pages += kPageSize;
-  QVA_UNPOISON(base, kPageHeader);
-  auto *pg = reinterpret_cast<Page *>(base);
+  QVA_UNPOISON(base, kBlocksStart);
+  auto *pg = new (base) Page{};
   size_t stride = block_stride(cls);
-  char *first = base + kPageHeader;
-  *pg = Page{nullptr, first, first + (kPageSize - kPageHeader) / stride * stride, first,
-             nullptr, nullptr, cls, 0, false};
+  char *first = page_blocks(pg);
+  pg->bump = pg->high = first;
+  pg->end = first + (kPageSize - kBlocksStart - kGap) / stride * stride;
+  pg->cls = cls;
+  pg->kind = kind;
   return pg;
 }
 
 void unlist(Pools &a, Page *pg) {
-  (pg->prev ? pg->prev->next : a.room[pg->cls]) = pg->next;
+  (pg->prev ? pg->prev->next : a.room[size_t(pg->kind)][pg->cls]) = pg->next;
   if (pg->next) pg->next->prev = pg->prev;
   pg->prev = pg->next = nullptr;
   pg->listed = false;
 }
 
 void list(Pools &a, Page *pg) {
+  Page *&room = a.room[size_t(pg->kind)][pg->cls];
   pg->prev = nullptr;
-  pg->next = a.room[pg->cls];
+  pg->next = room;
   if (pg->next) pg->next->prev = pg;
-  a.room[pg->cls] = pg;
+  room = pg;
   pg->listed = true;
 }
 
-// A free block of class `cls` from the current page, or from the next page
-// with room once the current one is full.
-Header *take_block(Pools &a, uint32_t cls) {
+// A block of class `cls` from the current page of the class, or from the
+// next page with room once the current one is full; marked live.
+void *take_block(Pools &a, Kind kind, uint32_t cls) {
+  Page *&current = a.current[size_t(kind)][cls];
   for (;;) {
-    Page *pg = a.current[cls];
+    Page *pg = current;
     if (pg) {
-      Header *h = pg->free;
-      if (h) {
-        pg->free = header_next(h);
+      void *b = pg->free;
+      if (b) {
+        pg->free = next_free(b);
       } else if (pg->bump != pg->end) {
-        h = reinterpret_cast<Header *>(pg->bump);
+        b = pg->bump;
         pg->bump += block_stride(cls);
         if (pg->bump > pg->high) pg->high = pg->bump;
       }
-      if (h) {
+      if (b) {
         pg->used++;
-        return h;
+        LiveBit bit = live_bit(pg, b);
+        *bit.word |= bit.mask;
+        return b;
       }
     }
-    Page *next = a.room[cls];
+    Page *next = a.room[size_t(kind)][cls];
     if (next) {
       unlist(a, next);
-    } else if (!(next = new_page(a, cls))) {
+    } else if (!(next = new_page(a, kind, cls))) {
       return nullptr;
     }
-    a.current[cls] = next;  // a full page leaves no trace until a block of it is freed
+    current = next;  // a full page leaves no trace until a block of it is freed
   }
 }
 
@@ -241,26 +240,25 @@ void *block_alloc(size_t size, Kind kind) {
     return p;
   }
   uint32_t cls = size == 0 ? 0 : static_cast<uint32_t>((size - 1) / kAlign);
-  Header *h = take_block(g_pools, cls);
-  if (!h) return nullptr;
-  header_set(h, kind, cls, nullptr);
-  void *p = reinterpret_cast<char *>(h) + kHeader;
-  QVA_UNPOISON(p, size);
+  void *p = take_block(g_pools, kind, cls);
+  if (p) QVA_UNPOISON(p, size);
   return p;
 }
 
-// Returns a block to its page.  A page that holds no live block any more
-// carves again from its start; one that was full gets on its class's list.
-void page_release(Pools &a, Page *pg, Header *h) {
+// Returns a live block to its page.  A page that holds no live block any
+// more carves again from its start; one that was full gets on its class's
+// list.
+void page_release(Pools &a, Page *pg, void *p, LiveBit bit) {
+  *bit.word &= ~bit.mask;
+  QVA_POISON(p, block_size(pg->cls));
   if (--pg->used == 0) {
-    header_set(h, Kind::Free, pg->cls, nullptr);
-    pg->free = nullptr;  // its blocks stay marked free
+    pg->free = nullptr;
     pg->bump = page_blocks(pg);
   } else {
-    header_set(h, Kind::Free, pg->cls, pg->free);
-    pg->free = h;
+    set_next_free(p, pg->free);
+    pg->free = p;
   }
-  if (!pg->listed && a.current[pg->cls] != pg) list(a, pg);
+  if (!pg->listed && a.current[size_t(pg->kind)][pg->cls] != pg) list(a, pg);
 }
 
 // Reports a free of something that is not a live block of its kind.
@@ -272,37 +270,46 @@ void page_release(Pools &a, Page *pg, Header *h) {
   return false;
 }
 
+// Why `p`, in a page given out whose live bit for it is clear, is no live
+// block: a block the page handed out once is free now, else `p` is no
+// block at all.
+[[gnu::cold, gnu::noinline]] const char *not_live(Page *pg, const char *p) {
+  const char *first = page_blocks(pg);
+  bool a_block =
+      p >= first && p < pg->high && static_cast<size_t>(p - first) % block_stride(pg->cls) == 0;
+  return a_block ? "was freed already" : "is not a block of the host allocator";
+}
+
 // Frees a block of `kind` and returns true; a pointer that is not a live
 // block of that kind is reported (with `api` and `label` naming the caller),
 // left alone, and false is returned.
 bool block_free(void *p, Kind kind, const char *api, const char *label) {
   Pools &a = g_pools;
   auto addr = reinterpret_cast<uintptr_t>(p);
-  auto misuse = [=](const char *why) { return misused_free(p, api, label, why); };
   if (a.slabs.contains(addr)) {
     // Pages of a slab are given out in order: those not given out yet lie
-    // from the page cursor of the current slab on.
+    // from the page cursor of the current slab on, and hold no record.
     auto *pg = reinterpret_cast<Page *>(addr & ~(kPageSize - 1));
-    char *at = reinterpret_cast<char *>(addr);
     auto *page = reinterpret_cast<char *>(pg);
-    bool given_out = page < a.pages || page >= a.pages_end;
-    if (!given_out || at < page_blocks(pg) + kHeader || at - kHeader >= pg->high ||
-        !on_block_boundary(static_cast<size_t>(at - kHeader - page_blocks(pg)), pg->cls))
-      return misuse("is not a block of the host allocator");
-    auto *h = reinterpret_cast<Header *>(at - kHeader);
-    Kind k = header_kind(h);
-    if (k == Kind::Free) return misuse("was freed already");
-    if (k != Kind::Qva && k != Kind::Raw) return misuse("is not a block of the host allocator");
-    if (k != kind) return misuse("belongs to the other allocator interface");
-    if (header_class(h) != pg->cls) return misuse("has a damaged block header");
-    page_release(a, pg, h);
-    QVA_POISON(p, (pg->cls + 1) * kAlign);
+    if (page >= a.pages && page < a.pages_end)
+      return misused_free(p, api, label, "is not a block of the host allocator");
+    LiveBit bit = live_bit(pg, p);
+    // Bits are set only where blocks start, and the record below the first
+    // block has none; a pointer into a block's first 16 bytes shares its
+    // bit but is not aligned.
+    if ((addr & (kAlign - 1)) != 0 || !(*bit.word & bit.mask))
+      return misused_free(p, api, label, not_live(pg, static_cast<char *>(p)));
+    if (pg->kind != kind)
+      return misused_free(p, api, label, "belongs to the other allocator interface");
+    page_release(a, pg, p, bit);
     return true;
   }
   auto &large = large_blocks();
   auto it = large.find(p);
-  if (it == large.end()) return misuse("is not a live block of the host allocator");
-  if (it->second != kind) return misuse("belongs to the other allocator interface");
+  if (it == large.end())
+    return misused_free(p, api, label, "is not a live block of the host allocator");
+  if (it->second != kind)
+    return misused_free(p, api, label, "belongs to the other allocator interface");
   large.erase(it);
   std::free(p);
   return true;

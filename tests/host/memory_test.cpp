@@ -8,6 +8,7 @@
 #include <set>
 #include <vector>
 
+#include "asan.h"
 #include "host_fixture.h"
 
 namespace {
@@ -110,6 +111,81 @@ TEST_F(MemoryTest, AFreeAfterItsPageEmptiedIsStillADoubleFree) {
     EXPECT_NE(err.find("was freed already"), std::string::npos) << err;
   }
 }
+
+// Small blocks carry no header: blocks of one size lie back to back (under
+// AddressSanitizer with a poisoned gap between them), and what a free needs
+// to know is kept by their page, so a wrong free is told apart as before.
+TEST_F(MemoryTest, BlocksLieBackToBackAndWrongFreesAreStillToldApart) {
+  constexpr size_t kSize = 48;  // a tree node
+#if defined(QVA_ASAN)
+  constexpr ptrdiff_t kStride = kSize + 16;
+#else
+  constexpr ptrdiff_t kStride = kSize;
+#endif
+  std::vector<char *> blocks(2000);
+  for (char *&p : blocks) p = static_cast<char *>(QVA_MemAllocQuiet(kSize));
+  int adjacent = 0;
+  for (size_t i = 1; i < blocks.size(); ++i) adjacent += blocks[i] - blocks[i - 1] == kStride;
+  EXPECT_GT(adjacent, 1990) << "all but the steps to a new page";
+
+  auto reason = [&](void *p, const std::function<void(void *)> &free) {
+    return ExpectViolations(1, [&] { free(p); });
+  };
+  auto mem_free = [](void *p) { QVA_MemFreeQuiet(p); };
+  auto raw_free = [](void *p) { qvahost::raw_free(p); };
+  EXPECT_NE(reason(blocks[5], raw_free).find("belongs to the other allocator interface"),
+            std::string::npos);
+  for (char *inside : {blocks[5] + 16, blocks[5] + 8, blocks[5] + kSize - 16})
+    EXPECT_NE(reason(inside, mem_free).find("is not a block of the host allocator"),
+              std::string::npos);
+  // Below the first block lies the page's own record.
+  auto *page =
+      reinterpret_cast<char *>(reinterpret_cast<uintptr_t>(blocks[0]) & ~uintptr_t{0xFFFF});
+  EXPECT_NE(reason(page + 64, mem_free).find("is not a block"), std::string::npos);
+  // Past the last block carved lies memory the page never handed out.
+  char *last = blocks.back();
+  if ((reinterpret_cast<uintptr_t>(last + 4 * kStride) >> 16) ==
+      (reinterpret_cast<uintptr_t>(last) >> 16)) {
+    EXPECT_NE(reason(last + 4 * kStride, mem_free).find("is not a block"), std::string::npos);
+  }
+
+  // A record of the host's own of the same size is in pages of its own.
+  void *record = qvahost::raw_alloc(kSize, false);
+  EXPECT_NE(reinterpret_cast<uintptr_t>(record) >> 16,
+            reinterpret_cast<uintptr_t>(blocks.back()) >> 16);
+  EXPECT_NE(reason(record, mem_free).find("belongs to the other allocator interface"),
+            std::string::npos);
+  qvahost::raw_free(record);
+
+  // Emptied pages carve again from their start: the blocks come back live
+  // from the same pages, once freeable each, and twice is caught.
+  auto pages = [&] {
+    std::set<uintptr_t> in;
+    for (char *p : blocks) in.insert(reinterpret_cast<uintptr_t>(p) >> 16);
+    return in;
+  };
+  std::set<uintptr_t> before = pages();
+  for (char *p : blocks) QVA_MemFreeQuiet(p);
+  EXPECT_NE(reason(blocks[7], mem_free).find("was freed already"), std::string::npos);
+  for (char *&p : blocks) p = static_cast<char *>(QVA_MemAllocQuiet(kSize));
+  EXPECT_EQ(pages(), before);
+  for (char *p : blocks) QVA_MemFreeQuiet(p);
+  EXPECT_NE(reason(blocks[1999], mem_free).find("was freed already"), std::string::npos);
+}
+
+#if defined(QVA_ASAN)
+// Blocks lie back to back, so only the poisoned gap before each block and
+// the poisoning of free blocks let the sanitizer build catch an overrun or a
+// use after free.
+TEST_F(MemoryTest, OverrunsAndUsesAfterFreeOfPooledBlocksAreCaught) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto *block = static_cast<volatile char *>(QVA_MemAllocQuiet(48));
+  EXPECT_DEATH(block[48] = 1, "use-after-poison");
+  EXPECT_DEATH(block[-1] = 1, "use-after-poison");
+  QVA_MemFreeQuiet(const_cast<char *>(block));
+  EXPECT_DEATH(block[0] = 1, "use-after-poison");
+}
+#endif
 
 TEST_F(MemoryTest, TheHookFailsExactlyTheNthAllocationWithTheLabel) {
   qvahost::fail_allocation_after(3);
