@@ -251,11 +251,10 @@ HeapVar *record_claim(Heap &h, int action, Page **page_out) {
   return &(*page_out)->records[page_index(id)];
 }
 
-// Makes the claimed record live with `value` (which may be its own).
-void record_commit(Heap &h, Page *page, HeapVar *rec, bool object, const QVA_VARIABLE &value) {
+// Makes the claimed record live with the value built in it.
+void record_commit(Heap &h, Page *page, HeapVar *rec, bool object) {
   rec->hv.hash_id = static_cast<QVA_HVID>(h.next_id++);
   rec->hv.flags = object ? QVA_HV_OBJECT : 0;
-  if (&value != &rec->hv.var) rec->hv.var = value;
   page->live++;
   counters().heap_vars++;
   if (object) counters().objects++;
@@ -292,7 +291,7 @@ HeapVar *heap_new(bool object, QVA_VPTR src, bool move, int action) {
     message(e.code, action, e.text);
     return nullptr;
   }
-  record_commit(h, page, rec, object, value);
+  record_commit(h, page, rec, object);
   if (block) move_into_block(rec, block);
   return rec;
 }
@@ -327,7 +326,7 @@ HeapVar *heap_new_zeroed(bool object, QVA_SDEF sdef, int action) {
   value.name = 0;
   value.value.s.arr = nullptr;
   value.value.s.sdef = sdef;
-  record_commit(h, page, rec, object, value);
+  record_commit(h, page, rec, object);
   return rec;
 }
 
@@ -381,12 +380,19 @@ QVA_HEAP_VAR *const *const QVA_HeapPages = qvahost::g_directory;
 
 using namespace qvahost;
 
+namespace {
+
+// Whether `type` names a kind of heap variable; reported when not.
+bool heap_type_ok(int type, int action) {
+  if (type == QVA_TYP_PTR || type == QVA_TYP_OBJREF) return true;
+  message(M_BAD_ARG, action, format("Heap variables are pointers or objects, not type code %d.", type));
+  return false;
+}
+
+}  // namespace
+
 QVA_HVPTR QVA_HeapVarNew(int type, QVA_VPTR src, int steal, int action) {
-  if (type != QVA_TYP_PTR && type != QVA_TYP_OBJREF) {
-    message(M_BAD_ARG, action,
-            format("Heap variables are pointers or objects, not type code %d.", type));
-    return nullptr;
-  }
+  if (!heap_type_ok(type, action)) return nullptr;
   bool object = type == QVA_TYP_OBJREF;
   if (object) {
     try {
@@ -402,11 +408,7 @@ QVA_HVPTR QVA_HeapVarNew(int type, QVA_VPTR src, int steal, int action) {
 }
 
 QVA_HVPTR QVA_HeapVarNewStruct(int type, QVA_SDEF sdef, int action) {
-  if (type != QVA_TYP_PTR && type != QVA_TYP_OBJREF) {
-    message(M_BAD_ARG, action,
-            format("Heap variables are pointers or objects, not type code %d.", type));
-    return nullptr;
-  }
+  if (!heap_type_ok(type, action)) return nullptr;
   if (!sdef) {
     message(M_STRUCT_UNKNOWN, action, "Structure type not defined: <none>.");
     return nullptr;

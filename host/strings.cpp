@@ -138,25 +138,6 @@ QVA_STRING copy_of(const QVA_STRING &d) {
   return out;
 }
 
-// memcmp's sign for n bytes.  Keys are mostly short and share prefixes:
-// comparing eight bytes at a time inline beats a library call for them.
-int compare_bytes(const char *a, const char *b, size_t n) {
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-  for (; n >= 8; a += 8, b += 8, n -= 8) {
-    uint64_t x, y;
-    std::memcpy(&x, a, 8);
-    std::memcpy(&y, b, 8);
-    if (x != y) return __builtin_bswap64(x) < __builtin_bswap64(y) ? -1 : 1;
-  }
-  for (; n; ++a, ++b, --n)
-    if (*a != *b) return static_cast<unsigned char>(*a) < static_cast<unsigned char>(*b) ? -1 : 1;
-  return 0;
-#else
-  int c = n ? std::memcmp(a, b, n) : 0;
-  return c < 0 ? -1 : c > 0 ? 1 : 0;
-#endif
-}
-
 }  // namespace
 
 uint32_t text_new(const char *s, size_t len) {
@@ -235,9 +216,7 @@ int QVA_StrCmp(const QVA_STRING *a, const QVA_STRING *b) {
   size_t la, lb;
   const char *ta = text_of(a, &la);
   const char *tb = text_of(b, &lb);
-  int c = compare_bytes(ta, tb, la < lb ? la : lb);
-  if (c) return c;
-  return la < lb ? -1 : la > lb ? 1 : 0;
+  return QVA_TextCompare(ta, la, tb, lb);
 }
 
 void QVA_StrDup(QVA_STRING *s, QVA_MEMINT n) {

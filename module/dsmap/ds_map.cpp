@@ -78,7 +78,7 @@ int dsMap_compareProbe(void *ctx, QVA_HVID stored) {
   size_t len;
   const char *text = QVA_StrText(&vb->value.str, &len);
   if (!text || !pc->text) return QVA_StrCmp(&pc->var->value.str, &vb->value.str);
-  return fw_compareBytes(pc->text, pc->len, text, len);
+  return QVA_TextCompare(pc->text, pc->len, text, len);
 }
 
 // The entry with the probe's key (*found = 1), or the insertion point.
