@@ -106,11 +106,15 @@ QVA_MAP_RBH_NODE *map_rbh_deref_slow(QVA_HVID n);
 // The fast path alone: the node's data when it sits in its record, else
 // null (the node may still be one in another form: ask map_rbh_peek).
 inline QVA_MAP_RBH_NODE *map_rbh_node_in_record(QVA_HVID n) {
-  QVA_HVPTR hv = QVA_HeapVarFind(n);
-  if (hv && !(hv->flags & QVA_HV_OBJECT) && hv->var.flags2 == QVA_V2_INLINE &&
-      hv->var.value.s.sdef == map_rbh_node_sdef_seen)
-    return reinterpret_cast<QVA_MAP_RBH_NODE *>(hv->idata);
-  return nullptr;
+  QVA_HEAP_VAR *page = QVA_HeapPages[n >> QVA_HEAP_PAGE_BITS];
+  if (__builtin_expect(!page, 0)) return nullptr;
+  QVA_HEAP_VAR *hv = page + (n & (QVA_HEAP_PAGE_SIZE - 1));
+  // Every test reads the one record line, so they are combined without
+  // short cuts into a single well-predicted branch.
+  const bool node = (hv->hash_id == n) & (n != 0) & !(hv->flags & QVA_HV_OBJECT) &
+                    (hv->var.flags2 == QVA_V2_INLINE) &
+                    (hv->var.value.s.sdef == map_rbh_node_sdef_seen);
+  return __builtin_expect(node, 1) ? reinterpret_cast<QVA_MAP_RBH_NODE *>(hv->idata) : nullptr;
 }
 
 inline QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {
