@@ -21,7 +21,7 @@ struct map_rbh_shape {
   // Keys strictly ascending under this comparison (null: any order).
   map_rbh_compare_fn cmp;
   // Null when an entry's key and value are acceptable, else the fault;
-  // called on each entry, in order, before any comparison (null: all
+  // called on each entry, in order, before its key is compared (null: all
   // accepted).
   const char *(*entry_fault)(void *ctx, QVA_HVID key, QVA_HVID val);
   void *ctx;

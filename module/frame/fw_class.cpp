@@ -54,7 +54,7 @@ void fw_requireScalarString(QVA_VPTR v, const char *routine) {
 }
 
 QVA_HVPTR fw_plainHeapVar(QVA_HVID id) {
-  QVA_HVPTR hv = QVA_HeapVarHashFind(id);
+  QVA_HVPTR hv = QVA_HeapVarFind(id);
   if (!hv || (hv->flags & (QVA_HV_OBJECT | QVA_HV_HELD)) || map_rbh_peek(id)) return nullptr;
   return hv;
 }

@@ -218,6 +218,27 @@ TEST_F(SessionTest, AFileListingHeapVariablesOutOfOrderRestoresAlike) {
   }
 }
 
+// Files written before keep their checksum: it is the CRC-32 of gzip and
+// zlib, whose check value is that of "123456789", and it runs on in pieces
+// as the writer sums a file piece by piece.
+TEST(SaveChecksum, IsTheStandardCrc32WholeOrInPieces) {
+  using qvahost::savefile::crc32;
+  using qvahost::savefile::crc32_update;
+  const auto *digits = reinterpret_cast<const uint8_t *>("123456789");
+  EXPECT_EQ(crc32(digits, 9), 0xCBF43926u);
+  EXPECT_EQ(crc32(digits, 0), 0u);
+  std::vector<uint8_t> bytes(100003);
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>((i * 2654435761u) >> 13);
+  const uint32_t whole = crc32(bytes.data(), bytes.size());
+  for (size_t cut : {size_t{0}, size_t{1}, size_t{63}, size_t{4096}, bytes.size()}) {
+    SCOPED_TRACE(cut);
+    uint32_t crc = crc32_update(0, bytes.data(), cut);
+    EXPECT_EQ(crc32_update(crc, bytes.data() + cut, bytes.size() - cut), whole);
+  }
+  bytes[50000] ^= 1;
+  EXPECT_NE(crc32(bytes.data(), bytes.size()), whole);
+}
+
 TEST_F(SessionTest, IdentifierRemapRanksDenseAndSparseSetsAlikeAndRefusesZeroAndRepeats) {
   using qvahost::savefile::IdRemap;
   for (QVA_HVID stride : {1u, 100000u}) {
