@@ -66,13 +66,7 @@ struct map_rbh_policy {
   static constexpr Id none = 0;
 
   static Node *at(Id n) { return map_rbh_deref(n); }
-  // The record holds the node's data, so one hint fetches all of it.
-  // Always inlined: as a function of its own it has no effect the compiler
-  // must keep, and calls to it are dropped.
-  [[gnu::always_inline]] static void prefetch(Id n) {
-    if (QVA_HEAP_VAR *page = QVA_HeapPages[n >> QVA_HEAP_PAGE_BITS])
-      __builtin_prefetch(page + (n & (QVA_HEAP_PAGE_SIZE - 1)));
-  }
+  [[gnu::always_inline]] static void prefetch(Id n) { map_rbh_prefetch(n); }
   static Id &flink(Node *n) { return n->FLINK; }
   static Id &blink(Node *n) { return n->BLINK; }
   static Id &parent(Node *n) { return n->PARENT; }

@@ -25,13 +25,6 @@ struct Frame {
   Subtree left;
 };
 
-// A hint that node `id`'s record is needed soon (a prefetch never faults,
-// whatever the identifier).
-void prefetch(QVA_HVID id) {
-  if (QVA_HEAP_VAR *page = QVA_HeapPages[id >> QVA_HEAP_PAGE_BITS])
-    __builtin_prefetch(page + (id & (QVA_HEAP_PAGE_SIZE - 1)));
-}
-
 // The node's data, read inline when it sits in its heap record.
 const QVA_MAP_RBH_NODE *node_at(QVA_HVID id) {
   if (const QVA_MAP_RBH_NODE *node = map_rbh_node_in_record(id)) return node;
@@ -91,7 +84,7 @@ class TreeCheck {
     if (n->FLINK == n->BLINK) return "an internal node has one node as both children";
     // The right child is met only after the whole left subtree: fetching
     // it now takes its load off the walk's path.
-    prefetch(n->BLINK);
+    map_rbh_prefetch(n->BLINK);
     stack_.push_back({id, n, 0, {}});
     return nullptr;
   }
