@@ -108,7 +108,7 @@ TEST_F(RbhCheckTest, EachKindOfDamageIsNamed) {
   QVA_HeapVarDelete(not_a_node, 0, 0);
 }
 
-TEST_F(RbhCheckTest, TwoRedChildrenOfARedNodeAndTheEntryCallbackAreSeen) {
+TEST_F(RbhCheckTest, TwoRedChildrenOfARedNodeAndTheEntryAndOrderCallbacksAreSeen) {
   QVA_HVID t = map_make_rbh();
   for (QVA_HVID k = 1; k <= 3; ++k) map_rbh_insert(t, k, 100 + k);
   const QVA_HVID root = d(t)->PARENT;
@@ -132,6 +132,26 @@ TEST_F(RbhCheckTest, TwoRedChildrenOfARedNodeAndTheEntryCallbackAreSeen) {
       &ctx};
   EXPECT_EQ(fault_of(t, refuse_three), "three is refused");
   EXPECT_EQ(seen, (std::vector<std::pair<QVA_HVID, QVA_HVID>>{{1, 101}, {2, 102}, {3, 103}}));
+
+  // Keys are compared with their neighbour in order, once each, and a key
+  // the entry test refuses is never compared.
+  static std::vector<std::pair<QVA_HVID, QVA_HVID>> compared;
+  static QVA_HVID refused;
+  const map_rbh_shape recorded{
+      [](QVA_HVID a, QVA_HVID b) {
+        compared.emplace_back(a, b);
+        return map_rbh_hcmp(a, b);
+      },
+      [](void *, QVA_HVID key, QVA_HVID) -> const char * { return key == refused ? "refused" : nullptr; },
+      nullptr};
+  compared.clear();
+  refused = 0;
+  EXPECT_EQ(fault_of(t, recorded), "");
+  EXPECT_EQ(compared, (std::vector<std::pair<QVA_HVID, QVA_HVID>>{{1, 2}, {2, 3}}));
+  compared.clear();
+  refused = 3;
+  EXPECT_EQ(fault_of(t, recorded), "refused");
+  for (const auto &[a, b] : compared) EXPECT_TRUE(a != 3 && b != 3) << a << " against " << b;
   map_rbh_free_tree(t);
 }
 
