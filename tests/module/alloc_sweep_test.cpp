@@ -86,6 +86,13 @@ QVA_HVID Bare(const std::string &cls) {
 
 QVA_HVID PingIdent() { return IdentOf("PING"); }
 
+// Registers at `handler` more behaviours for `message` than a dispatch
+// snapshot holds in itself, so that moving the list up the chain (when the
+// handler goes, or unscopes the message) copies it through the allocator.
+void AddLongList(QVA_HVID handler, const char *message) {
+  for (int i = 0; i < 20; ++i) New("QVAFWBEHAVIOR", Kw(handler, message));
+}
+
 // One call: the routine's arguments (a method's first is self) and keywords.
 struct Call {
   std::vector<QVA_VPTR> args;
@@ -282,6 +289,7 @@ const std::vector<Row> &Rows() {
          [](Net &n) {
            QVA_HVID leaf = NewHandler(n.h2);
            for (const char *m : {"PING", "LEAF"}) Scope(leaf, m);
+           AddLongList(leaf, "LEAF");
            return ByDestroy(leaf);
          }},
         {"QVAFWMESSAGEHANDLER::ADDBEHAVIOR", false,
@@ -297,9 +305,17 @@ const std::vector<Row> &Rows() {
          [](Net &n) { return Self(n.h2, {Str("PING")}); }},
         {"QVAFWMESSAGEHANDLER::SCOPEDMESSAGES", false, [](Net &n) { return Self(n.h2); }},
         {"QVAFWMESSAGEHANDLER::SCOPEMESSAGE", false,
-         [](Net &n) { return Self(n.h1, {Str("PING")}); }},
+         [](Net &n) {
+           AddLongList(n.h2, "PING");
+           return Self(NewHandler(n.h2), {Str("PING")});
+         }},
         {"QVAFWMESSAGEHANDLER::UNSCOPEMESSAGE", false,
-         [](Net &n) { return Self(n.h2, {Str("PING")}); }},
+         [](Net &n) {
+           QVA_HVID leaf = NewHandler(n.h2);
+           Scope(leaf, "LEAF");
+           AddLongList(leaf, "LEAF");
+           return Self(leaf, {Str("LEAF")});
+         }},
         {"QVAFWMESSAGEHANDLER::SENDMESSAGE", false,
          [](Net &n) { return Self(n.h2, {Str("NUM"), Long(8)}); }},
         {"QVAFWMESSAGEHANDLER::RESTORE", true, [](Net &n) { return Self(n.h2); }},
