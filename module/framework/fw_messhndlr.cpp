@@ -316,11 +316,11 @@ void messagehandler_cleanup(ClassPart handler) {
     // Marking runs no code of the behaviours, so the list cannot change
     // under the walk: it is read in place rather than copied, and a long
     // list cannot fail to be copied with the handler half torn down.
-    for (QVA_HVID b = maphBegin(list); b != list; b = map_rbh_deref(b)->FLINK) {
-      const QVA_HVID behavior = maphKey(b);
+    for (QVA_HVID entry = maphBegin(list); entry != list; entry = map_rbh_deref(entry)->FLINK) {
+      const QVA_HVID b = maphKey(entry);
       // A behaviour destroyed while listed here (one added with
       // ADDBEHAVIOR) has nothing left to mark.
-      if (QVA_ObjValidate(behavior, QVA_MSG_RET)) behavior_setRegistered(Behavior_from_hvid(behavior), 0);
+      if (QVA_ObjValidate(b, QVA_MSG_RET)) behavior_setRegistered(Behavior_from_hvid(b), 0);
     }
     maphFree(list);
   }

@@ -228,7 +228,8 @@ TEST(SaveChecksum, IsTheStandardCrc32WholeOrInPieces) {
   EXPECT_EQ(crc32(digits, 9), 0xCBF43926u);
   EXPECT_EQ(crc32(digits, 0), 0u);
   std::vector<uint8_t> bytes(100003);
-  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>((i * 2654435761u) >> 13);
+  for (size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<uint8_t>((i * 2654435761u) >> 13);
   const uint32_t whole = crc32(bytes.data(), bytes.size());
   for (size_t cut : {size_t{0}, size_t{1}, size_t{63}, size_t{4096}, bytes.size()}) {
     SCOPED_TRACE(cut);

@@ -142,7 +142,9 @@ TEST_F(RbhCheckTest, TwoRedChildrenOfARedNodeAndTheEntryAndOrderCallbacksAreSeen
         compared.emplace_back(a, b);
         return map_rbh_hcmp(a, b);
       },
-      [](void *, QVA_HVID key, QVA_HVID) -> const char * { return key == refused ? "refused" : nullptr; },
+      [](void *, QVA_HVID key, QVA_HVID) -> const char * {
+        return key == refused ? "refused" : nullptr;
+      },
       nullptr};
   compared.clear();
   refused = 0;
