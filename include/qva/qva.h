@@ -169,13 +169,18 @@ static inline int QVA_HeapVarStructIsOne(QVA_HVPTR hv) {
 #define QVA_HEAP_PAGE_SIZE (1u << QVA_HEAP_PAGE_BITS)
 extern QVA_HEAP_VAR *const *const QVA_HeapPages;
 
+/* The record slot of hvid, live or dead, or NULL when no page holds it.
+ * Safe to read for any hvid; whether it is hvid's is QVA_HeapVarFind's test. */
+static inline QVA_HEAP_VAR *QVA_HeapVarSlot(QVA_HVID hvid) {
+  QVA_HEAP_VAR *page = QVA_HeapPages[hvid >> QVA_HEAP_PAGE_BITS];
+  return page ? page + (hvid & (QVA_HEAP_PAGE_SIZE - 1)) : NULL;
+}
+
 /* The record named by hvid, or NULL when hvid names no heap variable (as
  * QVA_HeapVarHashFind). */
 static inline QVA_HVPTR QVA_HeapVarFind(QVA_HVID hvid) {
-  QVA_HEAP_VAR *page = QVA_HeapPages[hvid >> QVA_HEAP_PAGE_BITS];
-  if (!page) return NULL;
-  QVA_HEAP_VAR *rec = page + (hvid & (QVA_HEAP_PAGE_SIZE - 1));
-  return rec->hash_id == hvid && hvid != 0 ? rec : NULL;
+  QVA_HEAP_VAR *rec = QVA_HeapVarSlot(hvid);
+  return rec && rec->hash_id == hvid && hvid != 0 ? rec : NULL;
 }
 
 /* ------------------------------------------------------------ messages */

@@ -106,9 +106,8 @@ QVA_MAP_RBH_NODE *map_rbh_deref_slow(QVA_HVID n);
 // The fast path alone: the node's data when it sits in its record, else
 // null (the node may still be one in another form: ask map_rbh_peek).
 inline QVA_MAP_RBH_NODE *map_rbh_node_in_record(QVA_HVID n) {
-  QVA_HEAP_VAR *page = QVA_HeapPages[n >> QVA_HEAP_PAGE_BITS];
-  if (__builtin_expect(!page, 0)) return nullptr;
-  QVA_HEAP_VAR *hv = page + (n & (QVA_HEAP_PAGE_SIZE - 1));
+  QVA_HEAP_VAR *hv = QVA_HeapVarSlot(n);
+  if (__builtin_expect(!hv, 0)) return nullptr;
   // Every test reads the one record line, so they are combined without
   // short cuts into a single well-predicted branch.
   const bool node = (hv->hash_id == n) & (n != 0) & !(hv->flags & QVA_HV_OBJECT) &
@@ -122,8 +121,7 @@ inline QVA_MAP_RBH_NODE *map_rbh_node_in_record(QVA_HVID n) {
 // Always inlined: as a function of its own it has no effect the compiler
 // must keep, and calls to it are dropped.
 [[gnu::always_inline]] inline void map_rbh_prefetch(QVA_HVID n) {
-  if (QVA_HEAP_VAR *page = QVA_HeapPages[n >> QVA_HEAP_PAGE_BITS])
-    __builtin_prefetch(page + (n & (QVA_HEAP_PAGE_SIZE - 1)));
+  if (const QVA_HEAP_VAR *slot = QVA_HeapVarSlot(n)) __builtin_prefetch(slot);
 }
 
 inline QVA_MAP_RBH_NODE *map_rbh_deref(QVA_HVID n) {

@@ -221,7 +221,7 @@ TEST_F(SessionTest, AFileListingHeapVariablesOutOfOrderRestoresAlike) {
 // Files written before keep their checksum: it is the CRC-32 of gzip and
 // zlib, whose check value is that of "123456789", and it runs on in pieces
 // as the writer sums a file piece by piece.
-TEST(SaveChecksum, IsTheStandardCrc32WholeOrInPieces) {
+TEST_F(SessionTest, TheChecksumIsTheStandardCrc32WholeOrInPieces) {
   using qvahost::savefile::crc32;
   using qvahost::savefile::crc32_update;
   const auto *digits = reinterpret_cast<const uint8_t *>("123456789");
